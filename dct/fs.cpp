@@ -1,0 +1,228 @@
+#include "dct/fs.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "dct/fault.h"
+
+namespace {
+
+std::atomic<int> g_case_override{-1};
+
+// Fails with the injected errno, if any; -1 then, like the wrapped call.
+#define DCT_FAULT(op, path)                                  \
+    do {                                                     \
+        if (dct::fault_point((op), (path)) != 0) return -1;  \
+    } while (0)
+
+int remove_entry(const char* path, const struct stat*, int flag, struct FTW*) {
+    if (flag == FTW_DP || flag == FTW_D) return rmdir(path);
+    return unlink(path);
+}
+
+int copy_file_synced(const char* from, const char* to) {
+    int in = open(from, O_RDONLY | O_CLOEXEC);
+    if (in < 0) return -1;
+    struct stat st;
+    if (fstat(in, &st) != 0) {
+        int e = errno;
+        close(in);
+        errno = e;
+        return -1;
+    }
+    int out = open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+    if (out < 0) {
+        int e = errno;
+        close(in);
+        errno = e;
+        return -1;
+    }
+    char buf[65536];
+    int rc = 0;
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof(buf));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            rc = -1;
+            break;
+        }
+        if (n == 0) break;
+        ssize_t off = 0;
+        while (off < n) {
+            ssize_t w = write(out, buf + off, n - off);
+            if (w < 0) {
+                if (errno == EINTR) continue;
+                rc = -1;
+                break;
+            }
+            off += w;
+        }
+        if (rc != 0) break;
+    }
+    if (rc == 0 && safe_fsync(out) != 0) rc = -1;
+    int e = errno;
+    close(in);
+    if (close(out) != 0 && rc == 0) {
+        rc = -1;
+        e = errno;
+    }
+    if (rc != 0) unlink(to);
+    errno = e;
+    return rc;
+}
+
+}  // namespace
+
+int wa_access(const char* path, int mode) { return access(path, mode); }
+int wa_access(const std::string& path, int mode) { return wa_access(path.c_str(), mode); }
+
+int wa_stat(const char* path, struct stat* st) { return stat(path, st); }
+int wa_stat(const std::string& path, struct stat* st) { return wa_stat(path.c_str(), st); }
+
+DIR* wa_opendir(const char* path) { return opendir(path); }
+DIR* wa_opendir(const std::string& path) { return wa_opendir(path.c_str()); }
+
+int wa_createtree(const char* path, mode_t mode) {
+    DCT_FAULT(dct::fault_op::createtree, path);
+    if (path == nullptr || *path == '\0') {
+        errno = ENOENT;
+        return -1;
+    }
+    std::string p(path);
+    // Create each missing component from the top down.
+    for (size_t pos = 1; pos <= p.size(); ++pos) {
+        if (pos != p.size() && p[pos] != '/') continue;
+        std::string part = p.substr(0, pos);
+        if (part.empty() || part.back() == '/') continue;
+        if (mkdir(part.c_str(), mode) != 0) {
+            if (errno != EEXIST) return -1;
+            struct stat st;
+            if (stat(part.c_str(), &st) != 0) return -1;
+            if (!S_ISDIR(st.st_mode)) {
+                errno = ENOTDIR;
+                return -1;
+            }
+        }
+    }
+    return 0;
+}
+int wa_createtree(const std::string& path, mode_t mode) { return wa_createtree(path.c_str(), mode); }
+
+bool wa_isdir(const char* path) {
+    struct stat st;
+    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+bool wa_isdir(const std::string& path) { return wa_isdir(path.c_str()); }
+
+int wa_touch(const char* path) {
+    DCT_FAULT(dct::fault_op::touch, path);
+    int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return -1;
+    int rc = futimens(fd, nullptr);
+    int e = errno;
+    close(fd);
+    errno = e;
+    return rc;
+}
+int wa_touch(const std::string& path) { return wa_touch(path.c_str()); }
+
+int wa_rename(const char* from, const char* to) {
+    DCT_FAULT(dct::fault_op::rename, from);
+    return rename(from, to);
+}
+int wa_rename(const std::string& from, const std::string& to) { return wa_rename(from.c_str(), to.c_str()); }
+
+int wa_deletefile(const char* path) {
+    DCT_FAULT(dct::fault_op::deletefile, path);
+    return unlink(path);
+}
+int wa_deletefile(const std::string& path) { return wa_deletefile(path.c_str()); }
+
+int wa_deletedir(const char* path) {
+    DCT_FAULT(dct::fault_op::deletedir, path);
+    return rmdir(path);
+}
+int wa_deletedir(const std::string& path) { return wa_deletedir(path.c_str()); }
+
+int wa_deletetree(const char* path) {
+    DCT_FAULT(dct::fault_op::deletetree, path);
+    struct stat st;
+    if (lstat(path, &st) != 0) return -1;
+    if (!S_ISDIR(st.st_mode)) return unlink(path);
+    return nftw(path, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+int wa_deletetree(const std::string& path) { return wa_deletetree(path.c_str()); }
+
+int wa_syncdir(const char* path) {
+    DCT_FAULT(dct::fault_op::fsync, path);
+    int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    int rc = safe_fsync(fd);
+    int e = errno;
+    close(fd);
+    errno = e;
+    return rc;
+}
+int wa_syncdir(const std::string& path) { return wa_syncdir(path.c_str()); }
+
+int CreateTreeA(const char* path, mode_t mode) { return wa_createtree(path, mode); }
+int CreateTreeA(const std::string& path, mode_t mode) { return wa_createtree(path.c_str(), mode); }
+
+int FileMove(const char* from, const char* to) {
+    DCT_FAULT(dct::fault_op::filemove, from);
+    if (rename(from, to) == 0) return 0;
+    if (errno != EXDEV) return -1;
+    if (copy_file_synced(from, to) != 0) return -1;
+    return unlink(from);
+}
+int FileMove(const std::string& from, const std::string& to) { return FileMove(from.c_str(), to.c_str()); }
+
+int safe_fsync(int fd) {
+    if (dct::fault_point(dct::fault_op::fsync, "") != 0) return -1;
+    int rc;
+    do {
+        rc = fsync(fd);
+    } while (rc != 0 && errno == EINTR);
+    return rc;
+}
+
+int safe_ftruncate(int fd, off_t length) {
+    if (dct::fault_point(dct::fault_op::ftruncate, "") != 0) return -1;
+    int rc;
+    do {
+        rc = ftruncate(fd, length);
+    } while (rc != 0 && errno == EINTR);
+    return rc;
+}
+
+int dct_access(const char* path, int mode) { return access(path, mode); }
+
+char* dctstrcpy(char* dst, const char* src, size_t size) {
+    if (dst == nullptr || size == 0) return dst;
+    if (src == nullptr) src = "";
+    size_t n = strnlen(src, size - 1);
+    memcpy(dst, src, n);
+    dst[n] = '\0';
+    return dst;
+}
+
+bool OSIsCaseSensitive() {
+    int o = g_case_override.load();
+    if (o >= 0) return o != 0;
+    return true;
+}
+
+void ConvertStringCase(std::string& s) {
+    for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+}
+
+namespace dct {
+void set_case_sensitive_override(int value) { g_case_override.store(value < 0 ? -1 : (value != 0 ? 1 : 0)); }
+}  // namespace dct

@@ -1,0 +1,173 @@
+#include "dct/log.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <syslog.h>
+
+#include <memory>
+#include <mutex>
+
+namespace {
+
+int initial_trace_switch() {
+    const char* t = getenv("DCT_TRACE");
+    return (t != nullptr && strcmp(t, "1") == 0) ? 1 : 0;
+}
+
+// Writes "LEVEL [status] message" lines to a FILE (stderr or an appended file).
+class stream_sink {
+public:
+    stream_sink(FILE* f, bool owned) : f_(f), owned_(owned) {}
+    ~stream_sink() {
+        if (owned_ && f_ != nullptr) fclose(f_);
+    }
+    void write(dct::log_level level, cr_status_t status, const std::string& message) {
+        if (f_ == nullptr) return;
+        if (level == dct::log_level::trace) {
+            fprintf(f_, "%s %s\n", dct::log_level_name(level), message.c_str());
+        } else {
+            fprintf(f_, "%s [%u] %s\n", dct::log_level_name(level), status, message.c_str());
+        }
+        fflush(f_);
+    }
+
+private:
+    FILE* f_;
+    bool owned_;
+};
+
+dct::log_sink make_default_sink() {
+    const char* spec = getenv("DCT_LOG");
+    std::string choice = spec != nullptr ? spec : "";
+    if (choice == "none") {
+        return [](dct::log_level, cr_status_t, const std::string&) {};
+    }
+    if (choice == "stderr") {
+        auto s = std::make_shared<stream_sink>(stderr, false);
+        return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
+    }
+    if (choice.compare(0, 5, "file:") == 0) {
+        FILE* f = fopen(choice.c_str() + 5, "a");
+        if (f != nullptr) {
+            auto s = std::make_shared<stream_sink>(f, true);
+            return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
+        }
+        // An unusable file falls back to syslog below rather than losing records.
+    }
+    openlog(program_invocation_short_name, LOG_PID, LOG_USER);
+    return [](dct::log_level level, cr_status_t status, const std::string& message) {
+        int prio = LOG_DEBUG;
+        switch (level) {
+            case dct::log_level::error: prio = LOG_ERR; break;
+            case dct::log_level::warning: prio = LOG_WARNING; break;
+            case dct::log_level::info: prio = LOG_INFO; break;
+            case dct::log_level::trace: prio = LOG_DEBUG; break;
+        }
+        if (level == dct::log_level::trace) {
+            syslog(prio, "%s %s", dct::log_level_name(level), message.c_str());
+        } else {
+            syslog(prio, "%s [%u] %s", dct::log_level_name(level), status, message.c_str());
+        }
+    };
+}
+
+struct sink_state {
+    std::recursive_mutex mutex;
+    dct::log_sink installed;   // set by set_log_sink
+    dct::log_sink fallback;    // default sink, made at the first record that needs it
+};
+
+sink_state& state() {
+    static sink_state* s = new sink_state();  // never destroyed: logging may run at exit
+    return *s;
+}
+
+void emit(dct::log_level level, cr_status_t status, const char* format, va_list ap) {
+    char stack_buf[1024];
+    va_list copy;
+    va_copy(copy, ap);
+    int n = vsnprintf(stack_buf, sizeof(stack_buf), format, copy);
+    va_end(copy);
+    std::string message;
+    if (n < 0) {
+        message = format;
+    } else if (static_cast<size_t>(n) < sizeof(stack_buf)) {
+        message.assign(stack_buf, n);
+    } else {
+        message.resize(n + 1);
+        vsnprintf(&message[0], n + 1, format, ap);
+        message.resize(n);
+    }
+    sink_state& s = state();
+    std::lock_guard<std::recursive_mutex> guard(s.mutex);
+    if (s.installed) {
+        s.installed(level, status, message);
+        return;
+    }
+    if (!s.fallback) s.fallback = make_default_sink();
+    s.fallback(level, status, message);
+}
+
+}  // namespace
+
+std::atomic<int> __dctlog_trace_location{initial_trace_switch()};
+
+void ErrorA(cr_status_t status, const char* format, ...) {
+    int saved = errno;
+    va_list ap;
+    va_start(ap, format);
+    emit(dct::log_level::error, status, format, ap);
+    va_end(ap);
+    errno = saved;
+}
+
+void WarningA(cr_status_t status, const char* format, ...) {
+    int saved = errno;
+    va_list ap;
+    va_start(ap, format);
+    emit(dct::log_level::warning, status, format, ap);
+    va_end(ap);
+    errno = saved;
+}
+
+void InfoA(cr_status_t status, const char* format, ...) {
+    int saved = errno;
+    va_list ap;
+    va_start(ap, format);
+    emit(dct::log_level::info, status, format, ap);
+    va_end(ap);
+    errno = saved;
+}
+
+namespace dct {
+
+void set_log_sink(log_sink sink) {
+    sink_state& s = state();
+    std::lock_guard<std::recursive_mutex> guard(s.mutex);
+    s.installed = std::move(sink);
+}
+
+const char* log_level_name(log_level level) {
+    switch (level) {
+        case log_level::error: return "ERROR";
+        case log_level::warning: return "WARNING";
+        case log_level::info: return "INFO";
+        case log_level::trace: return "TRACE";
+    }
+    return "TRACE";
+}
+
+void trace_write(const char* format, ...) {
+    if (!__dctlog_trace_location.load(std::memory_order_relaxed)) return;
+    int saved = errno;
+    va_list ap;
+    va_start(ap, format);
+    emit(log_level::trace, CR_STATUS_NONE, format, ap);
+    va_end(ap);
+    errno = saved;
+}
+
+}  // namespace dct

@@ -1,0 +1,48 @@
+// Logging: ErrorA / WarningA / InfoA / __TraceA and the sink they write to.
+//
+// Every record is formatted once and handed to the current sink. The default
+// sink is chosen at the first record from the environment variable DCT_LOG:
+// "syslog" (default), "stderr", "file:PATH" (append) or "none". On stderr and in
+// a file a record is one line "LEVEL [status] message" ("TRACE message" for
+// traces). DCT_TRACE=1 turns tracing on at start. Standard output is never used.
+// All functions are thread-safe.
+#ifndef DCT_LOG_H_
+#define DCT_LOG_H_
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "dct/status.h"
+
+// Trace switch: non-zero = trace records are formatted and written.
+extern std::atomic<int> __dctlog_trace_location;
+
+void ErrorA(cr_status_t status, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void WarningA(cr_status_t status, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void InfoA(cr_status_t status, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+namespace dct {
+
+enum class log_level { error, warning, info, trace };
+using log_sink = std::function<void(log_level, cr_status_t status, const std::string& message)>;
+
+// Installs `sink` for every later record; an empty sink restores the default.
+void set_log_sink(log_sink sink);
+
+// "ERROR", "WARNING", "INFO", "TRACE".
+const char* log_level_name(log_level level);
+
+// Writes a trace record; callers use __TraceA, which checks the switch first.
+void trace_write(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace dct
+
+// Trace: nothing (not even the arguments) is evaluated while tracing is off.
+#define __TraceA(...)                                  \
+    do {                                               \
+        if (__dctlog_trace_location.load(std::memory_order_relaxed)) \
+            ::dct::trace_write(__VA_ARGS__);           \
+    } while (0)
+
+#endif  // DCT_LOG_H_
