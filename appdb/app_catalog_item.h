@@ -1,0 +1,99 @@
+// The catalog item: one application backup item as the catalog stores it, and
+// its text forms.
+//
+// The line form (to_string / from_string) is how items travel between callers
+// and the catalog library: the 28 fields in declaration order, each followed by
+// "|", written raw. The labelled form (to_json_string) is the verbose listing.
+// The item checksum lives in catalog_application_base::crc_value.
+#ifndef APPDB_APP_CATALOG_ITEM_H_
+#define APPDB_APP_CATALOG_ITEM_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <functional>
+#include <sstream>
+#include <string>
+
+namespace appdb {
+
+// Owner roles of an item (and user roles of the catalog operations).
+constexpr uint32_t APP_ROLE_ADMIN = 1;  // administrator, "admin"
+constexpr uint32_t APP_ROLE_APP = 4;    // application user, "app"
+
+// "admin" for 1, "app" for 4, "unknown role" for anything else.
+const char* owner_role_str(uint32_t role);
+
+// Formats a time (seconds) for the labelled form; an empty function means none.
+using time_formatter = std::function<std::string(int64_t)>;
+
+// A plain value type: no base, no virtual members, copied member-wise. The
+// checksum is never kept in the record; it is computed when needed.
+class app_catalog_item {
+public:
+    app_catalog_item();
+    app_catalog_item(const app_catalog_item& other);
+    app_catalog_item& operator=(const app_catalog_item& other);
+    ~app_catalog_item();
+
+    // The line form: every field in order followed by "|" (28 separators).
+    // 32-bit numbers as unsigned decimal; file_len and the four times as
+    // unsigned 64-bit decimal, so a negative time prints as its two's
+    // complement. Text is not escaped: a "|" inside a field breaks reading.
+    std::string to_string() const;
+
+    // The labelled form: "{\n", one line per field with its label padded to 25
+    // columns, then "}" without a newline. Times go through time_display, the
+    // owner role is shown as a word.
+    std::string to_json_string(std::function<std::string(int64_t)> formatter = nullptr) const;
+
+    // `formatter(t)` when a formatter is given, else `t` as signed decimal.
+    static std::string time_display(int64_t t, const time_formatter& formatter);
+
+    uint32_t version;
+    std::string file_name;
+    uint64_t file_len;
+    std::string backup_id;
+    std::string policy;
+    uint32_t policy_type;
+    uint32_t schedule_type;
+    uint32_t frag_nums;
+    std::string client;
+    std::string app_id;
+    std::string data_object;
+    int64_t app_expire_time;
+    int64_t orvo_expire_time;
+    int64_t backup_start_time;
+    int64_t backup_stop_time;
+    std::string owner;
+    uint32_t owner_role;
+    std::string description;
+    // Reserved text, stored and carried but never interpreted ("reserver" is
+    // also the column name).
+    std::string reserver0;
+    std::string reserver1;
+    std::string reserver2;
+    std::string reserver3;
+    std::string reserver4;
+    std::string reserver5;
+    std::string reserver6;
+    std::string reserver7;
+    std::string reserver8;
+    std::string reserver9;
+};
+
+// Reads the line form from `in` into `item`: tokens up to each "|" (a last
+// token without "|" runs to the end of the stream). Numbers are converted with
+// atol/atoll and never checked, so a bad number reads as 0 or its leading
+// digits. Returns true as soon as the 28th field is stored, leaving anything
+// after it unread; returns false when the stream ends earlier, with the fields
+// read so far already stored. While tracing is on, every token is traced.
+bool from_string(std::istringstream& in, app_catalog_item& item);
+
+// Continues the Adler-32 value `adler` over `length` bytes at `data`, exactly
+// as zlib's adler32: a null `data` returns 1, a zero length returns `adler`.
+uint32_t CRCAppend(uint32_t adler, const unsigned char* data, size_t length);
+
+}  // namespace appdb
+
+#endif  // APPDB_APP_CATALOG_ITEM_H_
