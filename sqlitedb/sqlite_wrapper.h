@@ -1,0 +1,158 @@
+// sqlite3_wrapper: one SQLite database file and its connection, behind a small
+// status-returning surface (open, create on demand, execute, transactions with
+// busy retries, single-value pragmas, close with busy retries, drop).
+//
+// Every operation returns a cr_status_t (dct/status.h) and logs its failure
+// once. The one SQLite failure that travels as an exception is corruption:
+// exec() (through on_db_error) and init_db() throw db_exception with status 67;
+// the transaction calls and the close sequence catch it and return its status.
+//
+// A wrapper is not locked: one thread uses it at a time. Contention between
+// connections is met by SQLite's busy timeout (10000 ms per statement), by the
+// transaction retries (60 tries, one second apart) and by the close retries.
+#ifndef SQLITEDB_SQLITE_WRAPPER_H_
+#define SQLITEDB_SQLITE_WRAPPER_H_
+
+#include <string>
+
+#include <sqlite3.h>
+
+#include "dct/status.h"
+
+namespace sqlitedb {
+
+// A SQLite result code, its text and the status it maps to.
+class db_exception {
+public:
+    // message = sqlite3_errstr(code), status = dberr_to_crstatus(code).
+    explicit db_exception(int code);
+    // message = msg, status = dberr_to_crstatus(code).
+    db_exception(int code, const char* msg);
+    // message = sqlite3_errstr(code), status = st.
+    db_exception(int code, cr_status_t st);
+    virtual ~db_exception();
+
+    virtual const char* what() const;
+    int errcode() const { return errcode_; }
+    cr_status_t cr_status() const { return cr_status_; }
+
+    // SQLite result code (extended codes allowed) -> status; the table is
+    // sqlitedb::sqlite_to_crstatus (sqlitedb/sqlite_status.h) with CANTOPEN -> 4.
+    static cr_status_t dberr_to_crstatus(int rc);
+
+private:
+    int errcode_;
+    std::string message_;
+    cr_status_t cr_status_;
+};
+
+class sqlite3_wrapper {
+public:
+    // Most rows a single query hands back.
+    static const unsigned int max_record_count_per_query = 10240;
+
+    // Stores `path`; no connection is made.
+    explicit sqlite3_wrapper(const std::string& path);
+    sqlite3_wrapper(const sqlite3_wrapper&) = delete;
+    sqlite3_wrapper& operator=(const sqlite3_wrapper&) = delete;
+
+    // Closes the connection, retrying a busy close 3 times.
+    virtual ~sqlite3_wrapper();
+
+    // Creates the tables of a new database; called by init_db() on a fresh
+    // file. The base creates nothing and returns 0.
+    virtual cr_status_t on_db_createtable();
+
+    // Receives each result row of exec() when exec() was given a non-null
+    // `user`. Returning non-zero makes SQLite abort the statement; the base
+    // returns -1.
+    virtual int on_db_callback(void* user, int argc, char** values, char** names);
+
+    // Runs `sql` (one or more statements). Never retries. Returns 0, 2 when not
+    // opened, or the mapped status of the failure; throws db_exception when the
+    // database is corrupt (status 67). Failing statements longer than 1024
+    // characters are logged cut to 1020 characters and "....".
+    virtual cr_status_t exec(const std::string& sql, void* user);
+
+    // Runs the whole content of `file` as one script through exec(). A file
+    // that cannot be opened reads as empty text and so yields 0. The flag is
+    // accepted and not used.
+    virtual cr_status_t exec_file(const std::string& file, bool);
+
+    // Opens the stored path (creating the file when missing) with a busy
+    // timeout of 10000 ms and extended result codes. A failure ends closed and
+    // returns the mapped status.
+    cr_status_t open_db();
+    // Closes any current connection (3 retries, whatever the outcome), stores
+    // `path` and opens it.
+    cr_status_t open_db(const std::string& path);
+
+    // Creates a new database file: 0 when already connected or created, 3 when
+    // a non-empty file exists (left alone). Creates the missing parent
+    // directories, opens, and calls on_db_createtable(). On any failure the
+    // connection is closed and the half-made file deleted. Throws db_exception
+    // when SQLite reports the file corrupt.
+    cr_status_t init_db();
+
+    // Opens an existing database without ever creating one: 0 when connected
+    // (or the open succeeded), 2 when the file is missing, 32 when it is empty
+    // or cannot be stat'ed.
+    cr_status_t checkopen();
+
+    bool is_open() const { return opened; }
+
+    // Rows changed by the last statement; 0 (logged) when not opened.
+    int get_changes();
+
+    // "BEGIN IMMEDIATE TRANSACTION;", "COMMIT TRANSACTION;",
+    // "ROLLBACK TRANSACTION;": a busy result is retried up to 60 times with a
+    // one-second sleep after each busy try. Returns 0, 2, 11 after the last
+    // try, 67 for corruption, or another mapped status.
+    cr_status_t begin_transaction();
+    cr_status_t commit_transaction();
+    cr_status_t rollback_transaction();
+
+    // Steps `sql` and returns true at the first row whose first column is
+    // exactly `expect`. When `result` is not null, every value read (up to and
+    // including the match) is appended to it with no separator. False when not
+    // opened, when the statement does not prepare, or when no row matched.
+    bool run_pragma(const std::string& sql, const std::string& expect, std::string* result);
+
+    // run_pragma("PRAGMA integrity_check;", "ok", &result).
+    bool run_integrity_check(std::string& result);
+
+    // Closes the connection. A busy close is retried `retries` times, one
+    // second apart; when still busy after retries + 1 calls the handle is
+    // abandoned and 0 returned, so that no caller blocks for ever. Any other
+    // failure keeps the connection and returns its status.
+    cr_status_t close_db(unsigned long retries);
+
+    // Closes (3 retries) and deletes the file. Returns 0 or the deletion's
+    // mapped status.
+    cr_status_t drop_db();
+
+    // Logs "[DBERR %08X]: %s" and returns the mapped status of `rc`; throws
+    // db_exception when that status is 67.
+    cr_status_t on_db_error(int rc);
+
+    // SQLite row callback of exec(): `ctx` is the exec's context; forwards to
+    // on_db_callback() when the exec was given a user pointer, else continues.
+    static int exec_callback(void* ctx, int argc, char** values, char** names);
+
+    std::string path;  // database file
+    sqlite3* handle;   // connection; null when not connected
+    bool opened;       // true only after a completely successful open
+
+private:
+    struct exec_context {
+        sqlite3_wrapper* self;
+        void* user;
+    };
+
+    cr_status_t run_transaction_statement(const char* function, const char* sql);
+    void forget_handle();
+};
+
+}  // namespace sqlitedb
+
+#endif  // SQLITEDB_SQLITE_WRAPPER_H_
