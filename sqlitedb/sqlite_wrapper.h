@@ -49,7 +49,7 @@ private:
 class sqlite3_wrapper {
 public:
     // Most rows a single query hands back.
-    static const unsigned int max_record_count_per_query = 10240;
+    static constexpr unsigned int max_record_count_per_query = 10240;
 
     // Stores `path`; no connection is made.
     explicit sqlite3_wrapper(const std::string& path);
@@ -135,8 +135,14 @@ public:
     // db_exception when that status is 67.
     cr_status_t on_db_error(int rc);
 
-    // SQLite row callback of exec(): `ctx` is the exec's context; forwards to
-    // on_db_callback() when the exec was given a user pointer, else continues.
+    // What exec() hands SQLite as the callback context.
+    struct exec_context {
+        sqlite3_wrapper* self;
+        void* user;
+    };
+
+    // SQLite row callback of exec(): `ctx` points to an exec_context; forwards
+    // to self->on_db_callback() when user is not null, else continues (0).
     static int exec_callback(void* ctx, int argc, char** values, char** names);
 
     std::string path;  // database file
@@ -144,11 +150,6 @@ public:
     bool opened;       // true only after a completely successful open
 
 private:
-    struct exec_context {
-        sqlite3_wrapper* self;
-        void* user;
-    };
-
     cr_status_t run_transaction_statement(const char* function, const char* sql);
     void forget_handle();
 };
