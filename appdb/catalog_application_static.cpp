@@ -28,7 +28,15 @@ public:
     void put_u64(uint64_t v) {
         if (sizeof(buf_) - used_ < 8) flush();
         unsigned char* p = buf_ + used_;
-        for (int i = 0; i < 8; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+        // Spelled out so that the compiler merges the stores into one.
+        p[0] = static_cast<unsigned char>(v);
+        p[1] = static_cast<unsigned char>(v >> 8);
+        p[2] = static_cast<unsigned char>(v >> 16);
+        p[3] = static_cast<unsigned char>(v >> 24);
+        p[4] = static_cast<unsigned char>(v >> 32);
+        p[5] = static_cast<unsigned char>(v >> 40);
+        p[6] = static_cast<unsigned char>(v >> 48);
+        p[7] = static_cast<unsigned char>(v >> 56);
         used_ += 8;
     }
 
