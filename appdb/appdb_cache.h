@@ -1,0 +1,98 @@
+// appdb_cache: SQLite connections to application databases kept open between
+// operations.
+//
+// A connection is either idle in the cache or handed out to exactly one
+// borrower until it is given back. When idle plus handed-out connections exceed
+// the capacity, the idle connection visited longest ago is closed (at most one
+// per create_db / return_db). When every connection is handed out the cache
+// may stay over capacity: a borrower's connection is never closed under it.
+//
+// Thread-safe: one mutex serialises every public operation, including the
+// closes with their one-second busy retries. No operation throws.
+#ifndef APPDB_APPDB_CACHE_H_
+#define APPDB_APPDB_CACHE_H_
+
+#include <pthread.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include "catalog_shadow/DirectoryLock.h"
+
+namespace appdb {
+
+// One open connection. Owned by the cache while idle, by the borrower while
+// handed out.
+struct appdb_value {
+    sqlite3* db;
+    unsigned long time_visit;  // last hand-out or return, ms since the epoch (dct::now_ms)
+};
+
+class appdb_cache {
+public:
+    // capacity = max(size, 2).
+    explicit appdb_cache(unsigned int size);
+    // Closes every idle connection, as close_all_db().
+    ~appdb_cache();
+    appdb_cache(const appdb_cache&) = delete;
+    appdb_cache& operator=(const appdb_cache&) = delete;
+
+    // Hands out the idle connection of `path`, or null when there is none
+    // (the caller then opens the file and registers it with create_db).
+    appdb_value* get_db(const std::string& path);
+
+    // Registers a freshly opened connection as handed out. On null (another
+    // connection to `path` is idle or handed out, or memory ran out) `db` has
+    // already been closed; a null `db` is refused without change.
+    appdb_value* create_db(const std::string& path, sqlite3* db);
+
+    // Gives a handed-out connection back. False when `path` is idle already or
+    // was not handed out; `v` then stays the caller's. A false caused by
+    // memory running out has closed the connection.
+    bool return_db(const std::string& path, appdb_value* v);
+
+    // Closes the idle connection of `path`; a handed-out one is left alone.
+    void close_db(const std::string& path);
+
+    // Closes every idle connection. Handed-out connections are not closed:
+    // their borrowers still own them and may return them later.
+    void close_all_db();
+
+    // Closes `db`, retrying a busy close: three close calls at most, one
+    // second apart; a connection still busy after them is left behind.
+    static void close_sqlite3_db(sqlite3* db, const std::string& path);
+
+    // Observers for tests and diagnostics; each takes the mutex.
+    bool check_invariant() const;
+    size_t idle_count() const;
+    size_t handed_out_count() const;
+    size_t priority_time_count() const;
+    unsigned int capacity() const { return capacity_; }
+
+private:
+    class scoped_mutex;
+
+    // Every helper below runs with mutex_ held.
+    void reclaim();
+    bool add_priority(unsigned long time, const std::string& path);
+    bool del_priority(unsigned long time, const std::string& path);
+    void log_state();
+    void clear_cache_priority();
+
+    std::map<std::string, appdb_value*> cache_;  // idle connections by path
+    // Paths of idle connections by their time_visit, in insertion order;
+    // the first entry is the least recently visited.
+    std::map<unsigned long, std::vector<std::string>*> cache_priority_;
+    std::set<std::string> no_return_cache_;  // paths handed out and not yet returned
+    const unsigned int capacity_;
+    mutable pthread_mutex_t mutex_;
+    CatalogDirectoryLock* dir_lock_;  // may be null if its allocation failed
+};
+
+}  // namespace appdb
+
+#endif  // APPDB_APPDB_CACHE_H_
