@@ -5,17 +5,90 @@
 
 #include <stdint.h>
 
+#include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <sqlite3.h>
+
 #include "appdb/app_catalog_item.h"
 #include "appdb/app_query.h"
+#include "appdb/appdb_cache.h"
+#include "appdb/authentication_application.h"
+#include "appdb/catalog_guards.h"
+#include "catalog_shadow/DirectoryLock.h"
 #include "dct/status.h"
+
+class CatalogShadowContext;
 
 namespace appdb {
 
-class catalog_application_base {
+// File name of every application database.
+extern const char* const app_db_filename;  // "app.db"
+
+// The public interface of the catalog of one data store. `user` is the
+// caller's user name (null reads as ""), `role` its role (1 administrator,
+// 4 application user). Every operation returns 0 or the status of its failure,
+// which it has logged; none throws.
+class catalog_application {
 public:
+    // Directory below the database root that holds the application databases.
+    static const std::string catalog_root_name_;  // "application"
+
+    virtual ~catalog_application();
+
+    // Adds the record given in its line form (app_catalog_item::to_string),
+    // creating the database of its client and policy when missing.
+    virtual cr_status_t update_catalog(const char* user, unsigned int role,
+                                       const std::string& item_text) = 0;
+    // Runs `query` (app_query grammar) and returns the records the user may
+    // read, in the list form ("" when none is left).
+    virtual cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                                     std::string& result) = 0;
+    // The same, returning the records.
+    virtual cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                                     std::vector<app_catalog_item>& result) = 0;
+    // Removes every record of the backup of a header image; any other image,
+    // or a backup without records, is a success that removes nothing.
+    virtual cr_status_t expire_catalog(const char* user, unsigned int role,
+                                       const std::string& client, const std::string& policy,
+                                       const std::string& image_name, bool lock) = 0;
+    // Removes the record named by a "name|" query.
+    virtual cr_status_t del_catalog(const char* user, unsigned int role,
+                                    const std::string& query) = 0;
+    // Closes the cached connection of the database directory `path`.
+    virtual cr_status_t close_db(const std::string& path, unsigned int n, bool lock) = 0;
+    // The first record of the backup an image belongs to; 72 when none.
+    virtual cr_status_t find_by_image_name(const std::string& client, const std::string& policy,
+                                           const std::string& image_name,
+                                           app_catalog_item& result, bool lock) = 0;
+    // The first record of a file name; 72 when none.
+    virtual cr_status_t find_by_file_name(const std::string& client, const std::string& policy,
+                                          const std::string& file_name, app_catalog_item& result,
+                                          bool lock) = 0;
+};
+
+// What the two implementations share: where the databases of a client and
+// policy lie, how they are created and opened (through the cache of open
+// connections), the row operations on the `catalog` table with their busy
+// retries, and the access rule.
+//
+// Databases live at app_root/CLIENT/POLICY/app.db with
+// app_root = database_root/application/DSID. The cache is keyed by the
+// database directory (to_db_full_path).
+class catalog_application_base : public catalog_application {
+public:
+    catalog_application_base(unsigned int dsid, const std::string& database_root,
+                             unsigned int cache_size);
+    ~catalog_application_base() override;
+    catalog_application_base(const catalog_application_base&) = delete;
+    catalog_application_base& operator=(const catalog_application_base&) = delete;
+
+    // Whether a shadow copy of the database of client and policy exists. The
+    // base has none: false.
+    virtual bool shadow_copy_exist(const std::string& client, const std::string& policy);
+
     // The item checksum stored in (and verified against) the row's crc column:
     // Adler-32 from 1 over version, file_name, file_len, backup_id,
     // policy_type, schedule_type, frag_nums, app_id, data_object, the four
@@ -34,7 +107,190 @@ public:
     // statement.
     static cr_status_t parse_query(const std::string& query, app_query& q, std::string& sql);
 
-    // ---- rest of the class follows ----
+    // SQLite result code -> status: sqlitedb::db_exception's table, except
+    // that CANTOPEN (14) is an input/output error here (21).
+    static cr_status_t dberr_to_crstatus(int rc);
+
+    // Busy timeout, in milliseconds, given to every connection this layer
+    // opens; 10000 unless changed. Process-wide; connections already open
+    // keep theirs. Lowering it lets tests provoke busy results quickly.
+    static void set_busy_timeout_ms(int ms);
+    static int busy_timeout_ms();
+
+    // ---- naming ----
+
+    // app_root/CLIENT/POLICY: the database directory, also the cache key.
+    std::string to_db_full_path(const std::string& client, const std::string& policy) const;
+    // to_db_full_path/app.db
+    std::string to_db_full_name(const std::string& client, const std::string& policy) const;
+    // The primary-key form of a name: the name itself.
+    std::string to_primary_name(const std::string& name);
+    // Whether the database file of client and policy exists.
+    bool db_existed(const std::string& client, const std::string& policy) const;
+
+    // ---- creation and opening ----
+
+    // Creates the directory (mode 0750) when missing and a new database with
+    // the `catalog` table and its backupid index. Returns 0, 4 when the
+    // directory cannot be made, or the mapped SQLite status; a file left by a
+    // failed table or index creation stays on disk.
+    cr_status_t create_db(const std::string& client, const std::string& policy);
+    // Creates the database of the item's client and policy unless it exists
+    // or has a shadow copy (a database with a shadow is left to recovery,
+    // never recreated empty). `created` tells whether a file was made.
+    cr_status_t need_create_db(const app_catalog_item& item, bool& created);
+    // Opens an existing database read-write (never creates one), with the busy
+    // timeout and extended result codes. On failure *db is null and the mapped
+    // status (21 for a missing file) is returned.
+    cr_status_t open_db(const std::string& client, const std::string& policy, sqlite3** db);
+    // Borrows the connection of client and policy from the cache, opening and
+    // registering it when the cache has none. The caller gives it back with
+    // the cache's return_db (Auto_Return_DB). Returns 0, the open's status, or
+    // 4 when the cache refuses the connection (it is in use elsewhere).
+    cr_status_t open_db_with_cached(const std::string& client, const std::string& policy,
+                                    appdb_value** value);
+
+    // ---- access rule and names ----
+
+    // The process's access rule; a logged denial adds
+    // "%s: auth failed owner %s user %s".
+    cr_status_t authenticate(const std::string& user, unsigned int role,
+                             const app_catalog_item* item, auth_application_ac access, bool log);
+    // Backup id of a backup-object name: the part before the last "_C", or for
+    // an "EVENT_" name the client followed by its "_"-delimited time part.
+    bool from_po_name_to_bid(const std::string& client, const std::string& policy,
+                             const std::string& po_name, std::string& backup_id);
+    // Whether `image_name` is a header image ("_HDR" at or after its last
+    // "_C"); if so its backup id is the part before that "_C".
+    bool is_HDR_image(const std::string& image_name, std::string& backup_id) const;
+
+    // ---- rows of the `catalog` table ----
+    //
+    // try_do_db_* make one attempt on a connection borrowed from the cache;
+    // do_db_* repeat it while the database is busy (status 11): at most 60
+    // tries, each busy one followed by DctSleep(1). The literal SQL of a
+    // change is handed back in `sql` (for the shadow journal) once binding
+    // succeeded.
+
+    // Binds the 28 columns of `item` to the prepared insert and writes its
+    // literal INSERT text (3072 bytes at most) into `sql`. Returns the SQLite
+    // code of the first failing bind, or 0.
+    int insert_row_app_table(sqlite3_stmt* stmt, const app_catalog_item& item, std::string& sql);
+    cr_status_t try_do_db_insert(const app_catalog_item& item, std::string& sql);
+    cr_status_t do_db_insert(const app_catalog_item& item, std::string& sql);
+
+    // Runs the SELECT `sql` chosen for `query` (parse_query; when empty it is
+    // taken from query.query_sql), verifying each row's checksum: a mismatch
+    // fails the whole query with 67. A database that is missing (and has no
+    // shadow) yields no rows and 0. `items` is emptied before every attempt.
+    cr_status_t try_do_db_query(const app_query& query, std::vector<app_catalog_item>& items,
+                                const std::string& sql);
+    cr_status_t do_db_query(const app_query& query, std::vector<app_catalog_item>& items,
+                            const std::string& sql);
+
+    // Binds `key_value` to parameter 1 of a prepared delete and writes the
+    // literal "DELETE FROM catalog WHERE key_name = (key_value)" into `sql`.
+    // Returns the bind's SQLite code.
+    int delete_row_app_table(sqlite3_stmt* stmt, const std::string& client,
+                             const std::string& policy, const std::string& key_name,
+                             const std::string& key_value, std::string& sql);
+    // A missing database is reported as the open failure.
+    cr_status_t try_do_db_delete_by_file_name(const std::string& client, const std::string& policy,
+                                              const std::string& file_name, std::string& sql);
+    cr_status_t do_db_delete_by_file_name(const std::string& client, const std::string& policy,
+                                          const std::string& file_name, std::string& sql);
+    // A database that is missing and has no shadow copy has nothing to delete:
+    // success, nothing opened.
+    cr_status_t try_do_db_delete_by_backup_id(const std::string& client,
+                                              const std::string& policy,
+                                              const std::string& backup_id, std::string& sql);
+    cr_status_t do_db_delete_by_backup_id(const std::string& client, const std::string& policy,
+                                          const std::string& backup_id, std::string& sql);
+
+    // Runs a single-value statement on the cached (idle) connection of client
+    // and policy; true at the first value equal to `expect`. Every value read
+    // is appended to *result when given. False when the cache holds no idle
+    // connection for it (nothing is opened here).
+    bool run_pragma(const std::string& client, const std::string& policy, const std::string& sql,
+                    const std::string& expect, std::string* result);
+    // "PRAGMA integrity_check;" gives "ok".
+    bool db_intergartion_check(const std::string& client, const std::string& policy);
+
+    // ---- shared steps of the operations ----
+
+    // Closes the cached connection of the database directory `path` (its
+    // last two components are client and policy). `n` is not used.
+    cr_status_t do_db_close(const std::string& path, unsigned int n);
+    // Deletes every record of the backup of a header image; other images are
+    // left alone (success).
+    cr_status_t expire_catalog_by_image_name(const std::string& client, const std::string& policy,
+                                             const std::string& image_name, std::string& sql);
+
+    unsigned int dsid;
+    std::string app_root;  // database_root/application/DSID, no trailing "/"
+    std::string db_name;   // "app.db"
+    std::unique_ptr<appdb_cache> cache;  // null when it could not be allocated
+    std::string db_type;   // "appdb": the kind name known to the shadow subsystem
+    std::string database_root;
+
+private:
+    static std::atomic<int> busy_timeout_ms_;
+};
+
+// The catalog operations directly on the databases, without shadow copies or
+// journals. Each operation works on one database directory under dir_lock.
+class catalog_application_impl : public catalog_application_base {
+public:
+    // dir_lock starts empty (no lock taken); the factory, or whoever builds
+    // the object directly, gives it its CatalogDirectoryLock.
+    catalog_application_impl(unsigned int dsid, const std::string& database_root,
+                             unsigned int cache_size);
+    ~catalog_application_impl() override;
+
+    cr_status_t update_catalog(const char* user, unsigned int role,
+                               const std::string& item_text) override;
+    cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                             std::string& result) override;
+    cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                             std::vector<app_catalog_item>& result) override;
+    cr_status_t expire_catalog(const char* user, unsigned int role, const std::string& client,
+                               const std::string& policy, const std::string& image_name,
+                               bool lock) override;
+    cr_status_t del_catalog(const char* user, unsigned int role, const std::string& query) override;
+    cr_status_t close_db(const std::string& path, unsigned int n, bool lock) override;
+    cr_status_t find_by_image_name(const std::string& client, const std::string& policy,
+                                   const std::string& image_name, app_catalog_item& result,
+                                   bool lock) override;
+    cr_status_t find_by_file_name(const std::string& client, const std::string& policy,
+                                  const std::string& file_name, app_catalog_item& result,
+                                  bool lock) override;
+
+    std::unique_ptr<CatalogDirectoryLock> dir_lock;
+
+private:
+    // The query behind find_by_image_name and find_by_file_name.
+    cr_status_t find_one(const char* function, const std::string& client,
+                         const std::string& policy, const std::string& query_text,
+                         const char* too_many_format, const std::string& key,
+                         app_catalog_item& result, bool lock);
+};
+
+// Kinds of catalog application the factory builds.
+enum application_d_t {
+    APP_D_CATALOG = 1,         // catalog_application_impl
+    APP_D_CATALOG_SHADOW = 2,  // catalog_application_impl_shadow
+};
+
+class catalog_application_factory {
+public:
+    // A new catalog application of `type` for data store `dsid`, owned by the
+    // caller, with a cache of `cache_size` connections and its own
+    // CatalogDirectoryLock; `shadow_ctx` (not owned) serves the shadow kind
+    // only. Null, logged, for an unknown type or when allocation fails.
+    static catalog_application* create_catalog(unsigned int dsid, const std::string& database_root,
+                                               application_d_t type,
+                                               CatalogShadowContext* shadow_ctx,
+                                               unsigned int cache_size);
 };
 
 }  // namespace appdb

@@ -1,0 +1,45 @@
+// Scope guards of the catalog row operations.
+#include "appdb/catalog_guards.h"
+
+#include "appdb/appdb_cache.h"
+#include "dct/log.h"
+
+namespace appdb {
+
+Auto_Return_DB::Auto_Return_DB(appdb_cache* cache, const std::string& path, appdb_value* value)
+    : cache_(cache), path_(path), value_(value) {}
+
+Auto_Return_DB::~Auto_Return_DB() {
+    if (cache_ == nullptr || value_ == nullptr) return;
+    try {
+        // A refused return has been logged by the cache. The cache refuses
+        // only when its books disagree with this borrow (or memory ran out,
+        // and then it closed the connection itself); the connection is not
+        // touched here, since the two cases cannot be told apart.
+        cache_->return_db(path_, value_);
+    } catch (const std::bad_alloc&) {
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "~Auto_Return_DB");
+    }
+}
+
+void release_stmt(sqlite3_stmt* stmt) {
+    // sqlite3_finalize(NULL) is a harmless no-op.
+    sqlite3_finalize(stmt);
+}
+
+void log_release_out_of_memory(const char* function) {
+    ErrorA(CR_STATUS_NOMEM, "%s: out of memory", function);
+}
+
+dir_lock_scope::dir_lock_scope(DirectoryLock* lock, const std::string& dir, const char* function)
+    : lock_(lock, dir), status_(CR_STATUS_OK) {
+    if (lock_.GetLockStringStatus() != CR_STATUS_OK) {
+        status_ = lock_.GetLockStringStatus();
+        ErrorA(status_, "%s: failed to get %s lock status", function, dir.c_str());
+    } else if (lock_.GetStatus() != CR_STATUS_OK) {
+        status_ = lock_.GetStatus();
+        ErrorA(status_, "%s: failed to lock %s", function, dir.c_str());
+    }
+}
+
+}  // namespace appdb
