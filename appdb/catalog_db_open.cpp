@@ -1,0 +1,134 @@
+// catalog_application_base: creating an application database with its schema,
+// deciding when to create one, and opening one directly or through the cache.
+#include "appdb/catalog_application.h"
+
+#include "appdb/catalog_table.h"
+#include "dct/fs.h"
+#include "dct/log.h"
+
+namespace appdb {
+
+namespace {
+
+// Runs one schema statement of create_db; logs and returns the mapped status
+// of a failure.
+cr_status_t exec_schema_statement(sqlite3* db, const std::string& name, const char* sql) {
+    char* message = nullptr;
+    const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &message);
+    if (rc == SQLITE_OK) return CR_STATUS_OK;
+    const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+    ErrorA(status, "%s: %s: failed to execute \"%s\", (%d, %s)", "create_db", name.c_str(), sql, rc,
+           message != nullptr ? message : sqlite3_errstr(rc));
+    sqlite3_free(message);
+    return status;
+}
+
+}  // namespace
+
+cr_status_t catalog_application_base::create_db(const std::string& client,
+                                                const std::string& policy) {
+    const std::string dir = to_db_full_path(client, policy);
+    if (wa_access(dir, 0) != 0 && CreateTreeA(dir, 0750) != 0) {
+        ErrorA(CR_STATUS_FAILED, "%s: can't create folder: %s", "create_db", dir.c_str());
+        return CR_STATUS_FAILED;
+    }
+    const std::string name = to_db_full_name(client, policy);
+    sqlite3* db = nullptr;
+    const int rc =
+        sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    if (rc != SQLITE_OK) {
+        const cr_status_t status = dberr_to_crstatus(rc);
+        ErrorA(status, "%s: could not open db %s, (%d, %s)", "create_db", name.c_str(), rc,
+               sqlite3_errstr(rc));
+        // SQLite hands out a handle even when the open fails; it holds no
+        // file, only memory, so it is released here.
+        sqlite3_close(db);
+        return status;
+    }
+    sqlite3_busy_timeout(db, busy_timeout_ms());
+    // A file left behind by a failed statement stays as it is: it is neither
+    // deleted nor repaired here.
+    cr_status_t status = exec_schema_statement(db, name, catalog_create_table_sql);
+    if (status == CR_STATUS_OK) status = exec_schema_statement(db, name, catalog_create_index_sql);
+    sqlite3_close(db);
+    return status;
+}
+
+cr_status_t catalog_application_base::need_create_db(const app_catalog_item& item, bool& created) {
+    created = false;
+    const std::string name = to_db_full_name(item.client, item.policy);
+    // A database with a shadow copy is never recreated empty: if it is
+    // missing, recovery brings it back with its rows.
+    if (shadow_copy_exist(item.client, item.policy)) return CR_STATUS_OK;
+    InfoA(CR_STATUS_OK, "%s: app db %s shadow doesn't exist", "need_create_db", name.c_str());
+    if (db_existed(item.client, item.policy)) {
+        WarningA(CR_STATUS_OK, "%s: app db %s no shadow but db exist", "need_create_db",
+                 name.c_str());
+        return CR_STATUS_OK;
+    }
+    InfoA(CR_STATUS_OK, "%s: app db %s doesn't exist, going to create it", "need_create_db",
+          name.c_str());
+    const cr_status_t status = create_db(item.client, item.policy);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to create db file %d", "need_create_db", static_cast<int>(status));
+        return status;
+    }
+    created = true;
+    return CR_STATUS_OK;
+}
+
+cr_status_t catalog_application_base::open_db(const std::string& client, const std::string& policy,
+                                              sqlite3** db) {
+    const std::string name = to_db_full_name(client, policy);
+    // Read-write without create: a missing database is an error here, never
+    // an empty new file.
+    int rc = sqlite3_open_v2(name.c_str(), db, SQLITE_OPEN_READWRITE, nullptr);
+    if (rc != SQLITE_OK) {
+        sqlite3_close(*db);  // memory only; see create_db
+        *db = nullptr;
+        const cr_status_t status = dberr_to_crstatus(rc);
+        ErrorA(status, "%s: could not open db %s,(%d, %s)", "open_db", name.c_str(), rc,
+               sqlite3_errstr(rc));
+        return status;
+    }
+    sqlite3_busy_timeout(*db, busy_timeout_ms());
+    rc = sqlite3_extended_result_codes(*db, 1);
+    if (rc != SQLITE_OK) {
+        // Plain result codes still map to the same statuses; go on.
+        ErrorA(dberr_to_crstatus(rc), "%s: Failed to set extended result code for (%d, %s)",
+               "open_db", rc, name.c_str());
+    }
+    return CR_STATUS_OK;
+}
+
+cr_status_t catalog_application_base::open_db_with_cached(const std::string& client,
+                                                          const std::string& policy,
+                                                          appdb_value** value) {
+    const std::string key = to_db_full_path(client, policy);
+    *value = nullptr;
+    if (cache) {
+        *value = cache->get_db(key);
+        if (*value != nullptr) return CR_STATUS_OK;
+    }
+    InfoA(CR_STATUS_OK, "%s: found no cache for %s", "open_db_with_cached", key.c_str());
+    sqlite3* db = nullptr;
+    const cr_status_t status = open_db(client, policy, &db);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to open db path %s", "open_db_with_cached", key.c_str());
+        return status;
+    }
+    // The cache closes the connection itself when it refuses it.
+    if (cache) {
+        *value = cache->create_db(key, db);
+    } else {
+        sqlite3_close(db);
+    }
+    if (*value == nullptr) {
+        ErrorA(CR_STATUS_FAILED, "%s: failed to create_db to cache for %s", "open_db_with_cached",
+               key.c_str());
+        return CR_STATUS_FAILED;
+    }
+    return CR_STATUS_OK;
+}
+
+}  // namespace appdb
