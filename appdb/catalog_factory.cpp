@@ -1,0 +1,59 @@
+// The factory of catalog applications.
+#include "appdb/catalog_application.h"
+
+#include <new>
+
+#include "dct/log.h"
+
+namespace appdb {
+
+namespace {
+
+// Gives `app` its own directory lock; deletes it and returns null when the
+// lock cannot be allocated.
+template <typename App>
+catalog_application* with_dir_lock(App* app) {
+    if (app == nullptr) return nullptr;
+    app->dir_lock.reset(new (std::nothrow) CatalogDirectoryLock());
+    if (!app->dir_lock) {
+        delete app;
+        return nullptr;
+    }
+    return app;
+}
+
+}  // namespace
+
+catalog_application* catalog_application_factory::create_catalog(unsigned int dsid,
+                                                                  const std::string& database_root,
+                                                                  application_d_t type,
+                                                                  CatalogShadowContext* shadow_ctx,
+                                                                  unsigned int cache_size) {
+    const char* const fn = "create_catalog";
+    (void)shadow_ctx;  // used by the shadow-protected kind only
+    catalog_application* app = nullptr;
+    try {
+        switch (type) {
+        case APP_D_CATALOG:
+            app = with_dir_lock(
+                new (std::nothrow) catalog_application_impl(dsid, database_root, cache_size));
+            break;
+        case APP_D_CATALOG_SHADOW:
+            // The shadow-protected kind is built here once it exists:
+            //   app = with_dir_lock(new (std::nothrow) catalog_application_impl_shadow(
+            //       dsid, database_root, cache_size, shadow_ctx));
+            // Until then it is refused like an unknown type.
+            [[fallthrough]];
+        default:
+            ErrorA(CR_STATUS_NONE, "%s: unsupported application type %d", fn,
+                   static_cast<int>(type));
+            return nullptr;
+        }
+    } catch (const std::bad_alloc&) {
+        app = nullptr;
+    }
+    if (app == nullptr) ErrorA(CR_STATUS_NOMEM, "%s: out of memory", fn);
+    return app;
+}
+
+}  // namespace appdb
