@@ -1,0 +1,144 @@
+#include "appdb/catalog_list.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "appdb/app_catalog_item.h"
+#include "appdb/catalog_application.h"
+#include "catalog_shadow/DirectoryLock.h"
+#include "dct/log.h"
+#include "dct/status.h"
+
+namespace {
+
+// Literal components of a catalog directory path.
+const char kDatabasesDir[] = "databases";
+const char kApplicationDir[] = "application";
+
+// The listing reads as administrator, so the access rule drops nothing.
+const char kListUser[] = "";
+const unsigned int kListRole = 1;
+
+// Open databases kept per data store while its directories are listed.
+const unsigned int kListCacheSize = 5;
+
+// Writes `text` and a newline to standard output. fwrite, not fputs: a text
+// field may hold a NUL byte, which must not cut the line short.
+void print_line(const std::string& text) {
+    fwrite(text.data(), 1, text.size(), stdout);
+    fputc('\n', stdout);
+}
+
+}  // namespace
+
+OpList::OpList(const std::string& backup_id_pattern, bool verbose)
+    : backup_id_(backup_id_pattern), verbose_(verbose) {}
+
+int OpList::operator()(const DirItem& item) const {
+    if (!item.is_dir) return 0;
+    try {
+        list_catalog(item.fullpath);
+    } catch (const std::bad_alloc&) {
+        // The walk goes on; what this directory printed so far stays printed.
+        ErrorA(CR_STATUS_NONE, "%s: out of memory", "operator()");
+    }
+    return 0;
+}
+
+void OpList::list_catalog(const std::string& dir) const {
+    std::string client;
+    std::string policy;
+    std::unique_ptr<appdb::catalog_application> app(parse_path(dir, client, policy));
+    if (!app) return;
+
+    fputc('[', stdout);
+    fwrite(dir.data(), 1, dir.size(), stdout);
+    fputs("]\n", stdout);
+
+    const std::string query = "backup_id|" + client + "," + policy + "," + backup_id_;
+    std::vector<appdb::app_catalog_item> items;
+    cr_status_t status = app->find_catalog(kListUser, kListRole, query, items);
+    if (status != CR_STATUS_OK) {
+        ErrorA(CR_STATUS_NONE, "%s: find catalog failed by %s", "operator()", query.c_str());
+        return;
+    }
+
+    for (const appdb::app_catalog_item& it : items) {
+        print_line(verbose_ ? it.to_json_string(nullptr) : it.to_string());
+    }
+    // Closes every database of this data store before the walk goes on.
+    app.reset();
+
+    printf("total app catalog %u\n", static_cast<unsigned int>(items.size()));
+    fputc('\n', stdout);
+}
+
+appdb::catalog_application* OpList::parse_path(const std::string& path, std::string& client,
+                                               std::string& policy) const {
+    const std::string databases_mark = std::string("/") + kDatabasesDir + "/";
+    const size_t mark = path.rfind(databases_mark);
+    if (mark == std::string::npos) {
+        __TraceA("path %s database root is not correct\n", path.c_str());
+        return nullptr;
+    }
+
+    // DBROOT/databases, without the slash after it.
+    const std::string database_root = path.substr(0, mark + databases_mark.size() - 1);
+    const std::string app_root = database_root + "/" + kApplicationDir;
+    if (path.rfind(app_root) == std::string::npos) {
+        __TraceA("database_app_root=%s\n", app_root.c_str());
+        return nullptr;
+    }
+
+    // The application root is a prefix of the path by construction, so the
+    // data-store id starts one past its end, after a "/".
+    const size_t start = app_root.size() + 1;
+    if (start >= path.size() || path[start - 1] != '/') {
+        // Past the end there is no character; the string's terminator is shown.
+        __TraceA("path %s database_app_root %s %c\n", path.c_str(), app_root.c_str(),
+                 path.c_str()[std::min(start, path.size())]);
+        return nullptr;
+    }
+
+    const uint32_t dsid = static_cast<uint32_t>(atol(path.c_str() + start));
+
+    const size_t dsid_end = path.find('/', start);
+    if (dsid_end == std::string::npos) {
+        __TraceA("path %s dsid is not correct\n", path.c_str());
+        return nullptr;
+    }
+    const size_t client_end = path.find('/', dsid_end + 1);
+    if (client_end == std::string::npos) {
+        __TraceA("path %s client is not correct\n", path.c_str());
+        return nullptr;
+    }
+    if (path.find('/', client_end + 1) != std::string::npos) {
+        __TraceA("path %s policy is not correct\n", path.c_str());
+        return nullptr;
+    }
+    client = path.substr(dsid_end + 1, client_end - dsid_end - 1);
+    policy = path.substr(client_end + 1);
+
+    __TraceA("client %s policy %s dsid %u database_root %s\n", client.c_str(), policy.c_str(), dsid,
+             database_root.c_str());
+
+    appdb::catalog_application_impl* app = nullptr;
+    try {
+        app = new (std::nothrow) appdb::catalog_application_impl(dsid, database_root, kListCacheSize);
+        if (app == nullptr) {
+            ErrorA(CR_STATUS_NONE, "%s: out of memory", "parse_path");
+            return nullptr;
+        }
+        app->dir_lock.reset(new CatalogDirectoryLock());
+    } catch (const std::bad_alloc&) {
+        ErrorA(CR_STATUS_NONE, "%s: out of memory", "create_catalog");
+        delete app;
+        return nullptr;
+    }
+    return app;
+}

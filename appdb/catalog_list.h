@@ -1,0 +1,52 @@
+// The listing functor of kavrel: handed to TraverseDir, it recognises every
+// per-policy catalog directory DBROOT/databases/application/DSID/CLIENT/POLICY
+// below the database root and prints the catalog items it holds whose backup
+// id matches a pattern.
+#ifndef APPDB_CATALOG_LIST_H_
+#define APPDB_CATALOG_LIST_H_
+
+#include <string>
+
+#include "dct/fileutil.h"
+
+namespace appdb {
+class catalog_application;
+}  // namespace appdb
+
+// Copied by value into every level of the walk, so it holds only its two
+// settings. Everything goes to standard output: for each catalog directory
+// "[" + path + "]", one item per line, "total app catalog N" and an empty
+// line. Failures are logged and never stop the walk.
+class OpList {
+public:
+    // `backup_id_pattern` is a GLOB pattern ("*" lists everything); `verbose`
+    // selects the labelled form of the items instead of the line form.
+    OpList(const std::string& backup_id_pattern, bool verbose);
+
+    // Walk callback. Ignores entries that are not directories and directories
+    // that are not catalog directories; lists the others. Always returns 0, so
+    // the walk goes on and also descends into catalog directories.
+    int operator()(const DirItem& item) const;
+
+    // Accepts exactly DBROOT/databases/application/DSID/CLIENT/POLICY with no
+    // "/" inside POLICY (which may be empty). On success fills `client` and
+    // `policy` and returns a new plain catalog application for data store DSID
+    // below DBROOT/databases (open-database cache of 5, its own directory
+    // lock), owned by the caller. DSID is read with atol, so a non-numeric
+    // component reads as 0 and is accepted. Returns null (traced, or logged
+    // when out of memory) for any other path.
+    appdb::catalog_application* parse_path(const std::string& path, std::string& client,
+                                           std::string& policy) const;
+
+    const std::string& backup_id_pattern() const { return backup_id_; }
+    bool verbose() const { return verbose_; }
+
+private:
+    // Lists `dir` when it is a catalog directory.
+    void list_catalog(const std::string& dir) const;
+
+    std::string backup_id_;
+    bool verbose_;
+};
+
+#endif  // APPDB_CATALOG_LIST_H_
