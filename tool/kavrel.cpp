@@ -1,0 +1,116 @@
+// kavrel: read-only listing of the application catalog of a storage pool.
+//
+// Finds the pool's CR configuration file through the registry file, takes the
+// database root from it (or from -dbpath), walks the tree below the root and
+// prints the items of every catalog directory whose backup id matches a
+// pattern. Exit status 0 after a listing, whatever it met on the way (that is
+// logged); 255 for a usage error or a missing CR configuration file.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+
+#include "appdb/catalog_list.h"
+#include "appdb/kavrel_config_names.h"
+#include "dct/fileutil.h"
+#include "dct/fs.h"
+#include "dct/inifile.h"
+#include "dct/log.h"
+#include "dct/status.h"
+
+namespace {
+
+const size_t kPathBufferSize = 4096;
+
+void usage() {
+    puts("Query application catalog database.");
+    puts("Usage:\tkavrel [-listall] [-listbybackupid bid] [-dbpath path] [-v] [-h]");
+    puts("Example:");
+    puts("\tkavrel -listall");
+    puts("\tkavrel -listbybackupid backupid");
+    puts("\tkavrel -h\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc <= 1) {
+        usage();
+        return -1;
+    }
+
+    // The configuration is located before any option is looked at: without
+    // it the tool does nothing at all, not even print its usage.
+    char registry[kPathBufferSize];
+    const char* env = getenv(appdb::kRegistryEnv);
+    dctstrcpy(registry, (env != nullptr && *env != '\0') ? env : appdb::kRegistryDefaultPath,
+              sizeof(registry));
+
+    char cr_config[kPathBufferSize];
+    memset(cr_config, 0, kPathBufferSize - 1);
+    cr_config[kPathBufferSize - 1] = '\0';
+    InifileGetPathA(registry, appdb::kRegistrySection, appdb::kRegistryConfigFileKey, nullptr,
+                    cr_config, kPathBufferSize - 1);
+    if (wa_access(cr_config, 0) != 0) {
+        ErrorA(CR_STATUS_MISSING, "Failed to locate CR configuration file");
+        return -1;
+    }
+
+    char config_root[kPathBufferSize];
+    config_root[0] = '\0';
+    InifileGetPathA(cr_config, appdb::kConfigPathsSection, appdb::kConfigDatabaseKey, nullptr,
+                    config_root, kPathBufferSize - 1);
+    std::string root = config_root;
+
+    bool listing = false;
+    bool verbose = false;
+    std::string pattern;
+    for (int i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        if (strcmp(arg, "-listall") == 0) {
+            listing = true;
+            pattern = "*";
+        } else if (strcmp(arg, "-listbybackupid") == 0) {
+            if (i + 1 >= argc) {
+                usage();
+                return -1;
+            }
+            listing = true;
+            pattern = argv[++i];
+        } else if (strcmp(arg, "-dbpath") == 0) {
+            if (i + 1 >= argc) {
+                usage();
+                return -1;
+            }
+            root = argv[++i];
+        } else if (strcmp(arg, "-v") == 0) {
+            verbose = true;
+        } else {
+            usage();
+            return -1;
+        }
+    }
+    if (!listing) {
+        usage();
+        return -1;
+    }
+
+    // Exactly one trailing "/" goes, so "/" itself becomes the empty root.
+    if (!root.empty() && root.back() == '/') root.pop_back();
+
+    const OpList op(pattern, verbose);
+
+    // The walk never offers its starting directory to the functor, and the
+    // root may itself be a catalog directory.
+    DirItem self;
+    self.fullpath = root;
+    self.dir = root;
+    self.name = root;
+    self.depth = 0;
+    self.is_dir = true;
+    op(self);
+
+    TraverseDir(root, op, true, 0);
+    return 0;
+}
