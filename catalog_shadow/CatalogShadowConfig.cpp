@@ -1,0 +1,108 @@
+// CatalogShadowContext::load_configurations: the shadow settings of the
+// configuration file named by the proxy.
+#include <stdio.h>
+
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "dct/inifile.h"
+#include "dct/log.h"
+
+namespace {
+
+const char kPathsSection[] = "Paths";
+const char kStorageSection[] = "Storage";
+const char kStorageDatabaseKey[] = "StorageDatabase";
+const char kStoragePathKey[] = "Storage Path";
+const char kCatalogBackupKey[] = "CatalogBackup";
+const char kAutoRecoveryKey[] = "CatalogAutoRecovery";
+const char kVersionCountKey[] = "CatalogBackupVersionCount";
+const char kShadowPathKey[] = "CatalogShadowPath";
+const char kShadowPoolSizeKey[] = "CatalogShadowPoolSize";
+
+const unsigned long kDefaultVersionCount = 5;
+const unsigned long kMaxVersionCount = 256;
+const uint64_t kDefaultPoolSize = 64;
+const size_t kValueBufferSize = 4095;
+
+// A path value; false when the key is missing or empty.
+bool read_path(const std::string& file, const char* section, const char* key, std::string* out) {
+    char buf[kValueBufferSize];
+    buf[0] = '\0';
+    if (InifileGetPathA(file.c_str(), section, key, nullptr, buf, sizeof(buf)) != CR_STATUS_OK) return false;
+    if (buf[0] == '\0') return false;
+    *out = buf;
+    return true;
+}
+
+// storage "/" "catalogshadow"
+std::string default_shadow_root(const std::string& storage) {
+    char buf[kValueBufferSize];
+    snprintf(buf, sizeof(buf), "%s%s%s", storage.c_str(), "/", "catalogshadow");
+    return buf;
+}
+
+}  // namespace
+
+cr_status_t CatalogShadowContext::load_configurations() {
+    const std::string file = proxy ? proxy->get_config_file() : std::string();
+
+    std::string storage_database;
+    if (!read_path(file, kPathsSection, kStorageDatabaseKey, &storage_database)) {
+        ErrorA(CR_STATUS_NONE, "can't find StorageDatabase from [%s]", file.c_str());
+        WarningA(CR_STATUS_NONE, "Catalog backup is disabled as there is no StorageDatabase configured.");
+        enabled = false;
+        return CR_STATUS_NONE;
+    }
+    std::string storage_path;
+    if (!read_path(file, kStorageSection, kStoragePathKey, &storage_path)) {
+        ErrorA(CR_STATUS_NONE, "can't find Storage Path from [%s]", file.c_str());
+        WarningA(CR_STATUS_NONE, "Catalog backup is disabled as there is no Storage Path configured.");
+        enabled = false;
+        return CR_STATUS_NONE;
+    }
+
+    bool backup = true;
+    InifileGetBooleanA(file.c_str(), kPathsSection, kCatalogBackupKey, true, &backup);
+    if (!backup) {
+        WarningA(CR_STATUS_OK, "Catalog backup is turned off in configuration file.");
+        enabled = false;
+        return CR_STATUS_OK;
+    }
+
+    bool recovery = true;
+    InifileGetBooleanA(file.c_str(), kPathsSection, kAutoRecoveryKey, true, &recovery);
+    auto_recovery = recovery;
+
+    unsigned long count = kDefaultVersionCount;
+    InifileGetUIntegerA(file.c_str(), kPathsSection, kVersionCountKey, kDefaultVersionCount, &count);
+    if (count == 0) count = 1;
+    if (count > kMaxVersionCount) count = kMaxVersionCount;
+    max_version_count = static_cast<uint32_t>(count);
+
+    const std::string under_database = default_shadow_root(storage_database);
+    const std::string under_storage = default_shadow_root(storage_path);
+    std::string configured;
+    if (!read_path(file, kPathsSection, kShadowPathKey, &configured)) {
+        shadow_path = under_storage;
+        WarningA(CR_STATUS_OK, "CatalogShadowPath is not configured. Use %s as the default.", shadow_path.c_str());
+    } else {
+        shadow_path = configured;
+        if (configured != under_database && configured != under_storage) {
+            WarningA(CR_STATUS_OK,
+                     "The default catalog shadow path is %s, but now it is changed to %s. There will be an impact "
+                     "on previous catalog shadow backups.",
+                     under_storage.c_str(), configured.c_str());
+        }
+    }
+
+    uint64_t pool_size = kDefaultPoolSize;
+    InifileGetSizeA(file.c_str(), kPathsSection, kShadowPoolSizeKey, kDefaultPoolSize, &pool_size);
+    shadow_pool_size = pool_size > static_cast<uint64_t>(INT64_MAX) ? INT64_MAX : static_cast<int64_t>(pool_size);
+
+    if (enabled) {
+        InfoA(CR_STATUS_OK, "Catalog auto recovery is %s.", auto_recovery ? "enabled" : "disabled");
+        InfoA(CR_STATUS_OK, "Catalog backup version count: %u, shadow pool size: %li", max_version_count,
+              static_cast<long>(shadow_pool_size));
+        InfoA(CR_STATUS_OK, "Catalog backup shadow path: %s", shadow_path.c_str());
+    }
+    return CR_STATUS_OK;
+}

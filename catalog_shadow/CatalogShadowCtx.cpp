@@ -1,0 +1,179 @@
+// CatalogShadowContext: construction, init, identity check, path mapping and
+// the journal entry points.
+#include "catalog_shadow/CatalogShadowCtx.h"
+
+#include <exception>
+
+#include "dct/log.h"
+
+namespace {
+
+bool starts_with(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+CatalogShadowProxy::~CatalogShadowProxy() {}
+
+PODB::~PODB() {}
+
+CatalogShadowContext::CatalogShadowContext(CatalogShadowProxy* proxy_in, DirectoryLock* lock)
+    : proxy(proxy_in),
+      enabled(true),
+      auto_recovery(true),
+      max_version_count(5),
+      shadow_pool_size(64),
+      dir_lock(lock != nullptr ? lock : new DirectoryLock) {}
+
+// The pool goes first (members are destroyed in reverse order): its shadows
+// still ask the context for the version count.
+CatalogShadowContext::~CatalogShadowContext() {}
+
+std::string CatalogShadowContext::podb_root_() const { return proxy ? proxy->get_podb_root() : std::string(); }
+
+std::string CatalogShadowContext::app_db_root_() const { return proxy ? proxy->app_db_root : std::string(); }
+
+cr_status_t CatalogShadowContext::init() {
+    cr_status_t result = load_configurations();
+    identity.reset(new CatalogShadowIdentity(shadow_path.c_str()));
+    // A feature that the configuration turned off has no shadow root to check.
+    if (enabled) {
+        cr_status_t status = check_identity();
+        if (status != CR_STATUS_OK) {
+            ErrorA(status, "%s: failed to check catalog shadow identity file", "init");
+            result = status;
+        }
+    }
+    try {
+        pool.reset(new PODBShadowPool(this, shadow_pool_size));
+    } catch (const std::exception& e) {
+        // boost::mutex reports a failed pthread_mutex_init this way.
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "init", e.what());
+        enabled = false;
+        auto_recovery = false;
+        return CR_STATUS_FAILED;
+    }
+    return result;
+}
+
+cr_status_t CatalogShadowContext::check_identity() {
+    if (!identity) identity.reset(new CatalogShadowIdentity(shadow_path.c_str()));
+    if (identity->identity_exist()) return CR_STATUS_OK;
+    const std::string& file = identity->get_identity_file();
+    if (proxy) proxy->on_identity_missing(file);
+    ErrorA(CR_STATUS_FAILED,
+           "%s: Catalog shadow identity file %s does not exist. The catalog backup and recovery feature will be "
+           "disabled. Please fix the issues ASAP and restart TARN services.",
+           "check_identity", file.c_str());
+    enabled = false;
+    auto_recovery = false;
+    WarningA(CR_STATUS_FAILED, "The catalog shadow backup and recovery feature is disabled.");
+    return CR_STATUS_FAILED;
+}
+
+std::string CatalogShadowContext::real_to_shadow_path(const std::string& real) {
+    const std::string podb_root = podb_root_();
+    const std::string app_root = app_db_root_();
+    std::string root = "unknown cat root";
+    bool known = false;
+    if (!podb_root.empty() && starts_with(real, podb_root)) {
+        root = podb_root;
+        known = true;
+    } else if (!app_root.empty() && starts_with(real, app_root)) {
+        root = app_root;
+        known = true;
+    }
+    if (!known) {
+        ErrorA(CR_STATUS_NONE, "%s: %s is an invalid podb directory path.", "real_to_shadow_path", real.c_str());
+        throw "invalid PODB path";
+    }
+    const std::string shadow = shadow_path + real.substr(root.size());
+    __TraceA("Real2Shadow: %s  ==>  %s", real.c_str(), shadow.c_str());
+    return shadow;
+}
+
+std::string CatalogShadowContext::shadow_to_real_path(const std::string& shadow, const std::string& type) {
+    const std::string root = type == PODBShadow::_appdb_type_ ? app_db_root_() : podb_root_();
+    if (shadow_path.empty() || !starts_with(shadow, shadow_path)) {
+        ErrorA(CR_STATUS_NONE, "%s: %s is an invalid shadow directory path.", "shadow_to_real_path", shadow.c_str());
+        throw "bad parameter";
+    }
+    const std::string real = root + shadow.substr(shadow_path.size());
+    __TraceA("Shadow2Real: %s  ==>  %s", shadow.c_str(), real.c_str());
+    return real;
+}
+
+bool CatalogShadowContext::has_shadow_copy(const std::string& dir) {
+    return has_shadow_copy(dir, PODBShadow::_podb_type_);
+}
+
+bool CatalogShadowContext::has_shadow_copy(const std::string& dir, const std::string& type) {
+    if (!enabled || !pool) return false;
+    try {
+        return pool->get(dir)->get_version_count(type) > 0;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "has_shadow_copy", e);
+        return false;
+    }
+}
+
+cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
+    if (!enabled) return CR_STATUS_OK;
+    if (!pool || !podb) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", "bad parameter");
+        return CR_STATUS_FAILED;
+    }
+    try {
+        boost::shared_ptr<PODBShadow> shadow = pool->get(podb->get_dir());
+        // The handle's statements go in as one run, not mixed with other lines.
+        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+        const std::vector<std::string> statements = podb->get_pending_statements();
+        cr_status_t result = CR_STATUS_OK;
+        for (const std::string& statement : statements) {
+            cr_status_t status = shadow->write_journal(PODBShadow::_podb_type_, statement);
+            if (status != CR_STATUS_OK) {
+                ErrorA(status, "%s: failed to write journal line [%s]", "write_journal", statement.c_str());
+                result = status;
+                break;
+            }
+        }
+        cr_status_t status = shadow->flush_journal(PODBShadow::_podb_type_);
+        return result != CR_STATUS_OK ? result : status;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
+        return CR_STATUS_FAILED;
+    }
+}
+
+cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const std::string& type,
+                                                const std::string& statement) {
+    if (!enabled) return CR_STATUS_OK;
+    if (!pool) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", "bad parameter");
+        return CR_STATUS_FAILED;
+    }
+    try {
+        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
+        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+        cr_status_t status = shadow->write_journal(type, statement);
+        if (status != CR_STATUS_OK) return status;
+        return shadow->flush_journal(type);
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
+        return CR_STATUS_FAILED;
+    }
+}
+
+cr_status_t CatalogShadowContext::reload_podb(const std::string& dir) {
+    __TraceA("reload_podb %s", dir.c_str());
+    if (!enabled || !pool) return CR_STATUS_OK;
+    try {
+        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
+        shadow->load_all();
+        return CR_STATUS_OK;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "reload_podb", e);
+        return CR_STATUS_FAILED;
+    }
+}

@@ -1,0 +1,180 @@
+// CatalogShadowContext: entry object of the shadow subsystem, which keeps
+// versioned, checksummed copies ("shadows") of the pool's catalog databases in
+// a separate shadow tree, journals every change made to them, and rebuilds a
+// corrupt or missing database from its newest good copy.
+//
+// A context is built, then init() reads the configuration, checks the identity
+// file of the shadow root and creates the pool of per-directory shadows. Its
+// configuration is written only by init(); afterwards the context may be used
+// from several threads. Public operations return cr_status_t (0 = success) and
+// never let an exception out.
+#ifndef CATALOG_SHADOW_CATALOGSHADOWCTX_H_
+#define CATALOG_SHADOW_CATALOGSHADOWCTX_H_
+
+#include <stdint.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <boost/scoped_ptr.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/DirectoryLock.h"
+#include "dct/status.h"
+
+// Implemented by the embedding program: where the configuration lies and where
+// the real catalog trees are.
+class CatalogShadowProxy {
+public:
+    virtual ~CatalogShadowProxy();
+    virtual std::string get_config_file() const = 0;  // configuration file to read
+    virtual std::string get_podb_root() const = 0;    // root of the PO/UL catalog tree
+    virtual void on_identity_missing(const std::string& identity_file) = 0;
+    std::string app_db_root;  // root of the application databases: DBROOT/databases/application
+};
+
+// An open PO database handle whose pending statements are to be journalled.
+class PODB {
+public:
+    virtual ~PODB();
+    // The real directory of the database.
+    virtual std::string get_dir() const = 0;
+    // Statements changed since the handle was opened, in order.
+    virtual std::vector<std::string> get_pending_statements() const = 0;
+};
+
+// The identity file ".catalog_shadow_identity" marks a shadow root that belongs
+// to this pool. Only create_identity() makes it; nothing creates it on its own,
+// so that a root that lost it is never silently adopted again.
+class CatalogShadowIdentity {
+public:
+    explicit CatalogShadowIdentity(const char* dir);
+
+    static const char* the_file_name();  // ".catalog_shadow_identity"
+    // The root, "/" (unless the root ends in one) and the file name.
+    const std::string& get_identity_file() const { return file_; }
+    bool identity_exist() const;
+    // Creates the root when missing and the empty identity file, then syncs the
+    // root so that the file survives a crash. 0 or the failure's status.
+    cr_status_t create_identity();
+
+private:
+    std::string dir_;
+    std::string file_;
+};
+
+// The shadows of the directories in use, keyed by real directory (letter case
+// folded when the file system ignores it). A shadow stays while any caller holds
+// it; past `size` entries the pool evicts the shadows that only it holds.
+class PODBShadowPool {
+public:
+    PODBShadowPool(CatalogShadowContext* context, int64_t size);
+    ~PODBShadowPool();
+    PODBShadowPool(const PODBShadowPool&) = delete;
+    PODBShadowPool& operator=(const PODBShadowPool&) = delete;
+
+    // The shadow of real directory `dir`, created and loaded (PODBShadow::
+    // load_all) when absent. Throws "invalid PODB path" for a directory outside
+    // both real roots (from CatalogShadowContext::real_to_shadow_path).
+    boost::shared_ptr<PODBShadow> get(const std::string& dir);
+    // Drops the pool's reference to the shadow of `dir`.
+    void erase(const std::string& dir);
+    // Entries in the pool.
+    size_t size() const;
+
+private:
+    std::string key_(const std::string& dir) const;
+    void evict_unused_();  // with mutex_ held
+
+    CatalogShadowContext* context_;
+    int64_t size_;
+    mutable boost::mutex mutex_;
+    std::map<std::string, boost::shared_ptr<PODBShadow>> shadows_;
+};
+
+class CatalogShadowContext {
+public:
+    // Takes ownership of both (either may be null: no proxy disables the
+    // feature at init, no lock means the no-op base lock).
+    CatalogShadowContext(CatalogShadowProxy* proxy, DirectoryLock* lock);
+    ~CatalogShadowContext();
+    CatalogShadowContext(const CatalogShadowContext&) = delete;
+    CatalogShadowContext& operator=(const CatalogShadowContext&) = delete;
+
+    // load_configurations, the identity object for shadow_path, check_identity
+    // (skipped when the configuration turned the feature off), and the pool.
+    // 0, or the status of the failed step (the feature is then off).
+    cr_status_t init();
+
+    // Reads the shadow settings from the proxy's configuration file:
+    // [Paths] StorageDatabase, CatalogBackup, CatalogAutoRecovery,
+    // CatalogBackupVersionCount, CatalogShadowPath, CatalogShadowPoolSize and
+    // [Storage] Storage Path. 0, or CR_STATUS_NONE when a storage path is
+    // missing (the feature is then off).
+    cr_status_t load_configurations();
+
+    // 0 when the identity file exists. Otherwise notifies the proxy, turns the
+    // feature and auto recovery off and returns 4.
+    cr_status_t check_identity();
+
+    // Real directory -> its shadow directory (shadow_path replaces the real
+    // root). Throws "invalid PODB path" for a path below neither root.
+    std::string real_to_shadow_path(const std::string& real);
+    // Shadow directory -> real directory (application root for "appdb", PO/UL
+    // root otherwise). Throws "bad parameter" for a path outside shadow_path.
+    std::string shadow_to_real_path(const std::string& shadow, const std::string& type);
+
+    // Whether the shadow of `dir` holds at least one version of the PO database
+    // (first form) or of `type`. False when the feature is off.
+    bool has_shadow_copy(const std::string& dir);
+    bool has_shadow_copy(const std::string& dir, const std::string& type);
+
+    // Journals every pending statement of a PO database handle, then flushes.
+    // 0 at once when the feature is off.
+    cr_status_t write_journal(boost::shared_ptr<PODB> podb);
+    // Journals one statement of database `type` in real directory `dir` and
+    // makes it durable before returning. 0 at once when the feature is off.
+    cr_status_t write_journal(const std::string& dir, const std::string& type,
+                              const std::string& statement);
+
+    // Rereads the checksum files of the shadow of `dir` (closing its journals).
+    cr_status_t reload_podb(const std::string& dir);
+
+    // --- Backup (built in its own sources) ---
+    cr_status_t backup(const std::string& dir);
+    cr_status_t backup(const std::string& dir, const std::string& type);
+    cr_status_t backup_unlocked(const std::string& dir, const std::string& type, unsigned flags = 0);
+    cr_status_t backup_all(bool app);
+
+    // --- Recovery (built in its own sources) ---
+    cr_status_t recover(const std::string& dir, unsigned flags);
+    cr_status_t recover(const std::string& dir, const std::string& type, unsigned flags);
+    cr_status_t recover_unlocked(const std::string& dir, const std::string& type, unsigned flags);
+    cr_status_t recover_all(bool app, unsigned flags);
+    cr_status_t recover_all_missing(bool app);
+    cr_status_t remove_shadow_unlocked(const std::string& dir);
+
+    // Settings, in this order; written by init() only.
+    // The two switches are atomic because check_identity may turn them off
+    // while other threads read them.
+    boost::scoped_ptr<CatalogShadowProxy> proxy;
+    std::atomic<bool> enabled;
+    std::atomic<bool> auto_recovery;
+    uint32_t max_version_count;  // 1..256
+    int64_t shadow_pool_size;
+    std::string shadow_path;
+    boost::scoped_ptr<PODBShadowPool> pool;
+    boost::scoped_ptr<CatalogShadowIdentity> identity;
+    boost::scoped_ptr<DirectoryLock> dir_lock;
+
+private:
+    // The proxy's roots; "" without a proxy (an empty root matches nothing).
+    std::string podb_root_() const;
+    std::string app_db_root_() const;
+};
+
+#endif  // CATALOG_SHADOW_CATALOGSHADOWCTX_H_

@@ -1,0 +1,311 @@
+// PODBShadow: the shadow of one real catalog directory.
+//
+// For each database type ("podb", "uldb", "appdb") it keeps a short history of
+// copies of the database ("versions", newest first), each with an operation
+// journal of what was done to the database after the copy was taken, and a
+// checksum file that lists the versions with Adler-32 sums of their files and
+// of itself. Files inside the shadow directory, for type T and version N:
+//
+//   T.N              version database          podb.7
+//   T.N.journal      version journal           podb.7.journal
+//   .chksum.T        checksum file             .chksum.podb
+//   .chksum.T.tmp    checksum file being written (never a checksum file)
+//   .chksum          legacy checksum file, migrated by load_versions
+//   #corrupt_T_S     damaged material set aside at S seconds since the epoch
+//
+// Checksum file (each line ends with one "\n", numbers in decimal):
+//   format=1
+//   current=N                       newest version number
+//   count=C                         versions listed
+//   T.N=db_crc                      } for each version, newest first,
+//   T.N.journal=journal_crc         } numbered N, N-1, ...
+//   T.N.journal.len=journal_lines   }
+//   self=S                          Adler-32 of the preceding lines' texts
+//
+// Error handling: internal failures are thrown as C-string exceptions and
+// caught by the public operation that met them, which logs
+// "%s: Got exception: [%s]" and returns a status. Members ending in "_" are
+// building blocks for the operations of this class.
+//
+// Thread safety: a PODBShadow is shared by the users of the shadow pool. Its
+// state (versions, current numbers, active journals) is guarded by mutex(), a
+// recursive mutex that every member takes. A caller that iterates a list from
+// get_db_versions_() or runs several operations as one unit holds mutex()
+// itself.
+#ifndef CATALOG_SHADOW_CATALOGSHADOWCTXPODBSHADOW_H_
+#define CATALOG_SHADOW_CATALOGSHADOWCTXPODBSHADOW_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <istream>
+#include <list>
+#include <mutex>
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+
+#include "catalog_shadow/JournalStream.h"
+#include "dct/fileutil.h"
+#include "dct/status.h"
+
+class CatalogShadowContext;
+
+namespace sqlitedb {
+class sqlite3_wrapper;
+}
+
+// One version of one database type in a shadow directory.
+class ShadowVersion {
+public:
+    ShadowVersion(const std::string& dir, const std::string& type, uint64_t version);
+
+    // T "." N and T "." N ".journal" (bare names, no directory).
+    static std::string get_db_name(const std::string& type, uint64_t version);
+    static std::string get_journal_name(const std::string& type, uint64_t version);
+
+    // Whole-file Adler-32 of the database against db_crc. 1 when they match; a
+    // mismatch logs "Detected CRC mismatch for %s. Expected %u, actually %u".
+    int check_crc_db();
+
+    // Checks the journal against journal_crc / journal_lines. Lines written
+    // after the checksum file was last persisted are cut away when the
+    // recorded prefix still matches. With journal_lines 0 the whole journal is
+    // taken and journal_lines filled in (unless auto-fix is disabled in the
+    // process configuration). 1 when the journal matches.
+    int check_crc_journal();
+
+    // Truncates the journal file to `length` bytes. 1 on success, 0 on failure.
+    int fix_journal(uint64_t length);
+
+    uint64_t version;
+    std::string type;
+    std::string db_name;
+    std::string journal_name;
+    std::string db_path;
+    std::string journal_path;
+    uint32_t db_crc;
+    uint32_t journal_crc;
+    uint32_t journal_lines;
+    // Set by the last check_crc_db / check_crc_journal that passed, cleared by
+    // one that failed. Nothing else reads them.
+    bool db_verified;
+    bool journal_verified;
+};
+
+typedef std::list<ShadowVersion> ShadowVersionList;
+typedef boost::shared_ptr<ShadowVersionList> ShadowVersionListPtr;
+
+class PODBShadow {
+public:
+    static const std::string _podb_type_;       // "podb"
+    static const std::string _uldb_type_;       // "uldb"
+    static const std::string _appdb_type_;      // "appdb"
+    static const std::string _corrupt_prefix_;  // "#corrupt_"
+
+    // Running Adler-32 (zlib's adler32), starting at 1.
+    class CRC {
+    public:
+        CRC() : value_(1) {}
+        // Continues a sum taken earlier.
+        explicit CRC(uint32_t value) : value_(value) {}
+        void append(const std::string& text) { append(text.data(), text.size()); }
+        void append(const void* data, size_t length);
+        uint32_t value() const { return value_; }
+
+    private:
+        uint32_t value_;
+    };
+
+    // `dir` is the real catalog directory, `shadow_dir` its mirror in the
+    // shadow tree. `context` gives the version count; it may be null (then
+    // get_max_version_count() is the configured default, 5) and must outlive
+    // the shadow otherwise. Every type starts with no versions, current 0.
+    PODBShadow(CatalogShadowContext* context, const std::string& dir, const std::string& shadow_dir);
+    virtual ~PODBShadow();
+    PODBShadow(const PODBShadow&) = delete;
+    PODBShadow& operator=(const PODBShadow&) = delete;
+
+    const std::string& get_dir() const { return dir_; }
+    const std::string& get_shadow_dir() const { return shadow_dir_; }
+    std::recursive_mutex& mutex() const { return mutex_; }
+
+    // ".chksum." T.
+    static std::string chksum_file(const std::string& type);
+    // Database file name of a type: "po.db", "ul.db" or "app.db"; "" for an
+    // unknown type.
+    static std::string db_file_name(const std::string& type);
+    // True when `type` is one of the three type words.
+    static bool is_valid_type(const std::string& type);
+    // True when `name` is a version database, a version journal or the
+    // checksum file of `type` (the files move_all_as_backup sets aside).
+    static bool is_type_file(const std::string& name, const std::string& type);
+
+    // --- Checksum file (versions) ---
+
+    // Writes the checksum file of `type` through ".chksum.T.tmp" (synced, then
+    // renamed over the checksum file, then the directory synced), so that a
+    // crash leaves either the old or the new file. A failure leaves the old file
+    // untouched and no temporary file. Nonzero on success.
+    int persist_chksum(const std::string& type);
+
+    // Reads the checksum file of `type` into its version list. A leftover
+    // ".chksum.T.tmp" is removed first; a legacy ".chksum" is renamed to the
+    // typed name when that is missing. When the file is missing or damaged the
+    // list is emptied and, if `reset_if_damaged`, the type's files are moved
+    // into a "#corrupt_" directory, the current version is raised by
+    // get_max_version_count() above the highest number in use, and a fresh
+    // checksum file is written (initialize). 0 when loaded, 67 when damaged.
+    cr_status_t load_versions(const std::string& type, bool reset_if_damaged);
+
+    // Reads one line of `in` into `line`; it must be `key` "=" followed by a
+    // decimal number, which is stored in `value`; the line's text is appended
+    // to `crc`. Throws "file read error" or "bad line format".
+    static void getline_parse(std::string& line, std::istream& in, const std::string& key, CRC& crc,
+                              uint64_t& value);
+
+    // Empties the type's history (closing its journal), creates the shadow
+    // directory when missing and writes a checksum file with no versions. The
+    // current version number is kept.
+    cr_status_t initialize(const std::string& type);
+
+    // Both the shadow directory and the type's checksum file are present.
+    bool exist(const std::string& type) const;
+
+    // For "podb", "uldb", "appdb" in turn: load_versions(type, true) when
+    // exist(type), else initialize(type). Used when the shadow enters the pool
+    // and when it is reloaded.
+    void load_all();
+
+    // Creates the shadow directory tree when it is missing.
+    cr_status_t checkCreateWorkDir();
+
+    // --- Journals ---
+
+    // Appends statement ";" "\n" to the newest version's journal and advances
+    // its journal_crc / journal_lines. With no version, logs that there is no
+    // active shadow and returns 0 without writing. A journal that fails its
+    // check when first opened is refused ("journal corrupted"). 0 or a status.
+    cr_status_t write_journal(const std::string& type, const std::string& statement);
+
+    // Syncs the active journal, then persists the checksum file that counts its
+    // lines. 0 when nothing was pending. On a failed sync the lines not yet
+    // counted by the checksum file are dropped again (file and counters).
+    cr_status_t flush_journal(const std::string& type);
+
+    // Replaces the type's active journal stream; null closes it.
+    void reset_db_active_journal_(const std::string& type, boost::shared_ptr<JournalStream> stream);
+
+    // Replays, in range order, the journal of each version that has a
+    // non-empty journal file onto `db` (open), then runs the PO clean-up
+    // statement when `db` has a po table. 0 or the status of the failed replay.
+    cr_status_t apply_journals(ShadowVersionList::const_iterator first,
+                               ShadowVersionList::const_iterator last, sqlitedb::sqlite3_wrapper* db);
+    // The same, oldest first when given a reverse range of the newest-first list.
+    cr_status_t apply_journals(ShadowVersionList::const_reverse_iterator first,
+                               ShadowVersionList::const_reverse_iterator last,
+                               sqlitedb::sqlite3_wrapper* db);
+
+    // --- Setting damaged material aside ---
+
+    // Creates shadow_dir "/" "#corrupt_" T "_" seconds and returns it in `dir`.
+    cr_status_t new_backup_dir(const std::string& type, std::string* dir);
+    // Moves one file (full path) into a new backup directory.
+    cr_status_t move_file_as_backup(const std::string& type, const std::string& file);
+    // Moves every file of the type (is_type_file) into a new backup directory.
+    cr_status_t move_all_as_backup(const std::string& type);
+
+    // --- Per-type state ---
+    uint64_t get_db_current_ver_(const std::string& type) const;
+    void set_db_current_ver_(const std::string& type, uint64_t version);
+    // The type's list, newest first; never null. Hold mutex() while using it.
+    ShadowVersionListPtr get_db_versions_(const std::string& type) const;
+    // Replaces the list and takes ownership of `list`; null empties it.
+    void reset_db_versions_(const std::string& type, ShadowVersionList* list);
+    uint32_t get_version_count(const std::string& type) const;
+    // The context's version count (1..256).
+    virtual uint32_t get_max_version_count() const;
+
+    // --- Backup and recovery (built in their own sources) ---
+    // Makes `tmp_file` (in the shadow directory, checksum `crc`) the newest
+    // version: 0 added, 1 no change, else a status.
+    int add_new_version(const std::string& type, const std::string& tmp_file, uint32_t crc);
+    // Copies `src` to `dst`, computing the copy's Adler-32 into `crc`.
+    cr_status_t duplicate(const std::string& src, const std::string& dst, uint32_t* crc);
+    static bool sqlite_integrity_check(const std::string& file);
+    cr_status_t remove_version(const ShadowVersion& version);
+    cr_status_t merge_shadows(const std::string& dir, const std::string& target, const std::string& type);
+    cr_status_t destroy();
+
+private:
+    // What the checksum file last persisted says about the newest version's
+    // journal, and how long the journal file was then.
+    struct JournalMark {
+        bool valid = false;
+        uint64_t version = 0;
+        uint32_t crc = 1;
+        uint32_t lines = 0;
+        bool size_known = false;
+        uint64_t size = 0;
+    };
+
+    struct TypeState {
+        uint64_t current = 0;
+        ShadowVersionListPtr versions;             // newest first, never null
+        boost::shared_ptr<JournalStream> journal;  // active journal, or null
+        JournalMark mark;
+    };
+
+    // The slot of a type word; throws "bad parameter" for any other word.
+    TypeState& state_(const std::string& type) const;
+
+    cr_status_t persist_chksum_status_(const std::string& type);
+    std::string compose_chksum_(const std::string& type) const;
+    void load_versions_from_(const std::string& type, const std::string& path);
+    uint64_t highest_version_on_disk_(const std::string& type) const;
+    cr_status_t open_active_journal_(const std::string& type, ShadowVersion& newest);
+    // Drops what was appended since the last persisted checksum file: the
+    // journal file is cut back, the newest version's counters restored and the
+    // stream closed.
+    void abandon_journal_(const std::string& type);
+    cr_status_t apply_journal_files_(const std::list<const ShadowVersion*>& versions,
+                                     sqlitedb::sqlite3_wrapper* db);
+
+    CatalogShadowContext* context_;
+    std::string dir_;
+    std::string shadow_dir_;
+    mutable std::recursive_mutex mutex_;
+    mutable TypeState states_[3];  // "podb", "uldb", "appdb"
+};
+
+// Walk functor of move_all_as_backup: moves every file offered to it into
+// `target_dir` (under the same name, or with a ".N" suffix when that name is
+// taken). Traces "Move %s to %s"; a failed move is logged and stops the walk.
+class OpMoveFile {
+public:
+    explicit OpMoveFile(const std::string& target_dir) : target_dir_(target_dir) {}
+    int operator()(const DirItem& item);
+
+private:
+    std::string target_dir_;
+};
+
+// Walk filter: offers to `op` only the regular files of one type (see
+// PODBShadow::is_type_file); never descends.
+template <typename Op>
+class OpFilterShadowType {
+public:
+    OpFilterShadowType(const std::string& type, Op& op) : type_(type), op_(op) {}
+    int operator()(const DirItem& item) {
+        if (item.is_dir || item.stat_failed) return 1;
+        if (!PODBShadow::is_type_file(item.name, type_)) return 1;
+        int rc = op_(item);
+        return rc < 0 ? rc : 1;
+    }
+
+private:
+    std::string type_;
+    Op& op_;
+};
+
+#endif  // CATALOG_SHADOW_CATALOGSHADOWCTXPODBSHADOW_H_

@@ -1,0 +1,205 @@
+// PODBShadow: appending to, syncing and replaying operation journals.
+//
+// A journal line is the statement, ";" and "\n"; the newest version's
+// journal_crc / journal_lines follow every line written. flush_journal syncs
+// the journal before it rewrites the checksum file that counts its lines, so a
+// crash leaves at worst lines beyond the recorded count, which
+// check_crc_journal cuts away.
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/config.h"
+#include "dct/fs.h"
+#include "dct/log.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
+namespace {
+
+bool auto_fix_journal() {
+    _crConfigClass* config = _crConfigClass::Instance();
+    return config == nullptr || !config->GetDisableCatalogAutoFixJournal();
+}
+
+const char kPoCleanup[] = "DELETE FROM po WHERE basename LIKE '%[R_%]';";
+
+}  // namespace
+
+void PODBShadow::reset_db_active_journal_(const std::string& type, boost::shared_ptr<JournalStream> stream) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    state_(type).journal = stream;
+}
+
+// Opens the newest version's journal for appending. An existing journal is
+// checked first (unless auto-fix is off): new lines must never make a damaged
+// journal look valid. Throws "journal corrupted".
+cr_status_t PODBShadow::open_active_journal_(const std::string& type, ShadowVersion& newest) {
+    TypeState& s = state_(type);
+    const bool existed = wa_access(newest.journal_path, 0) == 0;
+    if (existed && auto_fix_journal() && !newest.check_crc_journal()) throw "journal corrupted";
+
+    boost::shared_ptr<JournalStream> stream = JournalStream::open(newest.journal_path);
+    if (!stream) {
+        ErrorA(CR_STATUS_IO, "failed to open journal file %s", newest.journal_path.c_str());
+        return CR_STATUS_IO;
+    }
+    if (!existed && wa_syncdir(shadow_dir_) != 0) {
+        // The new journal's name must be on disk before a checksum file counts
+        // its lines.
+        int e = errno;
+        cr_status_t status = _crMapError("write_journal", __FILE__, __LINE__);
+        ErrorA(status, "%s: failed to sync directory %s (%s)", "write_journal", shadow_dir_.c_str(), strerror(e));
+        return status;
+    }
+    s.journal = stream;
+    // The journal as it stands now is the state to fall back to.
+    s.mark.valid = true;
+    s.mark.version = newest.version;
+    s.mark.crc = newest.journal_crc;
+    s.mark.lines = newest.journal_lines;
+    s.mark.size_known = true;
+    s.mark.size = stream->size();
+    return CR_STATUS_OK;
+}
+
+void PODBShadow::abandon_journal_(const std::string& type) {
+    TypeState& s = state_(type);
+    if (!s.versions->empty()) {
+        ShadowVersion& newest = s.versions->front();
+        if (s.mark.valid && s.mark.version == newest.version) {
+            if (s.journal && s.mark.size_known && s.journal->path() == newest.journal_path) {
+                s.journal->truncate(s.mark.size);
+            }
+            newest.journal_crc = s.mark.crc;
+            newest.journal_lines = s.mark.lines;
+        }
+    }
+    s.journal.reset();
+}
+
+cr_status_t PODBShadow::write_journal(const std::string& type, const std::string& statement) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    try {
+        TypeState& s = state_(type);
+        __TraceA("Write DB operation journal %s.", statement.c_str());
+        if (s.versions->empty()) {
+            InfoA(CR_STATUS_OK, "Can't write %s operation journal since there's no active shadow.", type.c_str());
+            return CR_STATUS_OK;
+        }
+        ShadowVersion& newest = s.versions->front();
+        if (!s.journal) {
+            cr_status_t status = open_active_journal_(type, newest);
+            if (status != CR_STATUS_OK) return status;
+        }
+        const std::string text = statement + ";";
+        if (s.journal->append(text + "\n") != 0) {
+            ErrorA(CR_STATUS_IO, "failed to write \"%s\" to journal file", statement.c_str());
+            abandon_journal_(type);
+            return CR_STATUS_IO;
+        }
+        // Count the line as check_crc_journal reads it back: a statement that
+        // holds a newline spans several lines of the file.
+        CRC crc(newest.journal_crc);
+        size_t begin = 0;
+        for (;;) {
+            size_t end = text.find('\n', begin);
+            crc.append(text.data() + begin, (end == std::string::npos ? text.size() : end) - begin);
+            newest.journal_lines += 1;
+            if (end == std::string::npos) break;
+            begin = end + 1;
+        }
+        newest.journal_crc = crc.value();
+        return CR_STATUS_OK;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
+        return CR_STATUS_FAILED;
+    }
+}
+
+cr_status_t PODBShadow::flush_journal(const std::string& type) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    try {
+        TypeState& s = state_(type);
+        if (!s.journal) return CR_STATUS_OK;  // nothing appended since the last flush
+        if (s.journal->fd() < 0) {
+            errno = EBADF;
+            cr_status_t status = _crMapError("flush_journal", __FILE__, __LINE__);
+            ErrorA(status, "%s: can not get file descriptor (%s)", "flush_journal", strerror(EBADF));
+            abandon_journal_(type);
+            return status;
+        }
+        if (s.journal->sync() != 0) {
+            int e = errno;
+            cr_status_t status = _crMapError("flush_journal", __FILE__, __LINE__);
+            ErrorA(status, "Could not fsync journal file (%s)", strerror(e));
+            // What the failed sync covered may be lost; never let a checksum
+            // file count it.
+            abandon_journal_(type);
+            return status;
+        }
+        cr_status_t status = persist_chksum_status_(type);
+        if (status != CR_STATUS_OK) {
+            // The journal is durable; the next flush counts its lines.
+            ErrorA(status, "%s: failed to persist chksum file. ", "flush_journal");
+            return status;
+        }
+        return CR_STATUS_OK;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "flush_journal", e);
+        return CR_STATUS_FAILED;
+    }
+}
+
+cr_status_t PODBShadow::apply_journals(ShadowVersionList::const_iterator first,
+                                       ShadowVersionList::const_iterator last, sqlitedb::sqlite3_wrapper* db) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    std::list<const ShadowVersion*> versions;
+    for (; first != last; ++first) versions.push_back(&*first);
+    return apply_journal_files_(versions, db);
+}
+
+cr_status_t PODBShadow::apply_journals(ShadowVersionList::const_reverse_iterator first,
+                                       ShadowVersionList::const_reverse_iterator last,
+                                       sqlitedb::sqlite3_wrapper* db) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    std::list<const ShadowVersion*> versions;
+    for (; first != last; ++first) versions.push_back(&*first);
+    return apply_journal_files_(versions, db);
+}
+
+cr_status_t PODBShadow::apply_journal_files_(const std::list<const ShadowVersion*>& versions,
+                                             sqlitedb::sqlite3_wrapper* db) {
+    for (const ShadowVersion* v : versions) {
+        struct stat st;
+        if (wa_access(v->journal_path, 0) != 0 || wa_stat(v->journal_path, &st) != 0 || st.st_size < 1) continue;
+        InfoA(CR_STATUS_OK, "Applying journal file %s", v->journal_path.c_str());
+        cr_status_t status;
+        try {
+            status = db->exec_file(v->journal_path, false);
+        } catch (const sqlitedb::db_exception& e) {
+            status = e.cr_status();
+        }
+        if (status != CR_STATUS_OK) {
+            ErrorA(status, "Failed to apply journal file %s", v->journal_path.c_str());
+            return status;
+        }
+    }
+
+    // Drop PO rows whose base name carries the bracketed marker. Only the PO
+    // database has a po table; elsewhere there is nothing to clean.
+    if (!db->run_pragma("SELECT name FROM sqlite_master WHERE type='table' AND name='po';", "po", nullptr)) {
+        __TraceA("%s: no po table in %s, skip [%s]", "apply_journals", db->path.c_str(), kPoCleanup);
+        return CR_STATUS_OK;
+    }
+    cr_status_t status;
+    try {
+        status = db->exec(kPoCleanup, nullptr);
+    } catch (const sqlitedb::db_exception& e) {
+        status = e.cr_status();
+    }
+    if (status != CR_STATUS_OK) {
+        __TraceA("%s: [%s] failed on %s (status %u)", "apply_journals", kPoCleanup, db->path.c_str(), status);
+    }
+    return CR_STATUS_OK;
+}
