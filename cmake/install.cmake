@@ -1,0 +1,49 @@
+# Installed package for services that embed the catalog: the kavrel tool, the four
+# static libraries, their headers below include/kavrel (folder names kept, so
+# include lines read the same inside and outside the tree), the man page, and a
+# CMake package giving kavrel::dct, kavrel::sqlitedb, kavrel::catalog_shadow and
+# kavrel::appdb.
+include(CMakePackageConfigHelpers)
+
+set(KAVREL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kavrel)
+
+set_target_properties(kavrel_dct PROPERTIES EXPORT_NAME dct)
+set_target_properties(kavrel_sqlitedb PROPERTIES EXPORT_NAME sqlitedb)
+set_target_properties(kavrel_catalog_shadow PROPERTIES EXPORT_NAME catalog_shadow)
+set_target_properties(kavrel_appdb PROPERTIES EXPORT_NAME appdb)
+
+install(TARGETS kavrel_dct kavrel_sqlitedb kavrel_catalog_shadow kavrel_appdb
+        EXPORT kavrelTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+
+if(TARGET kavrel)
+  install(TARGETS kavrel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/dct
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavrel
+        FILES_MATCHING PATTERN "*.h")
+foreach(_dir sqlitedb catalog_shadow appdb)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${_dir}
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavrel
+          FILES_MATCHING PATTERN "*.h")
+endforeach()
+
+if(EXISTS ${PROJECT_SOURCE_DIR}/tool/kavrel.1)
+  install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
+
+install(EXPORT kavrelTargets
+        NAMESPACE kavrel::
+        DESTINATION ${KAVREL_INSTALL_CMAKEDIR})
+
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/kavrelConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/kavrelConfig.cmake
+  INSTALL_DESTINATION ${KAVREL_INSTALL_CMAKEDIR})
+write_basic_package_version_file(
+  ${PROJECT_BINARY_DIR}/kavrelConfigVersion.cmake
+  VERSION ${PROJECT_VERSION}
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kavrelConfig.cmake ${PROJECT_BINARY_DIR}/kavrelConfigVersion.cmake
+        DESTINATION ${KAVREL_INSTALL_CMAKEDIR})
