@@ -1,0 +1,94 @@
+# Thin wrapper around CMake and CTest. Every target that builds installs the
+# missing build dependencies first, so one command is enough on a fresh machine.
+#
+#   make test                the tests (build/)
+#   make asan / make tsan    the tests under AddressSanitizer+UBSan / ThreadSanitizer
+#   make demo                a sample pool under build/demo/, listed with kavrel
+#   make install PREFIX=...  the installed package (default /usr/local)
+#   make bench / fuzz / deb  benchmarks, fuzzing, Debian package
+#   make deps                the dependency step alone
+
+PREFIX     ?= /usr/local
+BUILD_TYPE ?= RelWithDebInfo
+SAN_TYPE   ?= Debug
+JOBS       ?= 2
+CTEST_JOBS ?= 2
+
+# Debian packages the build and the tests need.
+DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev \
+                libinih-dev libgtest-dev libgmock-dev libbenchmark-dev
+
+CMAKE ?= cmake
+CTEST ?= ctest
+CTEST_FLAGS := --output-on-failure -j$(CTEST_JOBS)
+
+.PHONY: all deps build test asan tsan install demo bench fuzz deb clean
+
+all: build
+
+# Installs only what is missing; refreshes the package lists only then.
+deps:
+	@missing=""; \
+	for p in $(DEB_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' "$$p" 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -z "$$missing" ]; then echo "deps: all build dependencies are installed"; exit 0; fi; \
+	echo "deps: installing$$missing"; \
+	if [ "$$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi; \
+	$$sudo apt-get update && \
+	$$sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $$missing
+
+# $(call configure_build,DIR,BUILD TYPE,EXTRA CMAKE ARGUMENTS)
+define configure_build
+	$(CMAKE) -S . -B $(1) -DCMAKE_BUILD_TYPE=$(2) $(3)
+	$(CMAKE) --build $(1) -j$(JOBS)
+endef
+
+build: deps
+	$(call configure_build,build,$(BUILD_TYPE),)
+
+test: build
+	$(CTEST) --test-dir build $(CTEST_FLAGS)
+
+asan: deps
+	$(call configure_build,build-asan,$(SAN_TYPE),-DKAVREL_SANITIZE=address)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  $(CTEST) --test-dir build-asan $(CTEST_FLAGS)
+
+tsan: deps
+	$(call configure_build,build-tsan,$(SAN_TYPE),-DKAVREL_SANITIZE=thread)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  $(CTEST) --test-dir build-tsan $(CTEST_FLAGS)
+
+install: build
+	$(CMAKE) --install build --prefix "$(PREFIX)"
+
+# Targets whose work lives in a script under scripts/.
+# $(call need_script,PATH,TARGET)
+define need_script
+	@if [ ! -f $(1) ]; then echo "make $(2): not available yet ($(1) is missing)"; exit 1; fi
+endef
+
+demo:
+	$(call need_script,scripts/demo.sh,demo)
+	$(MAKE) build
+	BUILD_DIR=build DEMO_DIR=build/demo bash scripts/demo.sh
+
+bench:
+	$(call need_script,scripts/bench.sh,bench)
+	$(MAKE) deps
+	$(call configure_build,build-bench,Release,-DKAVREL_BUILD_BENCH=ON -DKAVREL_BUILD_TESTS=OFF)
+	BUILD_DIR=build-bench bash scripts/bench.sh
+
+fuzz:
+	$(call need_script,scripts/fuzz.sh,fuzz)
+	$(MAKE) deps
+	BUILD_DIR=build-fuzz bash scripts/fuzz.sh
+
+deb:
+	$(call need_script,scripts/deb.sh,deb)
+	$(MAKE) deps
+	bash scripts/deb.sh
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz
