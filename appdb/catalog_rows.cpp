@@ -101,7 +101,10 @@ int catalog_application_base::insert_row_app_table(sqlite3_stmt* stmt, const app
         if (rc == SQLITE_OK) rc = bind_text(stmt, ++index, v);
     };
     next_int(item.version);
-    next_text(to_primary_name(item.file_name));
+    // The key and the file name column carry the same value, by design. Text
+    // is bound without a copy and read at step time, so both point into the
+    // caller's item, which outlives the statement.
+    next_text(item.file_name);
     next_text(item.file_name);
     next_int64(static_cast<int64_t>(item.file_len));
     next_text(item.backup_id);
@@ -488,7 +491,7 @@ cr_status_t catalog_application_base::try_do_db_delete_by_file_name(const std::s
     // A missing database is not looked for: it comes back as the open failure.
     static const delete_spec spec = {"try_do_db_delete_by_file_name", catalog_delete_by_name_sql,
                                      "name", false};
-    return try_delete(*this, spec, client, policy, to_primary_name(file_name), sql);
+    return try_delete(*this, spec, client, policy, file_name, sql);
 }
 
 cr_status_t catalog_application_base::try_do_db_delete_by_backup_id(const std::string& client,
