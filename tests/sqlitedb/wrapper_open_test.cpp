@@ -107,6 +107,17 @@ TEST(WrapperOpen, OpenWithPathSwitchesFiles) {
     EXPECT_TRUE(kt::file_exists(b));
 }
 
+TEST(WrapperOpen, OpeningAgainReplacesTheConnection) {
+    kt::TempDir dir;
+    int closes = 0;
+    sqlite3_wrapper w(dir.file("a.db"));
+    ASSERT_EQ(0u, w.open_db());
+    sqlt::watch_close(w.handle, &closes);
+    ASSERT_EQ(0u, w.open_db());
+    EXPECT_EQ(1, closes);
+    EXPECT_TRUE(w.is_open());
+}
+
 TEST(WrapperOpen, InitDbCreatesDirectoriesAndTable) {
     kt::TempDir dir;
     kt::LogCapture log;
@@ -201,6 +212,31 @@ TEST(WrapperOpen, InitDbRemovesHalfMadeFileWhenTableCreationFails) {
     EXPECT_FALSE(kt::file_exists(p));
     EXPECT_TRUE(log.contains(log_level::info, 0, "Close SQLite database " + p));
     EXPECT_EQ(0u, log.count_containing("Could not delete bad db file"));
+}
+
+// Corruption met while creating tables travels out of init_db as an exception,
+// after the connection is closed and the new file removed.
+TEST(WrapperOpen, InitDbLetsCorruptionOutWithoutLeavingTheFile) {
+    struct corrupt_on_create : sqlite3_wrapper {
+        using sqlite3_wrapper::sqlite3_wrapper;
+        cr_status_t on_db_createtable() override { return on_db_error(SQLITE_CORRUPT); }
+    };
+    kt::TempDir dir;
+    kt::LogCapture log;
+    const std::string p = dir.file("c.db");
+    corrupt_on_create w(p);
+    try {
+        w.init_db();
+        FAIL() << "no exception";
+    } catch (const sqlitedb::db_exception& e) {
+        EXPECT_EQ(SQLITE_CORRUPT, e.errcode());
+        EXPECT_EQ(67u, e.cr_status());
+    }
+    EXPECT_FALSE(w.is_open());
+    EXPECT_EQ(nullptr, w.handle);
+    EXPECT_FALSE(kt::file_exists(p));
+    EXPECT_TRUE(log.contains(log_level::info, CR_STATUS_NONE,
+                             "[DBERR 0000000B]: database disk image is malformed"));
 }
 
 TEST(WrapperOpen, InitDbWarnsWhenTheBadFileStays) {
