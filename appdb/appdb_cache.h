@@ -76,7 +76,7 @@ public:
 private:
     class scoped_mutex;
 
-    // Every helper below runs with mutex_ held.
+    // The operations below run with mutex_ held.
     void reclaim();
     bool add_priority(unsigned long time, const std::string& path);
     bool del_priority(unsigned long time, const std::string& path);

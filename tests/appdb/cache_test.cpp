@@ -6,7 +6,7 @@
 #include <string>
 
 #include "appdb/appdb_cache.h"
-#include "cache_test_helpers.h"
+#include "cache_fixtures.h"
 #include "common/test_util.h"
 #include "dct/log.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "appdb/appdb_cache.h"
-#include "cache_test_helpers.h"
+#include "cache_fixtures.h"
 #include "common/test_util.h"
 
 using appdb::appdb_cache;

@@ -4,7 +4,7 @@
 
 #include "common/test_util.h"
 #include "dct/log.h"
-#include "sqlite_test_helpers.h"
+#include "sqlite_fixtures.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 using dct::log_level;

@@ -9,7 +9,7 @@
 #include "common/test_util.h"
 #include "dct/fault.h"
 #include "dct/log.h"
-#include "sqlite_test_helpers.h"
+#include "sqlite_fixtures.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 using dct::log_level;

@@ -1,7 +1,7 @@
 // Tools for the open-database cache tests: connections whose real closes are
 // counted, and a settable clock.
-#ifndef KAVREL_TESTS_APPDB_CACHE_TEST_HELPERS_H_
-#define KAVREL_TESTS_APPDB_CACHE_TEST_HELPERS_H_
+#ifndef KAVREL_TESTS_APPDB_CACHE_FIXTURES_H_
+#define KAVREL_TESTS_APPDB_CACHE_FIXTURES_H_
 
 #include <atomic>
 #include <map>
@@ -85,4 +85,4 @@ private:
 
 }  // namespace cachet
 
-#endif  // KAVREL_TESTS_APPDB_CACHE_TEST_HELPERS_H_
+#endif  // KAVREL_TESTS_APPDB_CACHE_FIXTURES_H_

@@ -1,7 +1,7 @@
 // Small tools for the wrapper tests: building sample databases with the raw
 // SQLite API, damaging their bytes, and a fault hook that removes itself.
-#ifndef KAVREL_TESTS_SQLITEDB_SQLITE_TEST_HELPERS_H_
-#define KAVREL_TESTS_SQLITEDB_SQLITE_TEST_HELPERS_H_
+#ifndef KAVREL_TESTS_SQLITEDB_SQLITE_FIXTURES_H_
+#define KAVREL_TESTS_SQLITEDB_SQLITE_FIXTURES_H_
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -125,4 +125,4 @@ inline void watch_close(sqlite3* db, int* closes) {
 
 }  // namespace sqlt
 
-#endif  // KAVREL_TESTS_SQLITEDB_SQLITE_TEST_HELPERS_H_
+#endif  // KAVREL_TESTS_SQLITEDB_SQLITE_FIXTURES_H_
