@@ -41,8 +41,9 @@ struct TraverseResult {
 // cannot be opened gives the mapped errno ("Failed to open directory %s",
 // error). A non-zero status of a sub-walk ends this level with that status, so
 // it travels up to the first caller. Links to directories are followed (no loop
-// guard: a loop ends when the path grows too long to open). The directory itself
-// is never offered to `op`.
+// guard: a loop ends when the system no longer resolves the growing path, as too
+// many links or too long; that entry's stat fails and it is not entered). The
+// directory itself is never offered to `op`.
 template <typename Op>
 TraverseResult TraverseDir(const std::string& dir, Op op, bool recursive, int depth) {
     TraverseResult result;
