@@ -1,0 +1,170 @@
+// seed_pool: fills a pool's catalog with sample items through the catalog
+// library, the way a backup service records what it wrote.
+//
+//   seed_pool [DATABASE_ROOT]
+//
+// Without an argument the database root is read from the pool's
+// configuration exactly as kavrel finds it: the registry file named by
+// VELKREGISTRY (else /etc/velkregistry.cfg) names the CR configuration file,
+// whose [Paths] Database entry is the root. The catalogs are created below
+// DATABASE_ROOT/databases/application/DSID/CLIENT/POLICY/app.db:
+//
+//   data stores 1 and 2 x clients clientA, clientB x policies daily, weekly,
+//   four items each (two backups of two files), and
+//   data store 2, client clientC, policy archive: a catalog whose only item
+//   was added and then deleted again, so that it exists and is empty.
+//
+// Exit status 0 when every item was stored, 1 otherwise. Log records go where
+// DCT_LOG says (syslog by default).
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "appdb/app_catalog_item.h"
+#include "appdb/catalog_application.h"
+#include "appdb/kavrel_config_names.h"
+#include "dct/inifile.h"
+#include "dct/status.h"
+
+namespace {
+
+// Who the sample service acts as: an application user owns what it stores,
+// and may later read and remove it (an administrator reads everything).
+const char kServiceUser[] = "svc_backup";
+const unsigned int kServiceRole = appdb::APP_ROLE_APP;
+
+// Connections a catalog application keeps open between calls.
+const unsigned int kCacheSize = 5;
+
+// First backup start time of the sample: 2023-11-14 22:13:20 UTC.
+const int64_t kFirstBackup = 1700000000;
+
+// The database root of the pool's configuration, or "" when it cannot be read.
+std::string configured_database_root() {
+    const char* env = getenv(appdb::kRegistryEnv);
+    const std::string registry = (env != nullptr && *env != '\0') ? env : appdb::kRegistryDefaultPath;
+    char config[4096] = {0};
+    if (InifileGetPathA(registry.c_str(), appdb::kRegistrySection, appdb::kRegistryConfigFileKey, nullptr,
+                        config, sizeof(config)) != CR_STATUS_OK) {
+        return "";
+    }
+    char root[4096] = {0};
+    if (InifileGetPathA(config, appdb::kConfigPathsSection, appdb::kConfigDatabaseKey, nullptr, root,
+                        sizeof(root)) != CR_STATUS_OK) {
+        return "";
+    }
+    return root;
+}
+
+// A catalog application for one data store. Its databases lie below
+// `database_root` + "/databases"; it owns its cache and directory lock, and
+// closes every connection when it is destroyed.
+//
+// The factory also builds the shadow-protected kind (APP_D_CATALOG_SHADOW),
+// which keeps versioned copies and journals of every database; it needs the
+// pool's CatalogShadowContext as its fourth argument.
+std::unique_ptr<appdb::catalog_application> open_catalog(unsigned int dsid, const std::string& database_root,
+                                                         appdb::application_d_t type) {
+    return std::unique_ptr<appdb::catalog_application>(appdb::catalog_application_factory::create_catalog(
+        dsid, database_root + "/databases", type, nullptr, kCacheSize));
+}
+
+// One item as a backup of `client` under `policy` would record it.
+appdb::app_catalog_item sample_item(const std::string& client, const std::string& policy, int backup,
+                                    int file) {
+    const int64_t start = kFirstBackup + backup * 86400;
+    appdb::app_catalog_item item;
+    item.client = client;
+    item.policy = policy;
+    item.backup_id = client + "_" + std::to_string(start);
+    item.file_name = item.backup_id + "_C1_F" + std::to_string(file + 1);
+    item.file_len = 1048576u * static_cast<uint64_t>(file + 1);
+    item.policy_type = 4;
+    item.schedule_type = policy == "weekly" ? 1 : 0;
+    item.frag_nums = 1;
+    item.app_id = "orcl";
+    item.data_object = file == 0 ? "DATAFILE" : "CONTROLFILE";
+    item.backup_start_time = start;
+    item.backup_stop_time = start + 600;
+    item.app_expire_time = start + 30 * 86400;
+    item.orvo_expire_time = start + 35 * 86400;
+    item.owner = kServiceUser;
+    item.owner_role = kServiceRole;
+    item.description = policy + " backup of " + client;
+    return item;
+}
+
+// Stores `item`; update_catalog takes the item in its line form and creates
+// the database of its client and policy on first use.
+bool store(appdb::catalog_application& catalog, const appdb::app_catalog_item& item) {
+    cr_status_t st = catalog.update_catalog(kServiceUser, kServiceRole, item.to_string());
+    if (st != CR_STATUS_OK) {
+        fprintf(stderr, "seed_pool: storing %s failed with status %u\n", item.file_name.c_str(), st);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 2) {
+        fprintf(stderr, "usage: seed_pool [DATABASE_ROOT]\n");
+        return 1;
+    }
+    const std::string root = argc == 2 ? argv[1] : configured_database_root();
+    if (root.empty()) {
+        fprintf(stderr, "seed_pool: no database root given and none configured\n");
+        return 1;
+    }
+    const appdb::application_d_t type = appdb::APP_D_CATALOG;
+
+    bool ok = true;
+    unsigned stored = 0;
+    for (unsigned int dsid : {1u, 2u}) {
+        std::unique_ptr<appdb::catalog_application> catalog = open_catalog(dsid, root, type);
+        if (!catalog) {
+            fprintf(stderr, "seed_pool: no catalog application for data store %u\n", dsid);
+            return 1;
+        }
+        for (const std::string client : {"clientA", "clientB"}) {
+            for (const std::string policy : {"daily", "weekly"}) {
+                for (int backup = 0; backup < 2; ++backup) {
+                    for (int file = 0; file < 2; ++file) {
+                        if (store(*catalog, sample_item(client, policy, backup + 2 * (dsid - 1), file))) {
+                            ++stored;
+                        } else {
+                            ok = false;
+                        }
+                    }
+                }
+            }
+        }
+
+        if (dsid == 2) {
+            // An empty catalog: store one item, then remove it by file name.
+            const appdb::app_catalog_item item = sample_item("clientC", "archive", 0, 0);
+            ok = store(*catalog, item) && ok;
+            const std::string query = appdb::to_query_by_file_name(item.client, item.policy, item.file_name);
+            cr_status_t st = catalog->del_catalog(kServiceUser, kServiceRole, query);
+            if (st != CR_STATUS_OK) {
+                fprintf(stderr, "seed_pool: removing %s failed with status %u\n", item.file_name.c_str(), st);
+                ok = false;
+            }
+        }
+
+        // Read back what this data store holds, as an administrator sees it.
+        std::vector<appdb::app_catalog_item> found;
+        const std::string all = appdb::to_query_by_backup_id("clientA", "daily", "*");
+        if (catalog->find_catalog("", appdb::APP_ROLE_ADMIN, all, found) == CR_STATUS_OK) {
+            printf("data store %u: clientA/daily holds %zu items\n", dsid, found.size());
+        } else {
+            ok = false;
+        }
+    }
+    printf("seed_pool: stored %u items below %s/databases\n", stored, root.c_str());
+    return ok ? 0 : 1;
+}
