@@ -45,7 +45,7 @@ int OpList::operator()(const DirItem& item) const {
         list_catalog(item.fullpath);
     } catch (const std::bad_alloc&) {
         // The walk goes on; what this directory printed so far stays printed.
-        ErrorA(CR_STATUS_NONE, "%s: out of memory", "operator()");
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "operator()");
     }
     return 0;
 }
@@ -80,6 +80,18 @@ void OpList::list_catalog(const std::string& dir) const {
 
 appdb::catalog_application* OpList::parse_path(const std::string& path, std::string& client,
                                                std::string& policy) const {
+    try {
+        return parse_catalog_path(path, client, policy);
+    } catch (const std::bad_alloc&) {
+        // Building the path pieces failed (the application itself reports
+        // its own allocation failures below).
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "parse_path");
+        return nullptr;
+    }
+}
+
+appdb::catalog_application* OpList::parse_catalog_path(const std::string& path, std::string& client,
+                                                       std::string& policy) {
     const std::string databases_mark = std::string("/") + kDatabasesDir + "/";
     const size_t mark = path.rfind(databases_mark);
     if (mark == std::string::npos) {
@@ -127,16 +139,20 @@ appdb::catalog_application* OpList::parse_path(const std::string& path, std::str
     __TraceA("client %s policy %s dsid %u database_root %s\n", client.c_str(), policy.c_str(), dsid,
              database_root.c_str());
 
+    return create_list_catalog(dsid, database_root);
+}
+
+appdb::catalog_application* OpList::create_list_catalog(uint32_t dsid, const std::string& database_root) {
     appdb::catalog_application_impl* app = nullptr;
     try {
         app = new (std::nothrow) appdb::catalog_application_impl(dsid, database_root, kListCacheSize);
         if (app == nullptr) {
-            ErrorA(CR_STATUS_NONE, "%s: out of memory", "parse_path");
+            ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "parse_path");
             return nullptr;
         }
         app->dir_lock.reset(new CatalogDirectoryLock());
     } catch (const std::bad_alloc&) {
-        ErrorA(CR_STATUS_NONE, "%s: out of memory", "create_catalog");
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "create_catalog");
         delete app;
         return nullptr;
     }

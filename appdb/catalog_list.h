@@ -5,6 +5,8 @@
 #ifndef APPDB_CATALOG_LIST_H_
 #define APPDB_CATALOG_LIST_H_
 
+#include <stdint.h>
+
 #include <string>
 
 #include "dct/fileutil.h"
@@ -44,6 +46,12 @@ public:
 private:
     // Lists `dir` when it is a catalog directory.
     void list_catalog(const std::string& dir) const;
+    // parse_path without its guard against allocation failures.
+    static appdb::catalog_application* parse_catalog_path(const std::string& path, std::string& client,
+                                                          std::string& policy);
+    // The plain catalog application of one data store, with its own lock;
+    // null (logged) when it cannot be allocated.
+    static appdb::catalog_application* create_list_catalog(uint32_t dsid, const std::string& database_root);
 
     std::string backup_id_;
     bool verbose_;
