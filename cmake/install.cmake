@@ -47,3 +47,22 @@ write_basic_package_version_file(
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/kavrelConfig.cmake ${PROJECT_BINARY_DIR}/kavrelConfigVersion.cmake
         DESTINATION ${KAVREL_INSTALL_CMAKEDIR})
+
+# pkg-config file kavrel.pc, for builds that do not use CMake. It is written at
+# install time so that its prefix is the one installed to, also when
+# `cmake --install --prefix` differs from the configured prefix.
+foreach(_kind LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${_kind}}")
+    set(KAVREL_PC_${_kind} "${CMAKE_INSTALL_${_kind}}")
+  else()
+    set(KAVREL_PC_${_kind} "\${prefix}/${CMAKE_INSTALL_${_kind}}")
+  endif()
+endforeach()
+install(CODE "
+  set(KAVREL_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+  set(KAVREL_PC_LIBDIR [==[${KAVREL_PC_LIBDIR}]==])
+  set(KAVREL_PC_INCLUDEDIR [==[${KAVREL_PC_INCLUDEDIR}]==])
+  set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+  configure_file(\"${PROJECT_SOURCE_DIR}/cmake/kavrel.pc.in\" \"${PROJECT_BINARY_DIR}/kavrel.pc\" @ONLY)
+")
+install(FILES ${PROJECT_BINARY_DIR}/kavrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
