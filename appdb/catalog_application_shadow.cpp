@@ -1,0 +1,211 @@
+// catalog_application_impl_shadow: the calls into the shadow context, the
+// decision to recover, the recovery step, and the protected insert and expire.
+#include "appdb/catalog_application_shadow.h"
+
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "dct/log.h"
+#include "dct/sleep.h"
+
+namespace appdb {
+
+namespace {
+
+// Tries of an insert while the database is busy, one second apart.
+constexpr unsigned int max_busy_tries = 60;
+
+// The public operation running on this thread: how deeply operations are
+// nested in it, and whether it has recovered its database already.
+thread_local int operation_depth = 0;
+thread_local bool operation_recovered = false;
+
+}  // namespace
+
+catalog_application_impl_shadow::operation_scope::operation_scope() {
+    if (operation_depth++ == 0) operation_recovered = false;
+}
+
+catalog_application_impl_shadow::operation_scope::~operation_scope() { --operation_depth; }
+
+catalog_application_impl_shadow::catalog_application_impl_shadow(
+    unsigned int dsid_in, const std::string& database_root_in, unsigned int cache_size,
+    CatalogShadowContext* shadow_ctx_in)
+    : catalog_application_base(dsid_in, database_root_in, cache_size), shadow_ctx(shadow_ctx_in) {}
+
+// dir_lock goes first, then the base closes the cache.
+catalog_application_impl_shadow::~catalog_application_impl_shadow() = default;
+
+bool catalog_application_impl_shadow::shadow_copy_exist(const std::string& client,
+                                                        const std::string& policy) {
+    const char* const fn = "shadow_copy_exist";
+    if (shadow_ctx == nullptr) {
+        ErrorA(CR_STATUS_NONE, "%s: app db shadow doesn't exsit", fn);
+        return false;
+    }
+    if (shadow_ctx->has_shadow_copy(to_db_full_path(client, policy), db_type)) {
+        __TraceA("%s: app db shadow found for c %s p %s", fn, client.c_str(), policy.c_str());
+        return true;
+    }
+    __TraceA("%s: no app db shadow copy for c %s p %s", fn, client.c_str(), policy.c_str());
+    return false;
+}
+
+cr_status_t catalog_application_impl_shadow::backup_shadow(const std::string& path) {
+    const char* const fn = "backup_shadow";
+    if (shadow_ctx == nullptr) return CR_STATUS_OK;
+    InfoA(CR_STATUS_OK, "%s: create shadow file for db %s", fn, path.c_str());
+    const cr_status_t status = shadow_ctx->backup_unlocked(path, db_type, 0);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to backup app shadow file for %s", fn, path.c_str());
+    }
+    return status;
+}
+
+cr_status_t catalog_application_impl_shadow::write_journal(const std::string& path,
+                                                           const std::string& statement) {
+    const char* const fn = "write_journal";
+    if (shadow_ctx == nullptr) return CR_STATUS_OK;
+    // A call that ran no statement (a backup with no database, say) changed
+    // nothing; a journal line for it would only be noise for the replay.
+    if (statement.empty()) return CR_STATUS_OK;
+    __TraceA("%s: write app db journal %s %s", fn, path.c_str(), statement.c_str());
+    const cr_status_t status = shadow_ctx->write_journal(path, db_type, statement);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: app db write journal failed for %s", fn, path.c_str());
+    }
+    return status;
+}
+
+cr_status_t catalog_application_impl_shadow::recover_from_journal(const std::string& client,
+                                                                  const std::string& policy) {
+    const char* const fn = "recover_from_journal";
+    if (shadow_ctx == nullptr) return CR_STATUS_FAILED;
+    const std::string path = to_db_full_path(client, policy);
+    const cr_status_t status = shadow_ctx->recover_unlocked(path, db_type, 0);
+    if (status != CR_STATUS_OK) ErrorA(status, "%s: recover failed for %s", fn, path.c_str());
+    return status;
+}
+
+bool catalog_application_impl_shadow::need_recover_after_db_operation(cr_status_t status,
+                                                                      const std::string& client,
+                                                                      const std::string& policy) {
+    const char* const fn = "need_recover_after_db_operation";
+    bool recover = false;
+    if (status == CR_STATUS_CORRUPT) {
+        recover = true;
+    } else if (status == CR_STATUS_IO) {
+        if (!shadow_copy_exist(client, policy)) {
+            // Nothing to recover from.
+            ErrorA(status, "%s: no app db shadow for %s %s", fn, client.c_str(), policy.c_str());
+        } else if (!db_existed(client, policy)) {
+            ErrorA(CR_STATUS_IO, "%s: Can't find app database c %s p %s, need recover.", fn,
+                   client.c_str(), policy.c_str());
+            recover = true;
+        } else {
+            // The file is there: only a database that fails its integrity
+            // check is rebuilt; a passing one had a passing input/output error.
+            recover = !db_intergartion_check(client, policy);
+        }
+    }
+    __TraceA("%s: need recover %d", fn, recover ? 1 : 0);
+    return recover;
+}
+
+bool catalog_application_impl_shadow::may_recover(cr_status_t status, const std::string& client,
+                                                  const std::string& policy) {
+    if (!need_recover_after_db_operation(status, client, policy)) return false;
+    if (operation_recovered) {
+        __TraceA("%s: app db c %s p %s was recovered once in this operation", "may_recover",
+                 client.c_str(), policy.c_str());
+        return false;
+    }
+    return true;
+}
+
+cr_status_t catalog_application_impl_shadow::recover_db(const char* fn, cr_status_t failure,
+                                                        const std::string& client,
+                                                        const std::string& policy) {
+    const std::string path = to_db_full_path(client, policy);
+    operation_recovered = true;
+    ErrorA(failure, "%s: db %s corrupt, to do recover from shadow", fn, path.c_str());
+    // No handle on the old file may survive the recovery: the rebuilt file
+    // replaces it under the same name.
+    if (cache) cache->close_db(path);
+    const cr_status_t status = recover_from_journal(client, policy);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: fail to recover app db from %s %s", fn, client.c_str(),
+               policy.c_str());
+    }
+    return status;
+}
+
+cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
+    const app_catalog_item& item) {
+    const char* const fn = "shadow_protected_db_insert";
+    const std::string path = to_db_full_path(item.client, item.policy);
+    bool created = false;
+    cr_status_t status = need_create_db(item, created);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to call need_create_db for c %s p %s", fn, item.client.c_str(),
+               item.policy.c_str());
+        return status;
+    }
+    if (created) {
+        // The first shadow copy holds the empty schema; every later change
+        // reaches the shadow through the journal. A failed copy leaves the
+        // database unprotected, not unusable.
+        InfoA(CR_STATUS_OK, "%s: new created db %s", fn, path.c_str());
+        backup_shadow(path);
+    }
+    const std::string name = to_db_full_name(item.client, item.policy);
+    std::string statement;
+    for (unsigned int busy = 0;;) {
+        status = try_do_db_insert(item, statement);
+        if (status != CR_STATUS_BUSY) break;
+        WarningA(status, "%s: %u busy when inserting %s", "do_db_insert", busy,
+                 item.file_name.c_str());
+        DctSleep(1);
+        if (++busy >= max_busy_tries) break;
+    }
+    if (status != CR_STATUS_OK && status != CR_STATUS_BUSY) {
+        ErrorA(status, "%s: failed to insert %s to db %s", "do_db_insert", item.file_name.c_str(),
+               name.c_str());
+    }
+    if (status == CR_STATUS_OK) {
+        __TraceA("%s: insert db success for %s", "do_db_insert", item.file_name.c_str());
+        // The row is in the database whatever the journal says.
+        write_journal(path, statement);
+    } else {
+        ErrorA(status, "%s: failed to insert %s to db %s", fn, item.file_name.c_str(),
+               path.c_str());
+    }
+    return status;
+}
+
+cr_status_t catalog_application_impl_shadow::shadow_protected_expire_catalog(
+    const std::string& client, const std::string& policy, const std::string& image_name) {
+    const char* const fn = "shadow_protected_expire_catalog";
+    const std::string path = to_db_full_path(client, policy);
+    std::string statement;
+    cr_status_t status = expire_catalog_by_image_name(client, policy, image_name, statement);
+    if (status == CR_STATUS_OK) {
+        write_journal(path, statement);
+        return CR_STATUS_OK;
+    }
+    if (!may_recover(status, client, policy)) {
+        ErrorA(status, "%s: failed to delete app db by image name %s", fn, image_name.c_str());
+        return status;
+    }
+    status = recover_db(fn, status, client, policy);
+    if (status != CR_STATUS_OK) return status;
+    statement.clear();
+    status = expire_catalog_by_image_name(client, policy, image_name, statement);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to del app catalog %s after shadow recovery", fn,
+               image_name.c_str());
+        return status;
+    }
+    write_journal(path, statement);
+    return CR_STATUS_OK;
+}
+
+}  // namespace appdb

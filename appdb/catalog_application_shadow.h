@@ -1,0 +1,138 @@
+// catalog_application_impl_shadow: the catalog operations with shadow
+// protection. The same public operations as catalog_application_impl, but
+// every application database stays recoverable:
+//
+//   - a database created here gets its first shadow copy at once (the empty
+//     schema), through CatalogShadowContext::backup_unlocked;
+//   - every successful change is appended to the database's operation
+//     journal (CatalogShadowContext::write_journal, durable on return);
+//   - a database call that fails because the database is corrupt (67), or
+//     missing or unreadable while a shadow exists (21), evicts the database
+//     from the cache, recovers it from the newest good shadow plus journals
+//     (CatalogShadowContext::recover_unlocked) and tries the call once more.
+//
+// A public operation recovers at most once, even when it runs several
+// database calls (a lookup and a delete): a database that is still broken
+// after its recovery is reported, not recovered again.
+//
+// All shadow calls are made while the operation holds the directory lock of
+// the database, hence the "unlocked" forms. With no shadow context, backups
+// and journals are no-op successes and recovery fails with 4.
+//
+// Thread-safe as catalog_application_impl: callers may share one object; the
+// shadow context serialises its own work per directory.
+#ifndef APPDB_CATALOG_APPLICATION_SHADOW_H_
+#define APPDB_CATALOG_APPLICATION_SHADOW_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "appdb/catalog_application.h"
+#include "catalog_shadow/DirectoryLock.h"
+#include "dct/status.h"
+
+class CatalogShadowContext;
+
+namespace appdb {
+
+class catalog_application_impl_shadow : public catalog_application_base {
+public:
+    // `shadow_ctx` is not owned and may be null; when given it must outlive
+    // this object. dir_lock starts empty (no lock taken); the factory, or
+    // whoever builds the object directly, gives it its CatalogDirectoryLock.
+    catalog_application_impl_shadow(unsigned int dsid, const std::string& database_root,
+                                     unsigned int cache_size, CatalogShadowContext* shadow_ctx);
+    // dir_lock goes first, then the base closes the cache; the shadow context
+    // is left alone.
+    ~catalog_application_impl_shadow() override;
+
+    cr_status_t update_catalog(const char* user, unsigned int role,
+                               const std::string& item_text) override;
+    cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                             std::string& result) override;
+    cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                             std::vector<app_catalog_item>& result) override;
+    cr_status_t expire_catalog(const char* user, unsigned int role, const std::string& client,
+                               const std::string& policy, const std::string& image_name,
+                               bool lock) override;
+    cr_status_t del_catalog(const char* user, unsigned int role, const std::string& query) override;
+    cr_status_t close_db(const std::string& path, unsigned int n, bool lock) override;
+    cr_status_t find_by_image_name(const std::string& client, const std::string& policy,
+                                   const std::string& image_name, app_catalog_item& result,
+                                   bool lock) override;
+    cr_status_t find_by_file_name(const std::string& client, const std::string& policy,
+                                  const std::string& file_name, app_catalog_item& result,
+                                  bool lock) override;
+
+    // Whether the shadow of the database of client and policy holds a copy.
+    // False, logged as an error, when there is no shadow context.
+    bool shadow_copy_exist(const std::string& client, const std::string& policy) override;
+
+    // ---- calls into the shadow context; `path` is a database directory
+    // (to_db_full_path) whose lock the caller holds ----
+
+    // Takes a new shadow copy of the database in `path`. 0 with no context.
+    cr_status_t backup_shadow(const std::string& path);
+    // Appends `statement` to the database's journal and makes it durable.
+    // 0 with no context, and for an empty statement (nothing was changed).
+    cr_status_t write_journal(const std::string& path, const std::string& statement);
+    // Rebuilds the database of client and policy from its shadow. 4 at once
+    // with no context.
+    cr_status_t recover_from_journal(const std::string& client, const std::string& policy);
+
+    // Whether a database call that returned `status` calls for a recovery:
+    // always for 67; for 21 only when a shadow exists and the database file is
+    // missing or fails its integrity check; never otherwise.
+    bool need_recover_after_db_operation(cr_status_t status, const std::string& client,
+                                         const std::string& policy);
+
+    // Creates the database when it has never existed (with its first shadow
+    // copy), inserts with busy retries (60 tries, DctSleep(1) after each busy
+    // one) and journals the insert. A journal failure is logged only: the row
+    // is in the database either way. Returns the insert's status.
+    cr_status_t shadow_protected_db_insert(const app_catalog_item& item);
+
+    // Deletes the records of a header image's backup, journals the delete,
+    // and recovers the database once when the delete calls for it.
+    cr_status_t shadow_protected_expire_catalog(const std::string& client,
+                                                const std::string& policy,
+                                                const std::string& image_name);
+
+    std::unique_ptr<CatalogDirectoryLock> dir_lock;
+    CatalogShadowContext* shadow_ctx;  // not owned; may be null
+
+private:
+    // Marks the extent of one public operation on the calling thread; the
+    // outermost one owns the operation's single recovery.
+    class operation_scope {
+    public:
+        operation_scope();
+        ~operation_scope();
+        operation_scope(const operation_scope&) = delete;
+        operation_scope& operator=(const operation_scope&) = delete;
+    };
+
+    // The recovery step after a failed database call of operation `function`
+    // that returned `status`: evicts the database from the cache and rebuilds
+    // it. 0 when the call may be tried once more, else the recovery's status
+    // (logged).
+    cr_status_t recover_db(const char* function, cr_status_t status, const std::string& client,
+                           const std::string& policy);
+    // need_recover_after_db_operation, and the operation has not recovered yet.
+    bool may_recover(cr_status_t status, const std::string& client, const std::string& policy);
+    // do_db_query, with one recovery and one more query when the failure
+    // calls for it.
+    cr_status_t query_with_recovery(const char* function, const app_query& query,
+                                    std::vector<app_catalog_item>& records,
+                                    const std::string& sql);
+    // The query behind find_by_image_name and find_by_file_name.
+    cr_status_t find_one(const char* function, const std::string& client,
+                         const std::string& policy, const std::string& query_text,
+                         const char* too_many_format, const std::string& key,
+                         app_catalog_item& result, bool lock);
+};
+
+}  // namespace appdb
+
+#endif  // APPDB_CATALOG_APPLICATION_SHADOW_H_
