@@ -1,0 +1,208 @@
+// CatalogShadowContext: recovery of one database, of whole catalog trees, and
+// removal of a shadow.
+//
+// The rebuilt database is made in "<database>.tmp" beside the real one (same
+// file system, so that it can be renamed over it) and only a merge that
+// committed is moved into place. Before it takes the real database's place,
+// what stood there is set aside in the shadow's "#corrupt_" directory: the
+// rollback journal or write-ahead log first (SQLite would play either back onto
+// the rebuilt file at its next open), then the old database itself.
+//
+// The `flags` argument of the recovery operations is passed through unchanged
+// and has no meaning yet.
+#include <errno.h>
+#include <string.h>
+
+#include <exception>
+
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/CatalogShadowOps.h"
+#include "dct/fs.h"
+#include "dct/log.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
+namespace {
+
+const char* tree_name(bool app) { return app ? "APP" : "PO UL"; }
+
+// SQLite's companions of a database file.
+const char* const kCompanions[] = {"-journal", "-wal", "-shm"};
+
+// Removes the rebuilt file and the journal SQLite may have left beside it.
+void remove_target(const std::string& target) {
+    if (wa_access(target, 0) == 0) wa_deletefile(target);
+    for (const char* suffix : kCompanions) {
+        const std::string companion = target + suffix;
+        if (wa_access(companion, 0) == 0) wa_deletefile(companion);
+    }
+}
+
+// Sets aside what stands at the real database's place. A journal that cannot
+// be moved stops the recovery (the rebuilt file must never meet it); an old
+// database that cannot be moved is replaced all the same, since its content
+// is what the recovery is there to replace. 0 or the status of the failure.
+cr_status_t set_aside_real(PODBShadow& shadow, const std::string& type, const std::string& real) {
+    for (const char* suffix : kCompanions) {
+        const std::string companion = real + suffix;
+        if (wa_access(companion, 0) != 0) continue;
+        cr_status_t status = shadow.move_file_as_backup(type, companion);
+        if (status != CR_STATUS_OK) return status;
+    }
+    if (wa_access(real, 0) == 0 && shadow.move_file_as_backup(type, real) != CR_STATUS_OK) {
+        WarningA(CR_STATUS_NONE, "%s: %s is replaced without being set aside", "recover_unlocked", real.c_str());
+    }
+    return CR_STATUS_OK;
+}
+
+}  // namespace
+
+cr_status_t CatalogShadowContext::recover(const std::string& dir, unsigned flags) {
+    if (!enabled) {
+        ErrorA(CR_STATUS_FAILED, "Can't recover PO database in %s since the catalog shadow feature has been disabled.",
+               dir.c_str());
+        return CR_STATUS_FAILED;
+    }
+    return recover(dir, PODBShadow::_podb_type_, flags);
+}
+
+cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::string& type, unsigned flags) {
+    if (!enabled) {
+        ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
+               type.c_str(), dir.c_str());
+        return CR_STATUS_FAILED;
+    }
+    cr_status_t status = check_identity();
+    if (status != CR_STATUS_OK) return status;
+    try {
+        DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
+        return recover_unlocked(dir, type, flags);
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover", e);
+    } catch (const std::exception& e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover", e.what());
+    }
+    return CR_STATUS_FAILED;
+}
+
+cr_status_t CatalogShadowContext::recover_unlocked(const std::string& dir, const std::string& type, unsigned) {
+    if (!enabled) {
+        ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
+               type.c_str(), dir.c_str());
+        return CR_STATUS_FAILED;
+    }
+    std::string real;
+    std::string target;
+    cr_status_t status = CR_STATUS_FAILED;
+    try {
+        if (!pool || !PODBShadow::is_valid_type(type)) throw "bad parameter";
+        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
+        // No journal line of this directory may land while it is rebuilt.
+        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+
+        if (wa_access(dir, 0) != 0 && wa_createtree(dir, 0755) != 0) {
+            status = _crMapError("recover_unlocked", __FILE__, __LINE__);
+            ErrorA(status, "%s: %s could not be created", "recover_unlocked", dir.c_str());
+            return status;
+        }
+        real = dir + "/" + PODBShadow::db_file_name(type);
+        target = real + ".tmp";
+        // A crashed recovery may have left its file and, worse, a journal that
+        // SQLite would play back onto the fresh copy.
+        remove_target(target);
+
+        status = shadow->merge_shadows(dir, target, type);
+        if (status == CR_STATUS_OK) status = set_aside_real(*shadow, type, real);
+        if (status == CR_STATUS_OK) {
+            __TraceA("%s: Rename file %s to %s", "recover_unlocked", target.c_str(), real.c_str());
+            if (FileMove(target, real) != 0) {
+                int e = errno;
+                status = _crMapError("recover_unlocked", __FILE__, __LINE__);
+                ErrorA(status, "%s: could not move %s to %s (%s)", "recover_unlocked", target.c_str(), real.c_str(),
+                       strerror(e));
+            } else if (wa_syncdir(dir) != 0) {
+                int e = errno;
+                status = _crMapError("recover_unlocked", __FILE__, __LINE__);
+                ErrorA(status, "%s: failed to sync directory %s (%s)", "recover_unlocked", dir.c_str(), strerror(e));
+            }
+        }
+    } catch (const sqlitedb::db_exception& e) {
+        status = e.cr_status();
+        ErrorA(status, "%s: Catch sqlite database runtime exception [%d]: %s", "recover_unlocked", e.errcode(),
+               e.what());
+    } catch (const char* e) {
+        status = CR_STATUS_FAILED;
+        ErrorA(status, "%s: Got exception: [%s]", "recover_unlocked", e);
+    } catch (const std::exception& e) {
+        status = CR_STATUS_FAILED;
+        ErrorA(status, "%s: Got exception: [%s]", "recover_unlocked", e.what());
+    }
+    if (status == CR_STATUS_OK) {
+        InfoA(CR_STATUS_OK, "%s: Recover database %s %s.", "recover_unlocked", real.c_str(), "succeeded");
+    } else {
+        ErrorA(status, "%s: Recover database %s %s.", "recover_unlocked",
+               real.empty() ? dir.c_str() : real.c_str(), "failed");
+    }
+    if (!target.empty()) remove_target(target);
+    return status;
+}
+
+cr_status_t CatalogShadowContext::recover_all(bool app, unsigned flags) {
+    InfoA(CR_STATUS_OK, "Start to recover all catalog %s databases...", tree_name(app));
+    if (!enabled || !pool) {
+        ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
+               tree_name(app), shadow_path.c_str());
+        return CR_STATUS_FAILED;
+    }
+    cr_status_t status = check_identity();
+    if (status != CR_STATUS_OK) return status;
+
+    OpRecoverCatalog op(this, app, flags);
+    OpFilterDSID<OpRecoverCatalog> filter(app, op);
+    TraverseResult walked = TraverseDir(shadow_path, filter, true, 0);
+    if (walked.status != CR_STATUS_OK) status = walked.status;
+    if (op.failed() > 0) {
+        WarningA(CR_STATUS_FAILED, "Attention: not all of the %s databases have been successfully recovered!",
+                 tree_name(app));
+        if (status == CR_STATUS_OK) status = CR_STATUS_FAILED;
+    }
+    return status;
+}
+
+cr_status_t CatalogShadowContext::recover_all_missing(bool app) {
+    InfoA(CR_STATUS_OK, "Trying to find and recover the missing %s databases", tree_name(app));
+    if (!enabled || !pool) {
+        ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
+               tree_name(app), shadow_path.c_str());
+        return CR_STATUS_FAILED;
+    }
+    cr_status_t status = check_identity();
+    if (status != CR_STATUS_OK) return status;
+
+    OpRecoverCatalog op(this, app, 0);
+    OpFilterDSID<OpRecoverCatalog> filter(app, op);
+    TraverseResult walked = TraverseDir(shadow_path, filter, true, 0);
+    if (walked.status != CR_STATUS_OK) status = walked.status;
+    if (status == CR_STATUS_OK && op.failed() == 0) {
+        InfoA(CR_STATUS_OK, "%li lost %s databases are recovered.", op.succeeded(), tree_name(app));
+        return CR_STATUS_OK;
+    }
+    if (status == CR_STATUS_OK) status = CR_STATUS_FAILED;
+    ErrorA(status, "%s: failed to recover the missing %s databases.", "recover_all_missing", tree_name(app));
+    return status;
+}
+
+cr_status_t CatalogShadowContext::remove_shadow_unlocked(const std::string& dir) {
+    if (!enabled) return CR_STATUS_OK;
+    try {
+        if (!pool) throw "bad parameter";
+        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
+        cr_status_t status = shadow->destroy();
+        pool->erase(dir);
+        return status;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "remove_shadow_unlocked", e);
+    } catch (const std::exception& e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "remove_shadow_unlocked", e.what());
+    }
+    return CR_STATUS_FAILED;
+}

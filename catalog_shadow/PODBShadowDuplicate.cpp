@@ -1,0 +1,222 @@
+// PODBShadow: consistent copies of SQLite database files and their integrity
+// check.
+//
+// A copy of a live database must be a state that some commit left. The copy
+// is therefore taken under a read transaction of the source, opened through
+// SQLite: before it grants the read lock SQLite plays back the hot journal of
+// a writer that died mid-transaction, and while the lock is held no writer can
+// commit. The source is opened read-write (never created): playing a hot
+// journal back needs write access, and a read-only connection refuses a file
+// with a hot journal instead (SQLITE_READONLY_ROLLBACK).
+//
+// The bytes are read through the connection's own file handle. POSIX record
+// locks belong to the process, and closing ANY descriptor of a file drops
+// every one of them: a second open()/close() of the source here would silently
+// release the locks of this connection and of every other connection of the
+// process to the same database (a catalog service keeps such connections
+// open), letting a writer commit under a reader that believes itself safe.
+//
+// Databases in write-ahead-log mode are outside this scheme (their committed
+// state is not all in the main file); the catalog databases never use it.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <sqlite3.h>
+
+#include <string>
+
+#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/fault.h"
+#include "dct/fs.h"
+#include "dct/log.h"
+#include "dct/sleep.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
+namespace {
+
+const size_t kBlockSize = 32768;
+const int kBusyTimeoutMs = 10000;
+// Tries of the read lock while the source stays busy, one second apart.
+const int kBusyTries = 60;
+const unsigned long kCloseRetries = 3;
+
+// Writes all of `data` to `fd`; -1 with errno set on failure.
+int write_all(int fd, const char* data, size_t length) {
+    size_t done = 0;
+    while (done < length) {
+        ssize_t n = ::write(fd, data + done, length - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) {
+            errno = EIO;
+            return -1;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+// A connection to the copy's source holding a read transaction for as long as
+// it lives.
+class SourceSnapshot {
+public:
+    explicit SourceSnapshot(const std::string& path) : path_(path) {}
+    ~SourceSnapshot() {
+        if (db_ == nullptr) return;
+        // A read transaction has nothing to keep; ending it releases the lock.
+        if (in_transaction_) sqlite3_exec(db_, "ROLLBACK;", nullptr, nullptr, nullptr);
+        sqlite3_close(db_);
+    }
+    SourceSnapshot(const SourceSnapshot&) = delete;
+    SourceSnapshot& operator=(const SourceSnapshot&) = delete;
+
+    // Opens the source and takes the read lock. SQLITE_OK, or the SQLite result
+    // of the step that failed. With SQLITE_CORRUPT or SQLITE_NOTADB the
+    // connection stays usable for reading the raw bytes, without a lock.
+    int open() {
+        int rc = sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr);
+        if (rc != SQLITE_OK) return rc;
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        sqlite3_extended_result_codes(db_, 1);
+        rc = sqlite3_exec(db_, "BEGIN;", nullptr, nullptr, nullptr);
+        if (rc != SQLITE_OK) return rc;
+        in_transaction_ = true;
+        // Reading the schema takes the shared lock, after any hot journal has
+        // been played back. Inside BEGIN the lock stays until the end.
+        for (int attempt = 1;; ++attempt) {
+            rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
+            if ((rc & 0xFF) != SQLITE_BUSY || attempt >= kBusyTries) break;
+            DctSleep(1);
+        }
+        return rc;
+    }
+
+    // The connection's handle of the main database file; null when SQLite
+    // has none open.
+    sqlite3_file* file() const {
+        sqlite3_file* f = nullptr;
+        if (db_ == nullptr) return nullptr;
+        if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK) return nullptr;
+        if (f == nullptr || f->pMethods == nullptr) return nullptr;
+        return f;
+    }
+
+    const char* errmsg() const { return db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory"; }
+
+private:
+    std::string path_;
+    sqlite3* db_ = nullptr;
+    bool in_transaction_ = false;
+};
+
+// Logs a failed copy and removes the partial destination; errno is kept for
+// the caller's message.
+cr_status_t copy_failed(const std::string& src, const std::string& dst, cr_status_t status) {
+    const int e = errno;
+    ErrorA(status, "failed to copy data from %s to %s.", src.c_str(), dst.c_str());
+    wa_deletefile(dst);
+    errno = e;
+    return status;
+}
+
+}  // namespace
+
+cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst, uint32_t* crc) {
+    __TraceA("Duplicate file from %s to %s.", src.c_str(), dst.c_str());
+
+    if (wa_access(src, R_OK) != 0) {
+        cr_status_t status = _crMapError("duplicate", __FILE__, __LINE__);
+        ErrorA(status, "failed to open file %s for reading.", src.c_str());
+        return status;
+    }
+    SourceSnapshot snapshot(src);
+    int rc = snapshot.open();
+    if (rc != SQLITE_OK) {
+        const int primary = rc & 0xFF;
+        if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) {
+            // Nothing to be consistent with: copy the bytes as they are, and
+            // let the integrity check that follows every copy judge them.
+            __TraceA("%s: %s is not a sound database (%s), copy it as it stands", "duplicate", src.c_str(),
+                     snapshot.errmsg());
+        } else {
+            cr_status_t status = sqlitedb::db_exception::dberr_to_crstatus(rc);
+            ErrorA(status, "failed to open file %s for reading.", src.c_str());
+            return status;
+        }
+    }
+    sqlite3_file* in = snapshot.file();
+    sqlite3_int64 size = 0;
+    if (in == nullptr || in->pMethods->xFileSize(in, &size) != SQLITE_OK) {
+        ErrorA(CR_STATUS_IO, "failed to open file %s for reading.", src.c_str());
+        return CR_STATUS_IO;
+    }
+
+    int fd = -1;
+    if (dct::fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
+        fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    }
+    if (fd < 0) {
+        cr_status_t status = _crMapError("duplicate", __FILE__, __LINE__);
+        ErrorA(status, "failed to open file %s for writing.", dst.c_str());
+        return status;
+    }
+
+    CRC sum;
+    std::string block(kBlockSize, '\0');
+    cr_status_t status = CR_STATUS_OK;
+    for (sqlite3_int64 offset = 0; offset < size;) {
+        const int n = static_cast<int>(size - offset < static_cast<sqlite3_int64>(kBlockSize)
+                                           ? size - offset
+                                           : static_cast<sqlite3_int64>(kBlockSize));
+        rc = in->pMethods->xRead(in, &block[0], n, offset);
+        if (rc != SQLITE_OK) {
+            // A short read (the file shrank under us) is as bad as a failed one.
+            status = CR_STATUS_IO;
+            break;
+        }
+        if (dct::fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
+            write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {
+            status = _crMapError("duplicate", __FILE__, __LINE__);
+            break;
+        }
+        sum.append(block.data(), static_cast<size_t>(n));
+        offset += n;
+    }
+    // The copy is renamed into place next: its bytes must be on disk first.
+    if (status == CR_STATUS_OK && safe_fsync(fd) != 0) status = _crMapError("duplicate", __FILE__, __LINE__);
+    if (::close(fd) != 0 && status == CR_STATUS_OK) status = _crMapError("duplicate", __FILE__, __LINE__);
+    if (status != CR_STATUS_OK) return copy_failed(src, dst, status);
+
+    __TraceA("Checksum for %s is: %u.", dst.c_str(), sum.value());
+    if (crc != nullptr) *crc = sum.value();
+    return CR_STATUS_OK;
+}
+
+bool PODBShadow::sqlite_integrity_check(const std::string& file) {
+    __TraceA("Run integrity check on SQLite database %s", file.c_str());
+    // The wrapper creates a missing file on open; a missing database is not
+    // one that passes.
+    if (wa_access(file, 0) != 0) {
+        ErrorA(CR_STATUS_MISSING, "Can't open database %s", file.c_str());
+        return false;
+    }
+    sqlitedb::sqlite3_wrapper db(file);
+    cr_status_t status = db.open_db();
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "Can't open database %s", file.c_str());
+        return false;
+    }
+    std::string result;
+    const bool ok = db.run_integrity_check(result);
+    if (ok) {
+        InfoA(CR_STATUS_OK, "Run integrity check on %s successfully.", file.c_str());
+    } else {
+        WarningA(CR_STATUS_CORRUPT, "Run integrity check on %s failed: %s", file.c_str(), result.c_str());
+    }
+    db.close_db(kCloseRetries);
+    return ok;
+}
