@@ -155,6 +155,14 @@ cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
         // database unprotected, not unusable.
         InfoA(CR_STATUS_OK, "%s: new created db %s", fn, path.c_str());
         backup_shadow(path);
+    } else if (shadow_ctx != nullptr && shadow_ctx->enabled && !shadow_copy_exist(item.client, item.policy) &&
+               db_existed(item.client, item.policy)) {
+        // A database without a shadow copy: made before protection was on,
+        // or its creator died between creating it and copying it. Its
+        // journal lines would have no base to replay onto, so it gets its
+        // first copy now.
+        InfoA(CR_STATUS_OK, "%s: app db %s has no shadow copy, take one", fn, path.c_str());
+        backup_shadow(path);
     }
     const std::string name = to_db_full_name(item.client, item.policy);
     std::string statement;

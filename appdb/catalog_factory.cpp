@@ -1,5 +1,6 @@
 // The factory of catalog applications.
 #include "appdb/catalog_application.h"
+#include "appdb/catalog_application_shadow.h"
 
 #include <new>
 
@@ -30,7 +31,6 @@ catalog_application* catalog_application_factory::create_catalog(unsigned int ds
                                                                   CatalogShadowContext* shadow_ctx,
                                                                   unsigned int cache_size) {
     const char* const fn = "create_catalog";
-    (void)shadow_ctx;  // used by the shadow-protected kind only
     catalog_application* app = nullptr;
     try {
         switch (type) {
@@ -39,11 +39,10 @@ catalog_application* catalog_application_factory::create_catalog(unsigned int ds
                 new (std::nothrow) catalog_application_impl(dsid, database_root, cache_size));
             break;
         case APP_D_CATALOG_SHADOW:
-            // The shadow-protected kind is built here once it exists:
-            //   app = with_dir_lock(new (std::nothrow) catalog_application_impl_shadow(
-            //       dsid, database_root, cache_size, shadow_ctx));
-            // Until then it is refused like an unknown type.
-            [[fallthrough]];
+            // The context stays the caller's.
+            app = with_dir_lock(new (std::nothrow) catalog_application_impl_shadow(
+                dsid, database_root, cache_size, shadow_ctx));
+            break;
         default:
             ErrorA(CR_STATUS_NONE, "%s: unsupported application type %d", fn,
                    static_cast<int>(type));
