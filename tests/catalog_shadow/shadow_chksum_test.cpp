@@ -1,4 +1,8 @@
 // The checksum file: its exact bytes, loading it, and every kind of damage.
+
+// Shadows live on the heap in these tests: ThreadSanitizer forgets a mutex only
+// when its memory is freed, and a stack address reused by another test's mutex
+// would otherwise look like one lock taken in two orders.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -82,7 +86,8 @@ TEST(ShadowChksum, CrcIsZlibAdler32) {
 
 TEST(ShadowChksum, EmptyHistoryIsExactlyFourLines) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     kt::TraceSwitch trace(true);
     kt::LogCapture log;
     ASSERT_EQ(0u, shadow.initialize("podb")) << log.dump();
@@ -93,7 +98,9 @@ TEST(ShadowChksum, EmptyHistoryIsExactlyFourLines) {
     EXPECT_EQ(1u, log.count_message("Persist the shadow checksum file " + s.file(".chksum.podb"))) << log.dump();
     EXPECT_EQ(1u, log.count_message("Initliaze shadow for po.db in " + s.dir));
 
-    PODBShadow loaded(nullptr, s.real, s.dir);
+    std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, s.real, s.dir));
+
+    PODBShadow& loaded = *loaded_owner;
     EXPECT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(0u, loaded.get_version_count("podb"));
     EXPECT_EQ(0u, loaded.get_db_current_ver_("podb"));
@@ -102,7 +109,8 @@ TEST(ShadowChksum, EmptyHistoryIsExactlyFourLines) {
 
 TEST(ShadowChksum, OneVersionByteExact) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     ShadowVersion& v = add_version(shadow, "podb", "first copy");
     v.journal_crc = 4242;
     v.journal_lines = 3;
@@ -117,7 +125,8 @@ TEST(ShadowChksum, OneVersionByteExact) {
 
 TEST(ShadowChksum, ThreeVersionsByteExactAndLoadedBack) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     shadow.set_db_current_ver_("uldb", 9);
     add_version(shadow, "uldb", "ten");
     add_version(shadow, "uldb", "eleven");
@@ -134,7 +143,9 @@ TEST(ShadowChksum, ThreeVersionsByteExactAndLoadedBack) {
     });
     EXPECT_EQ(expected, kt::read_file(s.file(".chksum.uldb")));
 
-    PODBShadow loaded(nullptr, s.real, s.dir);
+    std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, s.real, s.dir));
+
+    PODBShadow& loaded = *loaded_owner;
     kt::LogCapture log;
     ASSERT_EQ(0u, loaded.load_versions("uldb", true)) << log.dump();
     EXPECT_EQ(12u, loaded.get_db_current_ver_("uldb"));
@@ -160,7 +171,8 @@ TEST(ShadowChksum, ThreeVersionsByteExactAndLoadedBack) {
 
 TEST(ShadowChksum, TypesAreKeptApart) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     add_version(shadow, "appdb", "a");
     EXPECT_EQ(1u, shadow.get_version_count("appdb"));
     EXPECT_EQ(0u, shadow.get_version_count("podb"));
@@ -174,7 +186,8 @@ TEST(ShadowChksum, TypesAreKeptApart) {
 
 TEST(ShadowChksum, UnknownTypeIsRefused) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     kt::LogCapture log;
     EXPECT_EQ(0, shadow.persist_chksum("xdb"));
     EXPECT_EQ(1u, log.count_message("can't persist version info file " + s.file(".chksum.xdb") + ".")) << log.dump();
@@ -219,7 +232,8 @@ TEST(ShadowChksum, LegacyFileIsMigratedAndLoaded) {
                                           "podb.4.journal=1", "podb.4.journal.len=0"});
     kt::write_file(s.file(".chksum"), text);
     kt::write_file(s.file("podb.4"), "p");
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     kt::LogCapture log;
     EXPECT_EQ(0u, shadow.load_versions("podb", true)) << log.dump();
     EXPECT_FALSE(kt::file_exists(s.file(".chksum")));
@@ -230,7 +244,8 @@ TEST(ShadowChksum, LegacyFileIsMigratedAndLoaded) {
 
 TEST(ShadowChksum, LegacyFileIsLeftAloneWhenTheTypedOneExists) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     ASSERT_EQ(0u, shadow.initialize("podb"));
     kt::write_file(s.file(".chksum"), "legacy");
     EXPECT_EQ(0u, shadow.load_versions("podb", true));
@@ -239,13 +254,15 @@ TEST(ShadowChksum, LegacyFileIsLeftAloneWhenTheTypedOneExists) {
 
 TEST(ShadowChksum, LeftoverTemporaryFileIsRemovedAndNeverCounts) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     add_version(shadow, "appdb", "data");
     ASSERT_EQ(1, shadow.persist_chksum("appdb"));
     const std::string good = kt::read_file(s.file(".chksum.appdb"));
     // A complete-looking but different leftover must not be taken.
     kt::write_file(s.file(".chksum.appdb.tmp"), chksum_text({"format=1", "current=0", "count=0"}));
-    PODBShadow loaded(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& loaded = *loaded_owner;
     EXPECT_EQ(0u, loaded.load_versions("appdb", true));
     EXPECT_EQ(1u, loaded.get_version_count("appdb"));
     EXPECT_FALSE(kt::file_exists(s.file(".chksum.appdb.tmp")));
@@ -253,7 +270,8 @@ TEST(ShadowChksum, LeftoverTemporaryFileIsRemovedAndNeverCounts) {
 
     // A leftover alone is not a checksum file either.
     ASSERT_EQ(0, ::rename(s.file(".chksum.appdb").c_str(), s.file(".chksum.appdb.tmp").c_str()));
-    PODBShadow again(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> again_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& again = *again_owner;
     EXPECT_FALSE(again.exist("appdb"));
     EXPECT_EQ(CR_STATUS_CORRUPT, again.load_versions("appdb", false));
     EXPECT_FALSE(kt::file_exists(s.file(".chksum.appdb.tmp")));
@@ -313,7 +331,9 @@ TEST_P(ChksumDamage, HistoryIsSetAsideAndRestarted) {
     kt::write_file(s.file("appdb.1"), "other type");
     if (!d.missing) kt::write_file(path, d.text);
 
-    CountedShadow shadow(s.real, s.dir, 7);
+    std::unique_ptr<CountedShadow> shadow_owner(new CountedShadow(s.real, s.dir, 7));
+
+    CountedShadow& shadow = *shadow_owner;
     kt::LogCapture log;
     EXPECT_EQ(CR_STATUS_CORRUPT, shadow.load_versions("podb", true));
     EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_CORRUPT,
@@ -343,7 +363,8 @@ TEST_P(ChksumDamage, HistoryIsSetAsideAndRestarted) {
     EXPECT_TRUE(log.contains(log_level::info, 0, "Move all files in " + s.dir + " to " + corrupt + "."));
 
     // The fresh file loads cleanly.
-    CountedShadow again(s.real, s.dir, 7);
+        std::unique_ptr<CountedShadow> again_owner(new CountedShadow(s.real, s.dir, 7));
+    CountedShadow& again = *again_owner;
     EXPECT_EQ(0u, again.load_versions("podb", true));
     EXPECT_EQ(10u, again.get_db_current_ver_("podb"));
 }
@@ -355,7 +376,8 @@ TEST(ShadowChksum, DamageWithoutResetTouchesNothing) {
     ASSERT_EQ(0, wa_createtree(s.dir, 0755));
     kt::write_file(s.file(".chksum.podb"), "garbage\n");
     kt::write_file(s.file("podb.1"), "one");
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     shadow.set_db_current_ver_("podb", 4);
     EXPECT_EQ(CR_STATUS_CORRUPT, shadow.load_versions("podb", false));
     EXPECT_EQ(0u, shadow.get_version_count("podb"));
@@ -368,7 +390,8 @@ TEST(ShadowChksum, CurrentIsRaisedFromTheHigherOfMemoryAndDisk) {
     ASSERT_EQ(0, wa_createtree(s.dir, 0755));
     kt::write_file(s.file(".chksum.appdb"), "format=1\n");
     kt::write_file(s.file("appdb.2"), "two");
-    CountedShadow shadow(s.real, s.dir, 5);
+        std::unique_ptr<CountedShadow> shadow_owner(new CountedShadow(s.real, s.dir, 5));
+    CountedShadow& shadow = *shadow_owner;
     shadow.set_db_current_ver_("appdb", 20);
     EXPECT_EQ(CR_STATUS_CORRUPT, shadow.load_versions("appdb", true));
     EXPECT_EQ(25u, shadow.get_db_current_ver_("appdb"));
@@ -377,7 +400,8 @@ TEST(ShadowChksum, CurrentIsRaisedFromTheHigherOfMemoryAndDisk) {
 TEST(ShadowChksum, TwoSetAsidesInOneSecondKeepEveryFile) {
     ShadowDir s;
     ASSERT_EQ(0, wa_createtree(s.dir, 0755));
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     kt::write_file(s.file(".chksum.podb"), "first damage\n");
     EXPECT_EQ(CR_STATUS_CORRUPT, shadow.load_versions("podb", true));
     kt::write_file(s.file(".chksum.podb"), "second damage\n");
@@ -394,7 +418,8 @@ TEST(ShadowChksum, MoveFileAsBackup) {
     ShadowDir s;
     ASSERT_EQ(0, wa_createtree(s.dir, 0755));
     kt::write_file(s.file("appdb.tmp"), "bad copy");
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     kt::LogCapture log;
     EXPECT_EQ(0u, shadow.move_file_as_backup("appdb", s.file("appdb.tmp")));
     std::vector<std::string> aside = entries_with_prefix(s.dir, "#corrupt_appdb_");
@@ -410,7 +435,8 @@ TEST(ShadowChksum, MoveFileAsBackup) {
 
 TEST(ShadowChksum, NewBackupDirIsNamedByTypeAndTime) {
     ShadowDir s;
-    PODBShadow shadow(nullptr, s.real, s.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, s.real, s.dir));
+    PODBShadow& shadow = *shadow_owner;
     const long long before = static_cast<long long>(time(nullptr));
     std::string dir;
     ASSERT_EQ(0u, shadow.new_backup_dir("uldb", &dir));

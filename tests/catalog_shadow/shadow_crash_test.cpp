@@ -1,5 +1,9 @@
 // The checksum file survives a crash at any moment and a failure at any step:
 // it is always either the complete old file or the complete new one.
+
+// Shadows live on the heap in these tests: ThreadSanitizer forgets a mutex only
+// when its memory is freed, and a stack address reused by another test's mutex
+// would otherwise look like one lock taken in two orders.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -81,7 +85,8 @@ TEST(ShadowCrash, KilledWriterLeavesOldOrNewFile) {
     std::string contents[2];
     long persist_us = 0;
     {
-        PODBShadow shadow(nullptr, real, dir);
+                std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, real, dir));
+        PODBShadow& shadow = *shadow_owner;
         make_five_versions(shadow);
         for (int which = 1; which >= 0; --which) {
             set_state(shadow, which);
@@ -110,7 +115,8 @@ TEST(ShadowCrash, KilledWriterLeavesOldOrNewFile) {
         if (pid == 0) {
             close(ready[0]);
             dct::set_log_sink([](log_level, cr_status_t, const std::string&) {});
-            PODBShadow shadow(nullptr, real, dir);
+                        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, real, dir));
+            PODBShadow& shadow = *shadow_owner;
             if (shadow.load_versions("podb", false) != 0) _exit(3);
             char byte = 1;
             if (write(ready[1], &byte, 1) != 1) _exit(4);
@@ -137,7 +143,8 @@ TEST(ShadowCrash, KilledWriterLeavesOldOrNewFile) {
         ++saw[which];
 
         kt::LogCapture log;
-        PODBShadow loaded(nullptr, real, dir);
+                std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, real, dir));
+        PODBShadow& loaded = *loaded_owner;
         ASSERT_EQ(0u, loaded.load_versions("podb", true)) << "round " << round << "\n" << log.dump();
         EXPECT_EQ(5u, loaded.get_version_count("podb"));
         EXPECT_FALSE(kt::file_exists(temp));
@@ -157,7 +164,8 @@ class PersistFault : public ::testing::TestWithParam<dct::fault_op> {};
 
 TEST_P(PersistFault, PreviousFileStaysAndNoTemporaryFileRemains) {
     CrashDir d;
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     make_five_versions(shadow);
     const std::string before = kt::read_file(d.chksum);
     set_state(shadow, 1);
@@ -189,7 +197,8 @@ TEST_P(PersistFault, PreviousFileStaysAndNoTemporaryFileRemains) {
             << log.dump();
     }
     // The old file still loads as it was.
-    PODBShadow loaded(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& loaded = *loaded_owner;
     EXPECT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(0u, loaded.get_db_versions_("podb")->front().journal_lines);
     // And the next attempt goes through.
@@ -206,7 +215,8 @@ INSTANTIATE_TEST_SUITE_P(EveryStep, PersistFault,
 
 TEST(ShadowCrash, FailedDirectorySyncIsReported) {
     CrashDir d;
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     make_five_versions(shadow);
     set_state(shadow, 1);
     dct::set_fault_hook([&](dct::fault_op op, const char* path) {
@@ -219,13 +229,15 @@ TEST(ShadowCrash, FailedDirectorySyncIsReported) {
         << log.dump();
     EXPECT_FALSE(kt::file_exists(d.temp));
     // The renamed file is whole, only its durability is in doubt.
-    PODBShadow loaded(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& loaded = *loaded_owner;
     EXPECT_EQ(0u, loaded.load_versions("podb", true));
 }
 
 TEST(ShadowCrash, TemporaryNameThatCannotBeOpenedLeavesTheOldFile) {
     CrashDir d;
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     make_five_versions(shadow);
     const std::string before = kt::read_file(d.chksum);
     set_state(shadow, 1);

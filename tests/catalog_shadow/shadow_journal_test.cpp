@@ -1,7 +1,15 @@
 // Operation journals: line layout, counters, durability order, failures,
 // crash repair, the context's entry points and replay.
+
+// Shadows live on the heap in these tests: ThreadSanitizer forgets a mutex only
+// when its memory is freed, and a stack address reused by another test's mutex
+// would otherwise look like one lock taken in two orders.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+
+#include <atomic>
+#include <sstream>
+#include <thread>
 
 #include "common/test_util.h"
 #include "dct/config.h"
@@ -100,7 +108,8 @@ private:
 
 TEST(ShadowJournal, NoVersionLogsAndWritesNothing) {
     JournalDir d;
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     ASSERT_EQ(0u, shadow.initialize("podb"));
     const std::vector<std::string> before = kt::list_dir(d.dir);
     kt::LogCapture log;
@@ -134,7 +143,8 @@ TEST(ShadowJournal, LineLayoutAndCountersPerLine) {
                            "podb.1.journal=" + std::to_string(newest.journal_crc), "podb.1.journal.len=2"}),
               text);
     // And what was written checks out against it.
-    PODBShadow loaded(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(1, loaded.get_db_versions_("podb")->front().check_crc_journal());
 }
@@ -145,7 +155,8 @@ TEST(ShadowJournal, StatementWithNewlinesStillChecksOut) {
     EXPECT_EQ(0u, shadow->write_journal("appdb", "INSERT INTO t VALUES('two\nlines')"));
     EXPECT_EQ(0u, shadow->flush_journal("appdb"));
     EXPECT_EQ(2u, shadow->get_db_versions_("appdb")->front().journal_lines);
-    PODBShadow loaded(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("appdb", true));
     EXPECT_EQ(0u, loaded.write_journal("appdb", "DELETE FROM t"));  // reopening checks the journal
     EXPECT_EQ(0u, loaded.flush_journal("appdb"));
@@ -198,7 +209,9 @@ TEST(ShadowJournal, UnflushedLinesAreCutAwayOnReopen) {
     }
     EXPECT_EQ("A;\nB;\nC;\nD;\n", kt::read_file(d.file("podb.1.journal")));
 
-    PODBShadow shadow(nullptr, d.real, d.dir);
+    std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+
+    PODBShadow& shadow = *shadow_owner;
     ASSERT_EQ(0u, shadow.load_versions("podb", true));
     kt::LogCapture log;
     EXPECT_EQ(0u, shadow.write_journal("podb", "E"));
@@ -221,7 +234,8 @@ TEST(ShadowJournal, CorruptJournalRefusesNewLines) {
         ASSERT_EQ(0u, shadow->flush_journal("podb"));
     }
     kt::write_file(d.file("podb.1.journal"), "INSERT 2;\n");  // same length, other text
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     ASSERT_EQ(0u, shadow.load_versions("podb", true));
     kt::LogCapture log;
     EXPECT_EQ(CR_STATUS_FAILED, shadow.write_journal("podb", "INSERT 3"));
@@ -244,7 +258,8 @@ TEST(ShadowJournal, AutoFixDisabledSkipsTheCheckOnOpen) {
     _crConfigClass config;
     config.SetDisableCatalogAutoFixJournal(true);
     _crConfigClass::SetInstance(&config);
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     ASSERT_EQ(0u, shadow.load_versions("podb", true));
     EXPECT_EQ(0u, shadow.write_journal("podb", "INSERT 3"));
     _crConfigClass::SetInstance(nullptr);
@@ -290,7 +305,8 @@ TEST(ShadowJournal, WriteFailureLeavesFileAndCountersAsTheyWere) {
     EXPECT_EQ(0u, shadow->write_journal("podb", "C"));
     EXPECT_EQ(0u, shadow->flush_journal("podb"));
     EXPECT_EQ("A;\nC;\n", kt::read_file(d.file("podb.1.journal")));
-    PODBShadow loaded(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(1, loaded.get_db_versions_("podb")->front().check_crc_journal());
 }
@@ -339,7 +355,8 @@ TEST(ShadowJournal, FailedChecksumFileKeepsTheLinesForTheNextFlush) {
     EXPECT_EQ(chksum, kt::read_file(d.file(".chksum.podb")));
     EXPECT_EQ("A;\n", kt::read_file(d.file("podb.1.journal")));
     EXPECT_EQ(0u, shadow->flush_journal("podb"));
-    PODBShadow loaded(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(1u, loaded.get_db_versions_("podb")->front().journal_lines);
 }
@@ -362,7 +379,8 @@ TEST(ShadowJournal, ResetClosesTheActiveJournal) {
 
 TEST(ShadowJournal, UnknownTypeIsABadParameter) {
     JournalDir d;
-    PODBShadow shadow(nullptr, d.real, d.dir);
+        std::unique_ptr<PODBShadow> shadow_owner(new PODBShadow(nullptr, d.real, d.dir));
+    PODBShadow& shadow = *shadow_owner;
     kt::LogCapture log;
     EXPECT_EQ(CR_STATUS_FAILED, shadow.write_journal("xdb", "A"));
     EXPECT_EQ(1u, log.count_message("write_journal: Got exception: [bad parameter]")) << log.dump();
@@ -382,7 +400,8 @@ TEST(ShadowJournalContext, ApplicationStatementIsDurableWhenItReturns) {
     const std::string sdir = l.shadow + "/1/c/p";
     EXPECT_EQ("DELETE FROM catalog WHERE backup_id = ('b1');\n", kt::read_file(sdir + "/appdb.1.journal"));
     // The checksum file already counts it.
-    PODBShadow loaded(nullptr, dir, sdir);
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, dir, sdir));
+    PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("appdb", true));
     EXPECT_EQ(1u, loaded.get_db_versions_("appdb")->front().journal_lines);
     EXPECT_EQ(1, loaded.get_db_versions_("appdb")->front().check_crc_journal());
@@ -408,7 +427,8 @@ TEST(ShadowJournalContext, PoHandleStatementsAreJournalledInOrder) {
     boost::shared_ptr<PODB> handle(new FakePODB(dir, {"INSERT INTO po VALUES(1)", "INSERT INTO po VALUES(2)"}));
     EXPECT_EQ(0u, ctx->write_journal(handle));
     EXPECT_EQ("INSERT INTO po VALUES(1);\nINSERT INTO po VALUES(2);\n", kt::read_file(l.shadow + "/3/podb.1.journal"));
-    PODBShadow loaded(nullptr, dir, l.shadow + "/3");
+        std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, dir, l.shadow + "/3"));
+    PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(2u, loaded.get_db_versions_("podb")->front().journal_lines);
 }
@@ -438,6 +458,53 @@ TEST(ShadowJournalContext, PoHandleStopsAtTheFirstFailure) {
     EXPECT_EQ("FIRST;\n", kt::read_file(journal));
     EXPECT_EQ(0u, ctx->write_journal(dir, "podb", "NEXT"));
     EXPECT_EQ("FIRST;\nNEXT;\n", kt::read_file(journal));
+}
+
+// Threads sharing one directory's shadow: every line lands whole, and the
+// checksum file counts all of them.
+TEST(ShadowJournalContext, ConcurrentWritersKeepTheJournalWhole) {
+    PoolLayout l;
+    std::unique_ptr<CatalogShadowContext> ctx = l.context();
+    const std::string dir = l.app_dir("1/c/p");
+    {
+        boost::shared_ptr<PODBShadow> shadow = ctx->pool->get(dir);
+        add_version(*shadow, "appdb", "base");
+        ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+    }
+    const int threads = 4;
+    const int lines = 10;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < lines; ++i) {
+                std::string stmt = "INSERT INTO catalog VALUES(" + std::to_string(t) + ", " + std::to_string(i) + ")";
+                if (ctx->write_journal(dir, "appdb", stmt) != 0) ++failures;
+                if (!ctx->has_shadow_copy(dir, "appdb")) ++failures;
+            }
+        });
+    }
+    for (std::thread& w : workers) w.join();
+    EXPECT_EQ(0, failures.load());
+
+    const std::string sdir = l.shadow + "/1/c/p";
+    std::istringstream in(kt::read_file(sdir + "/appdb.1.journal"));
+    std::string line;
+    std::vector<int> next(threads, 0);
+    int count = 0;
+    while (std::getline(in, line)) {
+        int t = -1, i = -1;
+        ASSERT_EQ(2, sscanf(line.c_str(), "INSERT INTO catalog VALUES(%d, %d);", &t, &i)) << line;
+        ASSERT_TRUE(t >= 0 && t < threads);
+        EXPECT_EQ(next[t]++, i);  // each thread's lines in its own order
+        ++count;
+    }
+    EXPECT_EQ(threads * lines, count);
+    std::unique_ptr<PODBShadow> loaded(new PODBShadow(nullptr, dir, sdir));
+    ASSERT_EQ(0u, loaded->load_versions("appdb", true));
+    ShadowVersion& v = loaded->get_db_versions_("appdb")->front();
+    EXPECT_EQ(static_cast<uint32_t>(threads * lines), v.journal_lines);
+    EXPECT_EQ(1, v.check_crc_journal());
 }
 
 // Replay: a copy of the version plus its journal gives the same table as the
