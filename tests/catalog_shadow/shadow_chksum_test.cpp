@@ -448,3 +448,16 @@ TEST(ShadowChksum, NewBackupDirIsNamedByTypeAndTime) {
     EXPECT_LE(secs, after);
     EXPECT_TRUE(wa_isdir(dir));
 }
+
+TEST(ShadowChksum, ShadowDirectoryThatCannotBeCreated) {
+    ShadowDir s;
+    kt::write_file(s.tmp.file("plain"), "x");
+    const std::string dir = s.tmp.file("plain/shadow");
+    std::unique_ptr<PODBShadow> shadow(new PODBShadow(nullptr, s.real, dir));
+    kt::LogCapture log;
+    EXPECT_EQ(CR_STATUS_MISSING, shadow->initialize("appdb"));
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_MISSING,
+                            "checkCreateWorkDir: Failed to create directory " + dir + " (" + strerror(ENOTDIR) + ")"))
+        << log.dump();
+    EXPECT_FALSE(shadow->exist("appdb"));
+}

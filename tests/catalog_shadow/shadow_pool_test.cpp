@@ -223,3 +223,9 @@ TEST(ShadowPool, ManyThreadsNeverSeeTwoShadowsOfOneDirectory) {
     EXPECT_TRUE(shrunk);
     EXPECT_LE(ctx->pool->size(), 4u);
 }
+
+TEST(ShadowPool, ShadowsTakeTheConfiguredVersionCount) {
+    PoolLayout l;
+    std::unique_ptr<CatalogShadowContext> ctx = l.context(true, "CatalogBackupVersionCount = 3\n");
+    EXPECT_EQ(3u, ctx->pool->get(l.po_dir("1"))->get_max_version_count());
+}
