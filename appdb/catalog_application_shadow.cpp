@@ -113,7 +113,9 @@ bool catalog_application_impl_shadow::need_recover_after_db_operation(cr_status_
 bool catalog_application_impl_shadow::may_recover(cr_status_t status, const std::string& client,
                                                   const std::string& policy) {
     if (!need_recover_after_db_operation(status, client, policy)) return false;
-    if (operation_recovered) {
+    // A helper called on its own, outside any public operation, is an
+    // operation of its own.
+    if (operation_depth > 0 && operation_recovered) {
         __TraceA("%s: app db c %s p %s was recovered once in this operation", "may_recover",
                  client.c_str(), policy.c_str());
         return false;
@@ -125,7 +127,7 @@ cr_status_t catalog_application_impl_shadow::recover_db(const char* fn, cr_statu
                                                         const std::string& client,
                                                         const std::string& policy) {
     const std::string path = to_db_full_path(client, policy);
-    operation_recovered = true;
+    if (operation_depth > 0) operation_recovered = true;
     ErrorA(failure, "%s: db %s corrupt, to do recover from shadow", fn, path.c_str());
     // No handle on the old file may survive the recovery: the rebuilt file
     // replaces it under the same name.

@@ -1,0 +1,165 @@
+// Crash safety of the shadow-protected catalog. A child process inserts
+// through a type-2 catalog application and reports each acknowledged file
+// name to the parent through a pipe; the parent kills it with SIGKILL at a
+// random moment, deletes or damages the database, and recovers it with a
+// fresh application: every acknowledged row is there, no row is there twice,
+// nothing is there that was never written, and the file passes SQLite's
+// integrity check. The rounds go on over the same pool, so later rounds
+// recover from the journals of all earlier ones.
+//
+// The seed (KAVREL_CRASH_SEED overrides it) fixes the kill delays and the
+// kinds of damage; the exact kill moments still depend on the machine.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "catalog_shadow_fixture.h"
+
+namespace {
+
+using appdb::app_catalog_item;
+
+constexpr int kRounds = 24;
+constexpr int kPerRound = 100000;  // name space of one round's child
+constexpr unsigned kDefaultSeed = 20240611u;
+
+std::string name_of(int i) { return "r" + std::to_string(i); }
+
+app_catalog_item item_of(int i) {
+    return catt::make_item("c", "p", name_of(i), "c_" + std::to_string(i / 50), 1000 + i);
+}
+
+unsigned seed() {
+    const char* text = getenv("KAVREL_CRASH_SEED");
+    return text != nullptr && *text != '\0' ? static_cast<unsigned>(strtoul(text, nullptr, 10)) : kDefaultSeed;
+}
+
+// The child: inserts items start, start+1, ... and writes each acknowledged
+// name and "\n" to `fd`. Never returns.
+[[noreturn]] void child(const shadowt::pool_layout& pool, int start, int fd) {
+    dct::set_log_sink([](dct::log_level, cr_status_t, const std::string&) {});
+    std::unique_ptr<CatalogShadowContext> ctx = pool.context();
+    std::unique_ptr<appdb::catalog_application> app = shadowt::make_shadow_app(pool, ctx.get());
+    if (app == nullptr) _exit(2);
+    for (int i = start; i < start + kPerRound; ++i) {
+        if (app->update_catalog("admin", 1, item_of(i).to_string()) != 0) continue;
+        const std::string line = name_of(i) + "\n";
+        if (write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(3);
+    }
+    _exit(0);
+}
+
+// Everything the child wrote until it died; complete lines only.
+std::vector<std::string> drain(int fd) {
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n > 0) {
+            text.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    std::vector<std::string> names;
+    size_t start = 0;
+    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
+        names.push_back(text.substr(start, nl - start));
+    }
+    return names;
+}
+
+TEST(ShadowCrash, KilledWritersLoseNoAcknowledgedRow) {
+    kt::TempDir tmp;
+    shadowt::pool_layout pool(tmp.path());
+    pool.prepare();
+    const std::string file = pool.db_file(2, "c", "p");
+    const unsigned the_seed = seed();
+    SCOPED_TRACE("seed " + std::to_string(the_seed));
+    std::mt19937 rng(the_seed);
+
+    std::set<std::string> acknowledged;
+    {
+        // The database and its first shadow copy exist before the first kill.
+        kt::LogCapture log;
+        std::unique_ptr<CatalogShadowContext> ctx = pool.context();
+        std::unique_ptr<appdb::catalog_application> app = shadowt::make_shadow_app(pool, ctx.get());
+        ASSERT_EQ(0u, app->update_catalog("admin", 1, item_of(0).to_string())) << log.dump();
+        acknowledged.insert(name_of(0));
+    }
+
+    int kills_while_writing = 0;
+    for (int round = 1; round <= kRounds; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        int fds[2];
+        ASSERT_EQ(0, pipe(fds));
+        fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
+        const int start = round * kPerRound;
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            close(fds[0]);
+            child(pool, start, fds[1]);
+        }
+        close(fds[1]);
+        const long delay_us = std::uniform_int_distribution<long>(500, 15000)(rng);
+        const timespec pause = {0, delay_us * 1000};
+        nanosleep(&pause, nullptr);
+        ASSERT_EQ(0, kill(pid, SIGKILL));
+        int wstatus = 0;
+        ASSERT_EQ(pid, waitpid(pid, &wstatus, 0));
+        if (WIFSIGNALED(wstatus)) ++kills_while_writing;
+        const std::vector<std::string> names = drain(fds[0]);
+        close(fds[0]);
+        acknowledged.insert(names.begin(), names.end());
+
+        // Lose the database.
+        const int how = static_cast<int>(rng() % 3);
+        if (how == 0 || shadowt::file_size(file) <= 5 * 4096) {
+            shadowt::delete_database(file);
+        } else if (how == 1) {
+            shadowt::damage_header(file, rng);
+        } else {
+            shadowt::damage_pages(file, rng);
+        }
+
+        // A fresh application recovers it.
+        kt::LogCapture log;
+        std::unique_ptr<CatalogShadowContext> ctx = pool.context();
+        std::unique_ptr<appdb::catalog_application> app = shadowt::make_shadow_app(pool, ctx.get());
+        cr_status_t status = 0;
+        const std::map<std::string, std::string> rows = shadowt::read_back(*app, "c", "p", &status);
+        ASSERT_EQ(0u, status) << "loss " << how << "\n" << log.dump();
+        for (const std::string& name : acknowledged) {
+            ASSERT_EQ(1u, rows.count(name)) << name << " lost (loss " << how << ")\n" << log.dump();
+        }
+        for (const auto& row : rows) {
+            // Only rows a child tried to write, each with its own contents.
+            const int i = std::stoi(row.first.substr(1));
+            ASSERT_EQ(item_of(i).to_string(), row.second);
+            ASSERT_LT(i, start + kPerRound);
+        }
+        app.reset();
+        ctx.reset();
+        EXPECT_EQ("ok", shadowt::integrity(file));
+        EXPECT_EQ(catt::raw_scalar(file, "SELECT count(*) FROM catalog"),
+                  catt::raw_scalar(file, "SELECT count(DISTINCT name) FROM catalog"));
+    }
+    // The children were killed at work, not after they had finished.
+    EXPECT_EQ(kRounds, kills_while_writing);
+    EXPECT_GT(acknowledged.size(), static_cast<size_t>(kRounds));
+}
+
+}  // namespace
