@@ -16,8 +16,11 @@
 // copy plus its journal, and finds every item that was acknowledged.
 //
 // Exit status 0 when the catalog answered as expected at every step. Errors
-// and warnings of the library are printed to standard error through a log
-// sink; info and trace records are counted only.
+// and warnings of the library are printed through a log sink, in line with
+// the steps (prefixed "log:"); info and trace records are counted only. Two
+// steps log errors on purpose: expiring a backup of several items reports
+// that its lookup found more than one, and the lost database is reported on
+// the way to its recovery.
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -138,13 +141,14 @@ int main(int argc, char** argv) {
         work = templ;
     }
 
-    // Library log records: errors and warnings to stderr, the rest counted.
-    // The sink is called on the thread that logs, so it must be thread-safe
-    // when the service runs several threads (this one runs one).
+    // Library log records: errors and warnings shown among the steps, the rest
+    // counted. A service would send them to its own log. The sink is called on
+    // the thread that logs, so it must be thread-safe when the service runs
+    // several threads (this one runs one).
     unsigned long quiet_records = 0;
     dct::set_log_sink([&](dct::log_level level, cr_status_t status, const std::string& message) {
         if (level == dct::log_level::error || level == dct::log_level::warning) {
-            fprintf(stderr, "  [%s %u] %s\n", dct::log_level_name(level), status, message.c_str());
+            printf("    log: %s [%u] %s\n", dct::log_level_name(level), status, message.c_str());
         } else {
             ++quiet_records;
         }
