@@ -14,6 +14,12 @@
 //   data store 2, client clientC, policy archive: a catalog whose only item
 //   was added and then deleted again, so that it exists and is empty.
 //
+// When the configuration also names the shadow settings ([Paths]
+// StorageDatabase and [Storage] Storage Path), the catalogs are made with
+// shadow protection: each new database gets a first copy in the shadow tree
+// (by default STORAGE_PATH/catalogshadow) and every change is journaled
+// there, so that a lost or damaged database can be rebuilt.
+//
 // Exit status 0 when every item was stored, 1 otherwise. Log records go where
 // DCT_LOG says (syslog by default).
 #include <stdio.h>
@@ -26,6 +32,8 @@
 #include "appdb/app_catalog_item.h"
 #include "appdb/catalog_application.h"
 #include "appdb/kavrel_config_names.h"
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "dct/inifile.h"
 #include "dct/status.h"
 
@@ -43,7 +51,8 @@ const unsigned int kCacheSize = 5;
 const int64_t kFirstBackup = 1700000000;
 
 // The database root of the pool's configuration, or "" when it cannot be read.
-std::string configured_database_root() {
+// The path of the configuration file goes to `config_file` ("" when unknown).
+std::string configured_database_root(std::string* config_file) {
     const char* env = getenv(appdb::kRegistryEnv);
     const std::string registry = (env != nullptr && *env != '\0') ? env : appdb::kRegistryDefaultPath;
     char config[4096] = {0};
@@ -51,6 +60,7 @@ std::string configured_database_root() {
                         config, sizeof(config)) != CR_STATUS_OK) {
         return "";
     }
+    *config_file = config;
     char root[4096] = {0};
     if (InifileGetPathA(config, appdb::kConfigPathsSection, appdb::kConfigDatabaseKey, nullptr, root,
                         sizeof(root)) != CR_STATUS_OK) {
@@ -59,17 +69,38 @@ std::string configured_database_root() {
     return root;
 }
 
+// The pool's shadow context, or null when the configuration has no shadow
+// settings. ConfigFileShadowProxy reads them from `config_file` and places the
+// real trees below `database_root`. A new pool's shadow root is marked as the
+// pool's own with its identity file first: the context stays disabled on a
+// root without one.
+std::unique_ptr<CatalogShadowContext> open_shadow_context(const std::string& config_file,
+                                                          const std::string& database_root) {
+    char storage_database[4096] = {0};
+    if (config_file.empty() || InifileGetPathA(config_file.c_str(), appdb::kConfigPathsSection, "StorageDatabase",
+                                               nullptr, storage_database, sizeof(storage_database)) != CR_STATUS_OK) {
+        return nullptr;
+    }
+    std::unique_ptr<CatalogShadowContext> ctx(new CatalogShadowContext(
+        new ConfigFileShadowProxy(config_file, database_root), new CatalogDirectoryLock));
+    if (ctx->load_configurations() != CR_STATUS_OK || !ctx->enabled) return nullptr;
+    if (CatalogShadowIdentity(ctx->shadow_path.c_str()).create_identity() != CR_STATUS_OK) return nullptr;
+    if (ctx->init() != CR_STATUS_OK) return nullptr;
+    return ctx;
+}
+
 // A catalog application for one data store. Its databases lie below
 // `database_root` + "/databases"; it owns its cache and directory lock, and
 // closes every connection when it is destroyed.
 //
-// The factory also builds the shadow-protected kind (APP_D_CATALOG_SHADOW),
-// which keeps versioned copies and journals of every database; it needs the
-// pool's CatalogShadowContext as its fourth argument.
+// With a shadow context the factory builds the shadow-protected kind
+// (APP_D_CATALOG_SHADOW), which keeps versioned copies and journals of every
+// database; the context is not owned and must outlive the application.
 std::unique_ptr<appdb::catalog_application> open_catalog(unsigned int dsid, const std::string& database_root,
-                                                         appdb::application_d_t type) {
+                                                         CatalogShadowContext* shadow) {
+    const appdb::application_d_t type = shadow != nullptr ? appdb::APP_D_CATALOG_SHADOW : appdb::APP_D_CATALOG;
     return std::unique_ptr<appdb::catalog_application>(appdb::catalog_application_factory::create_catalog(
-        dsid, database_root + "/databases", type, nullptr, kCacheSize));
+        dsid, database_root + "/databases", type, shadow, kCacheSize));
 }
 
 // One item as a backup of `client` under `policy` would record it.
@@ -115,17 +146,19 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: seed_pool [DATABASE_ROOT]\n");
         return 1;
     }
-    const std::string root = argc == 2 ? argv[1] : configured_database_root();
+    std::string config_file;
+    const std::string root = argc == 2 ? argv[1] : configured_database_root(&config_file);
     if (root.empty()) {
         fprintf(stderr, "seed_pool: no database root given and none configured\n");
         return 1;
     }
-    const appdb::application_d_t type = appdb::APP_D_CATALOG;
+    // Declared before the catalogs, so that it outlives them.
+    const std::unique_ptr<CatalogShadowContext> shadow = open_shadow_context(config_file, root);
 
     bool ok = true;
     unsigned stored = 0;
     for (unsigned int dsid : {1u, 2u}) {
-        std::unique_ptr<appdb::catalog_application> catalog = open_catalog(dsid, root, type);
+        std::unique_ptr<appdb::catalog_application> catalog = open_catalog(dsid, root, shadow.get());
         if (!catalog) {
             fprintf(stderr, "seed_pool: no catalog application for data store %u\n", dsid);
             return 1;
@@ -166,5 +199,6 @@ int main(int argc, char** argv) {
         }
     }
     printf("seed_pool: stored %u items below %s/databases\n", stored, root.c_str());
+    if (shadow) printf("seed_pool: shadow copies and journals below %s\n", shadow->shadow_path.c_str());
     return ok ? 0 : 1;
 }

@@ -6,9 +6,13 @@
 #
 # The pool:
 #   $DEMO_DIR/registry.cfg   [Tamberlode] configfilepath = $DEMO_DIR/pool.cfg
-#   $DEMO_DIR/pool.cfg       [Paths] Database = $DEMO_DIR/db
+#   $DEMO_DIR/pool.cfg       [Paths] Database = StorageDatabase = $DEMO_DIR/db,
+#                            [Storage] Storage Path = $DEMO_DIR/storage
 #   $DEMO_DIR/db             catalogs made by examples/seed_pool through the library,
 #                            one empty catalog, and a directory that is no catalog
+#   $DEMO_DIR/storage/catalogshadow
+#                            their shadow copies and journals (seed_pool protects
+#                            every catalog it makes)
 # Log records of every step go to $DEMO_DIR/kavrel.log.
 set -euo pipefail
 
@@ -36,6 +40,9 @@ cat > "$DEMO_DIR/pool.cfg" <<CFG
 ; CR configuration of the sample pool
 [Paths]
 Database = $DEMO_DIR/db
+StorageDatabase = $DEMO_DIR/db
+[Storage]
+Storage Path = $DEMO_DIR/storage
 CFG
 mkdir -p "$DEMO_DIR/db"
 
@@ -55,5 +62,9 @@ run() {
 
 run -listall
 run -listbybackupid 'clientB_1700[01]*'
+
+echo
+echo "\$ ls -A $DEMO_DIR/storage/catalogshadow/1/clientA/daily"
+ls -A "$DEMO_DIR/storage/catalogshadow/1/clientA/daily"
 
 echo "Sample pool: $DEMO_DIR (registry $VELKREGISTRY); log records: $DEMO_DIR/kavrel.log"
