@@ -7,6 +7,11 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -134,6 +139,29 @@ inline void damage_index(const std::string& path) {
     ASSERT_TRUE(damaged) << "no index leaf page in " << path;
     kt::write_file(path, content);
     ASSERT_FALSE(integrity_ok(path));
+}
+
+// Leaves a hot journal beside `db`: a child process writes a transaction big
+// enough to reach the database file (rows first_id, first_id + 1, ...) and is
+// killed before it commits.
+inline void leave_hot_journal(const std::string& db, int first_id) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        sqlite3* handle = nullptr;
+        if (sqlite3_open(db.c_str(), &handle) != SQLITE_OK) _exit(2);
+        std::string sql = "PRAGMA cache_size=5; BEGIN;";
+        for (int id = first_id; id < first_id + 2000; ++id) sql += insert_row(id, 200) + ";";
+        if (sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) _exit(3);
+        kill(getpid(), SIGKILL);
+        _exit(4);
+    }
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFSIGNALED(status));
+    struct stat st;
+    ASSERT_EQ(0, stat((db + "-journal").c_str(), &st));
+    ASSERT_GT(st.st_size, 0);
 }
 
 // Adler-32 of a whole file.
