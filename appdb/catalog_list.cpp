@@ -22,7 +22,7 @@ const char kApplicationDir[] = "application";
 
 // The listing reads as administrator, so the access rule drops nothing.
 const char kListUser[] = "";
-const unsigned int kListRole = 1;
+const unsigned int kListRole = appdb::APP_ROLE_ADMIN;
 
 // Open databases kept per data store while its directories are listed.
 const unsigned int kListCacheSize = 5;
@@ -71,7 +71,8 @@ void OpList::list_catalog(const std::string& dir) const {
     for (const appdb::app_catalog_item& it : items) {
         print_line(verbose_ ? it.to_json_string(nullptr) : it.to_string());
     }
-    // Closes every database of this data store before the walk goes on.
+    // Closes the connection this directory's application opened before the
+    // walk goes on.
     app.reset();
 
     printf("total app catalog %u\n", static_cast<unsigned int>(items.size()));

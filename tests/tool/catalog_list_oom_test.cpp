@@ -21,7 +21,10 @@ std::atomic<long> g_throw_countdown{-1};
 // Number of next nothrow allocations that fail.
 std::atomic<int> g_nothrow_failures{0};
 
-void* allocate(std::size_t n) { return malloc(n == 0 ? 1 : n); }
+// Out of line, so that the compiler does not pair the inlined malloc and free
+// with the new and delete expressions of other code and warn about a mismatch.
+__attribute__((noinline)) void* allocate(std::size_t n) { return malloc(n == 0 ? 1 : n); }
+__attribute__((noinline)) void release(void* p) { free(p); }
 
 }  // namespace
 
@@ -40,12 +43,12 @@ void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
     return allocate(n);
 }
 void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, std::size_t) noexcept { free(p); }
-void operator delete[](void* p, std::size_t) noexcept { free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { free(p); }
+void operator delete(void* p) noexcept { release(p); }
+void operator delete[](void* p) noexcept { release(p); }
+void operator delete(void* p, std::size_t) noexcept { release(p); }
+void operator delete[](void* p, std::size_t) noexcept { release(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { release(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { release(p); }
 
 namespace {
 
