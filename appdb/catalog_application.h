@@ -1,5 +1,17 @@
 // The catalog application: the service that names, opens, queries and changes
 // the catalog databases of one data store under the access rule.
+//
+// A service gets one from catalog_application_factory::create_catalog and
+// owns it:
+//
+//   std::unique_ptr<appdb::catalog_application> catalog(
+//       appdb::catalog_application_factory::create_catalog(
+//           dsid, "/srv/pool/db/databases", appdb::APP_D_CATALOG, nullptr, 5));
+//   cr_status_t st = catalog->update_catalog(user, appdb::APP_ROLE_APP, item.to_string());
+//
+// Each client and policy of the data store has its own SQLite database,
+// database_root/application/DSID/CLIENT/POLICY/app.db, created by the first
+// update_catalog that needs it.
 #ifndef APPDB_CATALOG_APPLICATION_H_
 #define APPDB_CATALOG_APPLICATION_H_
 
@@ -31,6 +43,23 @@ extern const char* const app_db_filename;  // "app.db"
 // caller's user name (null reads as ""), `role` its role (1 administrator,
 // 4 application user). Every operation returns 0 or the status of its failure,
 // which it has logged; none throws.
+//
+// Statuses common to the operations that reach a database: 4 for a text or
+// query that does not parse, and also when the database's connection is lent
+// to another operation at that moment (nothing was done; try again); 11 when
+// the database stayed busy through the retries (a 10-second busy timeout per
+// statement, 60 tries one second apart); 21 when the database cannot be opened
+// or read; 22 out of memory; 67 for a corrupt database or a row whose checksum
+// does not match; 106 when the access rule refuses the caller.
+//
+// Threads: one object may be shared by several threads, and operations on
+// different databases run in parallel. One database (one client and policy) is
+// meant to be worked on by one operation at a time; a second operation on it
+// at the same moment may be refused with 4, as above. A call may block for as
+// long as another process keeps the database busy.
+//
+// Items and result vectors are the caller's; the object keeps no reference to
+// them after the call.
 class catalog_application {
 public:
     // Directory below the database root that holds the application databases.
@@ -39,31 +68,55 @@ public:
     virtual ~catalog_application();
 
     // Adds the record given in its line form (app_catalog_item::to_string),
-    // creating the database of its client and policy when missing.
+    // creating the database of its client and policy when missing. The
+    // access rule grants every caller the insert; a text that does not hold
+    // all 28 fields gives 4 and creates nothing. The shadow kind never
+    // recreates empty a missing database that has a shadow copy: it recovers
+    // it. On 0 the row is committed.
     virtual cr_status_t update_catalog(const char* user, unsigned int role,
                                        const std::string& item_text) = 0;
     // Runs `query` (app_query grammar) and returns the records the user may
-    // read, in the list form ("" when none is left).
+    // read, in the list form (catalog_application_base::to_string; "" when
+    // none is left). `result` is left alone on failure.
     virtual cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
                                      std::string& result) = 0;
-    // The same, returning the records.
+    // The same, returning the records. Records the user
+    // may not read are dropped without error; a database that does not exist
+    // yet gives no records and 0. On failure `result` holds nothing useful.
     virtual cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
                                      std::vector<app_catalog_item>& result) = 0;
-    // Removes every record of the backup of a header image; any other image,
-    // or a backup without records, is a success that removes nothing.
+    // Removes every record of the backup of a header image (one whose name
+    // has "_HDR" at or after its last "_C"; the backup id is the part before
+    // that "_C"). Any other image, or a backup without records, is a success
+    // that removes nothing; so is a lookup of the backup that fails. The
+    // access rule is checked on the backup's first record (106 when refused).
+    // `lock` says whether to take the directory lock of the database; pass
+    // true unless the caller holds it.
     virtual cr_status_t expire_catalog(const char* user, unsigned int role,
                                        const std::string& client, const std::string& policy,
                                        const std::string& image_name, bool lock) = 0;
-    // Removes the record named by a "name|" query.
+    // Removes the record named by a "name|" query (to_query_by_file_name).
+    // 4 for a text that does not parse or a query of another kind, 72 when no
+    // record has that name, 106 when the access rule refuses the caller.
     virtual cr_status_t del_catalog(const char* user, unsigned int role,
                                     const std::string& query) = 0;
-    // Closes the cached connection of the database directory `path`.
+    // Closes the cached connection of the database directory `path`
+    // (database_root/application/DSID/CLIENT/POLICY, no file name), so that
+    // the file may be moved or removed. A connection lent to a running
+    // operation is left open. 4 when `path` has no client and policy
+    // components. `n` is not used; `lock` as for expire_catalog.
     virtual cr_status_t close_db(const std::string& path, unsigned int n, bool lock) = 0;
-    // The first record of the backup an image belongs to; 72 when none.
+    // The first record of the backup an image belongs to (backup id: the
+    // image name before its last "_C"); 72 when none, 4 for an image name
+    // without "_C" that is no event name either. More than one record is
+    // logged as an error and still gives the first. The access rule is not
+    // applied. `lock` as for expire_catalog.
     virtual cr_status_t find_by_image_name(const std::string& client, const std::string& policy,
                                            const std::string& image_name,
                                            app_catalog_item& result, bool lock) = 0;
-    // The first record of a file name; 72 when none.
+    // The first record of a file name; 72 when none. More than one is logged
+    // as an error and still gives the first. The access rule is not applied.
+    // `lock` as for expire_catalog.
     virtual cr_status_t find_by_file_name(const std::string& client, const std::string& policy,
                                           const std::string& file_name, app_catalog_item& result,
                                           bool lock) = 0;
@@ -275,7 +328,16 @@ private:
                          app_catalog_item& result, bool lock);
 };
 
-// Kinds of catalog application the factory builds.
+// Kinds of catalog application the factory builds, and the durability each
+// gives a change that returned 0:
+//   APP_D_CATALOG         the change is committed by SQLite (its own rollback
+//                         journal); a database found corrupt is reported (67)
+//                         and stays so.
+//   APP_D_CATALOG_SHADOW  in addition the change is in the database's shadow
+//                         journal, fsynced, before the call returns; a corrupt
+//                         or missing database is rebuilt from its newest good
+//                         shadow copy plus the journals, and the operation is
+//                         tried once more (catalog_application_shadow.h).
 enum application_d_t {
     APP_D_CATALOG = 1,         // catalog_application_impl
     APP_D_CATALOG_SHADOW = 2,  // catalog_application_impl_shadow
@@ -284,9 +346,16 @@ enum application_d_t {
 class catalog_application_factory {
 public:
     // A new catalog application of `type` for data store `dsid`, owned by the
-    // caller, with a cache of `cache_size` connections and its own
+    // caller, with a cache of `cache_size` connections (at least 2) and its own
     // CatalogDirectoryLock; `shadow_ctx` (not owned) serves the shadow kind
     // only. Null, logged, for an unknown type or when allocation fails.
+    //
+    // `database_root` is the directory that holds "application" (the pool's
+    // database root followed by "/databases"). Nothing is opened or created
+    // here. A shadow context, when given, must have run init() and must
+    // outlive the application; a null one leaves the shadow kind without
+    // backups, journals or recovery. Destroying the application closes every
+    // connection its cache holds.
     static catalog_application* create_catalog(unsigned int dsid, const std::string& database_root,
                                                application_d_t type,
                                                CatalogShadowContext* shadow_ctx,
