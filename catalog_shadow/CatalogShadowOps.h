@@ -64,8 +64,8 @@ private:
     unsigned flags_;
 };
 
-// Data-store filter: decides which directories the walker enters and offers
-// every other entry to `op`. The trees walked are the two real roots and the
+// Data-store filter: decides which directories the walker enters and which
+// files it offers to `op`. The trees walked are the two real roots and the
 // shadow root, which mirrors both of them:
 //
 //   application root    DSID/CLIENT/POLICY/app.db
@@ -78,12 +78,15 @@ private:
 // - An application walk enters, directly below its root, only data-store
 //   directories (a decimal dsid, the only names the catalog gives them), then
 //   the client and the policy levels below them, and nothing deeper: no
-//   catalog database lies deeper, and a link loop ends there.
+//   catalog database lies deeper, and a link loop ends there. Only the files
+//   of the policy level are offered.
 // - A PO/UL walk enters the directories directly below its root and nothing
-//   deeper. In the shadow tree the deeper levels hold the application shadows,
-//   whose own (empty) PO and UL checksum files must not be taken for PO
-//   shadows: recovering "them" would make shadows for directories that do not
-//   exist.
+//   deeper, and offers the files of those directories and of the root itself.
+// Because both real roots map onto the one shadow root, a shadow directory of
+// one level can hold checksum files (empty ones, written when a shadow is
+// first made) of the other kind; keeping each walk to its own levels keeps a
+// PO/UL walk away from the application shadows and the reverse, so that no
+// second shadow object is ever made for a directory that already has one.
 // Directories not entered are traced "Skip directory %s".
 template <typename Op>
 class OpFilterDSID {
@@ -92,6 +95,7 @@ public:
 
     int operator()(const DirItem& item) {
         if (!item.is_dir) {
+            if (!offer(item)) return 1;
             int rc = op_(item);
             return rc < 0 ? rc : 0;
         }
@@ -101,6 +105,9 @@ public:
         }
         return 0;
     }
+
+    // Whether a file (any entry that is not a directory) goes to the operation.
+    bool offer(const DirItem& item) const { return app_ ? item.depth == 4 : item.depth <= 2; }
 
     // Whether the walker may descend into directory `item`.
     bool enter(const DirItem& item) const {

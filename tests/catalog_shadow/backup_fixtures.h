@@ -202,6 +202,22 @@ struct AppPool {
     std::string shadow_file(const std::string& name) { return shadow_dir() + "/" + name; }
 };
 
+// The application directories of a small pool: data stores 1, 2, 3, each with
+// clients c1, c2 and policies p1, p2 (12 databases). With `rows`, each gets an
+// app.db of its own size (1 + its index).
+inline std::vector<std::string> app_tree(const shadow_test::PoolLayout& layout, bool rows) {
+    std::vector<std::string> dirs;
+    for (const char* dsid : {"1", "2", "3"}) {
+        for (const char* client : {"c1", "c2"}) {
+            for (const char* policy : {"p1", "p2"}) {
+                dirs.push_back(layout.app_dir(std::string(dsid) + "/" + client + "/" + policy));
+                if (rows) make_app_db(dirs.back() + "/app.db", static_cast<int>(dirs.size()));
+            }
+        }
+    }
+    return dirs;
+}
+
 // Names in `dir` that begin with "#corrupt_".
 inline std::vector<std::string> corrupt_dirs(const std::string& dir) {
     return shadow_test::entries_with_prefix(dir, "#corrupt_");
