@@ -28,9 +28,19 @@ const char* owner_role_str(uint32_t role);
 using time_formatter = std::function<std::string(int64_t)>;
 
 // A plain value type: no base, no virtual members, copied member-wise. The
-// checksum is never kept in the record; it is computed when needed.
+// checksum is never kept in the record; it is computed when needed. Objects
+// share nothing, so different threads may use different items freely.
+//
+// What a service fills in: `client` and `policy` choose the database the item
+// lives in; `file_name` names it (del_catalog, find_by_file_name) and
+// `backup_id` groups the items of one backup (queries by backup id, expiry by
+// header image); `owner` and `owner_role` decide who may read and remove it
+// (authentication_application.h). The other fields are stored and returned as
+// given.
 class app_catalog_item {
 public:
+    // version 1, policy_type 4, owner_role APP_ROLE_APP; numbers 0 and text
+    // empty otherwise.
     app_catalog_item();
     app_catalog_item(const app_catalog_item& other);
     app_catalog_item& operator=(const app_catalog_item& other);
