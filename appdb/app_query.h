@@ -7,7 +7,14 @@
 //
 // CLIENT and POLICY cannot hold ","; the last value is the rest of the string.
 // Nothing is trimmed or unescaped. A file name or backup id whose last
-// character is "*" is a GLOB pattern; otherwise it is compared exactly.
+// character is "*" is a GLOB pattern (SQLite's: "*" any text, "?" one
+// character, "[...]" one of a set, case-sensitive); otherwise it is compared
+// exactly.
+//
+// A service builds query strings with to_query_by_backup_id and
+// to_query_by_file_name and hands them to catalog_application::find_catalog or
+// del_catalog; app_query is what the catalog parses them into. Plain values:
+// no shared state, nothing to release.
 #ifndef APPDB_APP_QUERY_H_
 #define APPDB_APP_QUERY_H_
 
