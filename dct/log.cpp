@@ -85,7 +85,11 @@ sink_state& state() {
     return *s;
 }
 
-void emit(dct::log_level level, cr_status_t status, const char* format, va_list ap) {
+// Formats and delivers one record. Never throws: a record that cannot be
+// allocated, or a sink that throws, loses that record only, so that logging a
+// failure can never become a second failure (callers log inside destructors
+// and out-of-memory paths).
+void emit_unguarded(dct::log_level level, cr_status_t status, const char* format, va_list ap) {
     char stack_buf[1024];
     va_list copy;
     va_copy(copy, ap);
@@ -111,11 +115,18 @@ void emit(dct::log_level level, cr_status_t status, const char* format, va_list 
     s.fallback(level, status, message);
 }
 
+void emit(dct::log_level level, cr_status_t status, const char* format, va_list ap) noexcept {
+    try {
+        emit_unguarded(level, status, format, ap);
+    } catch (...) {
+    }
+}
+
 }  // namespace
 
 std::atomic<int> __dctlog_trace_location{initial_trace_switch()};
 
-void ErrorA(cr_status_t status, const char* format, ...) {
+void ErrorA(cr_status_t status, const char* format, ...) noexcept {
     int saved = errno;
     va_list ap;
     va_start(ap, format);
@@ -124,7 +135,7 @@ void ErrorA(cr_status_t status, const char* format, ...) {
     errno = saved;
 }
 
-void WarningA(cr_status_t status, const char* format, ...) {
+void WarningA(cr_status_t status, const char* format, ...) noexcept {
     int saved = errno;
     va_list ap;
     va_start(ap, format);
@@ -133,7 +144,7 @@ void WarningA(cr_status_t status, const char* format, ...) {
     errno = saved;
 }
 
-void InfoA(cr_status_t status, const char* format, ...) {
+void InfoA(cr_status_t status, const char* format, ...) noexcept {
     int saved = errno;
     va_list ap;
     va_start(ap, format);
@@ -160,7 +171,7 @@ const char* log_level_name(log_level level) {
     return "TRACE";
 }
 
-void trace_write(const char* format, ...) {
+void trace_write(const char* format, ...) noexcept {
     if (!__dctlog_trace_location.load(std::memory_order_relaxed)) return;
     int saved = errno;
     va_list ap;

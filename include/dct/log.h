@@ -5,7 +5,8 @@
 // "syslog" (default), "stderr", "file:PATH" (append) or "none". On stderr and in
 // a file a record is one line "LEVEL [status] message" ("TRACE message" for
 // traces). DCT_TRACE=1 turns tracing on at start. Standard output is never used.
-// All functions are thread-safe.
+// All functions are thread-safe and never throw (a record that cannot be
+// allocated is dropped).
 #ifndef DCT_LOG_H_
 #define DCT_LOG_H_
 
@@ -18,9 +19,9 @@
 // Trace switch: non-zero = trace records are formatted and written.
 extern std::atomic<int> __dctlog_trace_location;
 
-void ErrorA(cr_status_t status, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void WarningA(cr_status_t status, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void InfoA(cr_status_t status, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void ErrorA(cr_status_t status, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
+void WarningA(cr_status_t status, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
+void InfoA(cr_status_t status, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
 
 namespace dct {
 
@@ -34,7 +35,7 @@ void set_log_sink(log_sink sink);
 const char* log_level_name(log_level level);
 
 // Writes a trace record; callers use __TraceA, which checks the switch first.
-void trace_write(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void trace_write(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
 
 }  // namespace dct
 
