@@ -8,6 +8,21 @@
 // configuration is written only by init(); afterwards the context may be used
 // from several threads. Public operations return cr_status_t (0 = success) and
 // never let an exception out.
+//
+// An embedding service builds one context for the pool, with its own proxy:
+//
+//   CatalogShadowContext shadow(new MyProxy(...), new CatalogDirectoryLock());
+//   if (shadow.init() != CR_STATUS_OK) { /* logged; the feature is off */ }
+//   catalog_application_factory::create_catalog(dsid, root, APP_D_CATALOG_SHADOW,
+//                                                &shadow, cache_size);
+//
+// The context must outlive every catalog application given it. Directories
+// named in the operations below are real database directories (the directory
+// that holds the database file), and `type` is one of the type words
+// PODBShadow::_podb_type_ ("podb"), _uldb_type_ ("uldb") and _appdb_type_
+// ("appdb"). Work on one directory's shadow (backup, recovery, journal lines)
+// is serialised inside the context; different directories proceed in
+// parallel.
 #ifndef CATALOG_SHADOW_CATALOGSHADOWCTX_H_
 #define CATALOG_SHADOW_CATALOGSHADOWCTX_H_
 
@@ -27,7 +42,16 @@
 #include "dct/status.h"
 
 // Implemented by the embedding program: where the configuration lies and where
-// the real catalog trees are.
+// the real catalog trees are. The context owns its proxy and reads it from
+// init() on, possibly from several threads; the answers must not change
+// afterwards. app_db_root is set before init(). The PO/UL root is tried first
+// when a real path is mapped, so it must not be a prefix of app_db_root (use,
+// say, DBROOT/databases/po beside DBROOT/databases/application).
+//
+// on_identity_missing is called, on the thread that runs init() or a
+// backup_all / recover operation, when the shadow root has lost its identity
+// file; the feature is already off then. It is the place to raise an alert. It
+// must not call back into the context.
 class CatalogShadowProxy {
 public:
     virtual ~CatalogShadowProxy();
@@ -99,7 +123,7 @@ private:
 class CatalogShadowContext {
 public:
     // Takes ownership of both (either may be null: no proxy disables the
-    // feature at init, no lock means the no-op base lock).
+    // feature at init, no lock means the no-op base lock). Reads nothing yet.
     CatalogShadowContext(CatalogShadowProxy* proxy, DirectoryLock* lock);
     ~CatalogShadowContext();
     CatalogShadowContext(const CatalogShadowContext&) = delete;
@@ -107,7 +131,12 @@ public:
 
     // load_configurations, the identity object for shadow_path, check_identity
     // (skipped when the configuration turned the feature off), and the pool.
-    // 0, or the status of the failed step (the feature is then off).
+    // 0, or the status of the failed step (the feature is then off):
+    // CR_STATUS_NONE for a missing storage path, 4 for a missing identity file.
+    // Call it once, on one thread, before any other operation. With the
+    // feature off, backups and journal writes are successes that do nothing
+    // and recoveries fail with 4; catalog applications keep working, without
+    // shadows.
     cr_status_t init();
 
     // Reads the shadow settings from the proxy's configuration file:
@@ -145,17 +174,63 @@ public:
     cr_status_t reload_podb(const std::string& dir);
 
     // --- Backup (built in its own sources) ---
+
+    // backup_unlocked of the PO database (first form) or of `type` in `dir`,
+    // under the directory lock of `dir`.
     cr_status_t backup(const std::string& dir);
     cr_status_t backup(const std::string& dir, const std::string& type);
+    // Copies the database of `type` in `dir` into its shadow directory as the
+    // newest version, when the copy passes SQLite's integrity check and
+    // differs from the newest version; the new version's journal starts
+    // empty, and versions beyond max_version_count are deleted, oldest first.
+    // The caller holds the directory lock of `dir`. 0 also when nothing
+    // changed and when the feature is off; 2 when the database file does not
+    // exist; 67 when the copy fails the integrity check (the copy is set aside
+    // in a "#corrupt_" directory, no version is added); 4 for an unknown type
+    // or a directory below neither real root; the copy's status when reading
+    // or writing fails. Earlier versions are never touched by a failure.
+    // `flags` has no meaning yet: pass 0.
     cr_status_t backup_unlocked(const std::string& dir, const std::string& type, unsigned flags = 0);
+    // Backs up every application database (app true) or every PO/UL database
+    // (false) below the proxy's real roots, each under its directory lock.
+    // 0 when every backup succeeded (also when the feature is off or the tree
+    // does not exist yet); 4 when the identity file is missing or any backup
+    // failed (each failure is logged).
     cr_status_t backup_all(bool app);
 
     // --- Recovery (built in its own sources) ---
+
+    // recover_unlocked of the PO database (first form) or of `type` in `dir`,
+    // after checking the identity file, under the directory lock of `dir`.
+    // 4 when the feature is off or the identity file is missing.
     cr_status_t recover(const std::string& dir, unsigned flags);
     cr_status_t recover(const std::string& dir, const std::string& type, unsigned flags);
+    // Rebuilds the database of `type` in `dir`: copies the newest version that
+    // passes its checksums and SQLite's integrity check, replays that
+    // version's journal and every newer one in one transaction, and only after
+    // the commit moves the result into place (what stood there, with its
+    // SQLite journal files, is set aside in a "#corrupt_" directory). The
+    // directory is created when missing. The caller holds the directory lock
+    // of `dir`; a shadow-protected catalog application calls this itself when
+    // an operation finds its database corrupt or missing. 0, or: 4 when the
+    // feature is off or the type is unknown; 72 when the shadow holds no
+    // version; 67 when no version is usable; the SQLite or file system status
+    // of a step that failed. Until the rebuilt copy is committed the real
+    // database is left as it was. `flags` has no meaning yet: pass 0.
     cr_status_t recover_unlocked(const std::string& dir, const std::string& type, unsigned flags);
+    // Walks the shadow tree of the application databases (app true) or of the
+    // PO/UL databases (false) and recovers every database whose real file is
+    // missing and whose shadow holds a version; databases that are present
+    // are left alone. 0 when every one succeeded (none missing included); 4
+    // when the feature is off, the identity file is missing or any recovery
+    // failed. recover_all_missing does the same with flags 0 and logs how many
+    // were recovered.
     cr_status_t recover_all(bool app, unsigned flags);
     cr_status_t recover_all_missing(bool app);
+    // Deletes the shadow directory of `dir` (every version and journal) and
+    // drops it from the pool: for a database that is given up for good. The
+    // caller holds the directory lock of `dir`. 0 also when the feature is
+    // off.
     cr_status_t remove_shadow_unlocked(const std::string& dir);
 
     // Settings, in this order; written by init() only.
