@@ -366,6 +366,9 @@ std::string read_all(int fd) {
             out << "setup\tcannot drop privileges: " << strerror(errno) << "\n";
         }
     }
+    if (access(root.c_str(), R_OK | X_OK) != 0) {
+        out << "setup\tthe tree is out of the unprivileged user's reach: " << root << "\n";
+    }
     DIR* probe = opendir(locked.c_str());
     if (probe != nullptr) {
         closedir(probe);
