@@ -16,7 +16,8 @@
 
 #include "dct/status.h"
 
-// Trace switch: non-zero = trace records are formatted and written.
+// Trace switch: non-zero = trace records are formatted and written. Starts as
+// DCT_TRACE says; a program may set it at any time, from any thread.
 extern std::atomic<int> __dctlog_trace_location;
 
 void ErrorA(cr_status_t status, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
@@ -29,6 +30,14 @@ enum class log_level { error, warning, info, trace };
 using log_sink = std::function<void(log_level, cr_status_t status, const std::string& message)>;
 
 // Installs `sink` for every later record; an empty sink restores the default.
+// The sink receives each record once, fully formatted (no trailing newline),
+// with the status it is about (0 for information, CR_STATUS_NONE when there is
+// none). Records of every thread go through one process-wide lock, so the sink
+// is never called twice at once, but it is called on whichever thread logs,
+// while that lock is held: it should return quickly and must not call
+// set_log_sink. A sink that throws loses that record only. Trace records reach
+// it only while the trace switch is on. Install the sink before the threads
+// that log start, or accept that records in flight go to the old one.
 void set_log_sink(log_sink sink);
 
 // "ERROR", "WARNING", "INFO", "TRACE".
