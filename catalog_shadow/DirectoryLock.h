@@ -2,6 +2,12 @@
 // database directory serialises that work. In this system Lock and Unlock take no
 // lock at all; every caller still goes through them so that a real lock can be
 // placed behind the same calls.
+//
+// What this means for an embedding service: two operations on one database at
+// the same moment are kept apart by the open-database cache (which refuses the
+// second with 4) and two processes by SQLite's own file locking, not by this
+// lock. A DirectoryLock handed to CatalogShadowContext is owned by it; the
+// catalog applications that the factory builds each own theirs.
 #ifndef CATALOG_SHADOW_DIRECTORYLOCK_H_
 #define CATALOG_SHADOW_DIRECTORYLOCK_H_
 
