@@ -54,6 +54,56 @@ cr_status_t set_aside_real(PODBShadow& shadow, const std::string& type, const st
     return CR_STATUS_OK;
 }
 
+// The work of recover_unlocked. Throws "bad parameter" or "invalid PODB path"
+// before it has touched anything; the callers log the exception under their
+// own names.
+cr_status_t recover_database(CatalogShadowContext& context, const std::string& dir, const std::string& type) {
+    if (!context.pool || !PODBShadow::is_valid_type(type)) throw "bad parameter";
+    boost::shared_ptr<PODBShadow> shadow = context.pool->get(dir);
+    // No journal line of this directory may land while it is rebuilt.
+    std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+
+    const std::string real = dir + "/" + PODBShadow::db_file_name(type);
+    const std::string target = real + ".tmp";
+    cr_status_t status = CR_STATUS_OK;
+    if (wa_access(dir, 0) != 0 && wa_createtree(dir, 0755) != 0) {
+        status = _crMapError("recover_unlocked", __FILE__, __LINE__);
+        ErrorA(status, "%s: %s could not be created", "recover_unlocked", dir.c_str());
+    }
+    try {
+        // A crashed recovery may have left its file and, worse, a journal
+        // that SQLite would play back onto the fresh copy.
+        if (status == CR_STATUS_OK) remove_target(target);
+        if (status == CR_STATUS_OK) status = shadow->merge_shadows(dir, target, type);
+        if (status == CR_STATUS_OK) status = set_aside_real(*shadow, type, real);
+        if (status == CR_STATUS_OK) {
+            __TraceA("%s: Rename file %s to %s", "recover_unlocked", target.c_str(), real.c_str());
+            if (FileMove(target, real) != 0) {
+                int e = errno;
+                status = _crMapError("recover_unlocked", __FILE__, __LINE__);
+                ErrorA(status, "%s: could not move %s to %s (%s)", "recover_unlocked", target.c_str(),
+                       real.c_str(), strerror(e));
+            } else if (wa_syncdir(dir) != 0) {
+                int e = errno;
+                status = _crMapError("recover_unlocked", __FILE__, __LINE__);
+                ErrorA(status, "%s: failed to sync directory %s (%s)", "recover_unlocked", dir.c_str(),
+                       strerror(e));
+            }
+        }
+    } catch (const sqlitedb::db_exception& e) {
+        status = e.cr_status();
+        ErrorA(status, "%s: Catch sqlite database runtime exception [%d]: %s", "recover_unlocked", e.errcode(),
+               e.what());
+    }
+    if (status == CR_STATUS_OK) {
+        InfoA(CR_STATUS_OK, "%s: Recover database %s %s.", "recover_unlocked", real.c_str(), "succeeded");
+    } else {
+        ErrorA(status, "%s: Recover database %s %s.", "recover_unlocked", real.c_str(), "failed");
+    }
+    remove_target(target);
+    return status;
+}
+
 }  // namespace
 
 cr_status_t CatalogShadowContext::recover(const std::string& dir, unsigned flags) {
@@ -65,7 +115,7 @@ cr_status_t CatalogShadowContext::recover(const std::string& dir, unsigned flags
     return recover(dir, PODBShadow::_podb_type_, flags);
 }
 
-cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::string& type, unsigned flags) {
+cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::string& type, unsigned) {
     if (!enabled) {
         ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
                type.c_str(), dir.c_str());
@@ -75,7 +125,7 @@ cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::str
     if (status != CR_STATUS_OK) return status;
     try {
         DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
-        return recover_unlocked(dir, type, flags);
+        return recover_database(*this, dir, type);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover", e);
     } catch (const std::exception& e) {
@@ -90,60 +140,14 @@ cr_status_t CatalogShadowContext::recover_unlocked(const std::string& dir, const
                type.c_str(), dir.c_str());
         return CR_STATUS_FAILED;
     }
-    std::string real;
-    std::string target;
-    cr_status_t status = CR_STATUS_FAILED;
     try {
-        if (!pool || !PODBShadow::is_valid_type(type)) throw "bad parameter";
-        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
-        // No journal line of this directory may land while it is rebuilt.
-        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-
-        if (wa_access(dir, 0) != 0 && wa_createtree(dir, 0755) != 0) {
-            status = _crMapError("recover_unlocked", __FILE__, __LINE__);
-            ErrorA(status, "%s: %s could not be created", "recover_unlocked", dir.c_str());
-            return status;
-        }
-        real = dir + "/" + PODBShadow::db_file_name(type);
-        target = real + ".tmp";
-        // A crashed recovery may have left its file and, worse, a journal that
-        // SQLite would play back onto the fresh copy.
-        remove_target(target);
-
-        status = shadow->merge_shadows(dir, target, type);
-        if (status == CR_STATUS_OK) status = set_aside_real(*shadow, type, real);
-        if (status == CR_STATUS_OK) {
-            __TraceA("%s: Rename file %s to %s", "recover_unlocked", target.c_str(), real.c_str());
-            if (FileMove(target, real) != 0) {
-                int e = errno;
-                status = _crMapError("recover_unlocked", __FILE__, __LINE__);
-                ErrorA(status, "%s: could not move %s to %s (%s)", "recover_unlocked", target.c_str(), real.c_str(),
-                       strerror(e));
-            } else if (wa_syncdir(dir) != 0) {
-                int e = errno;
-                status = _crMapError("recover_unlocked", __FILE__, __LINE__);
-                ErrorA(status, "%s: failed to sync directory %s (%s)", "recover_unlocked", dir.c_str(), strerror(e));
-            }
-        }
-    } catch (const sqlitedb::db_exception& e) {
-        status = e.cr_status();
-        ErrorA(status, "%s: Catch sqlite database runtime exception [%d]: %s", "recover_unlocked", e.errcode(),
-               e.what());
+        return recover_database(*this, dir, type);
     } catch (const char* e) {
-        status = CR_STATUS_FAILED;
-        ErrorA(status, "%s: Got exception: [%s]", "recover_unlocked", e);
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover_unlocked", e);
     } catch (const std::exception& e) {
-        status = CR_STATUS_FAILED;
-        ErrorA(status, "%s: Got exception: [%s]", "recover_unlocked", e.what());
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover_unlocked", e.what());
     }
-    if (status == CR_STATUS_OK) {
-        InfoA(CR_STATUS_OK, "%s: Recover database %s %s.", "recover_unlocked", real.c_str(), "succeeded");
-    } else {
-        ErrorA(status, "%s: Recover database %s %s.", "recover_unlocked",
-               real.empty() ? dir.c_str() : real.c_str(), "failed");
-    }
-    if (!target.empty()) remove_target(target);
-    return status;
+    return CR_STATUS_FAILED;
 }
 
 cr_status_t CatalogShadowContext::recover_all(bool app, unsigned flags) {

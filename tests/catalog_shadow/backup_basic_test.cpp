@@ -277,6 +277,42 @@ TEST(BackupTest, FailedCopyLeavesNoTemporaryFile) {
     EXPECT_EQ(0u, p.shadow()->get_version_count("appdb"));
 }
 
+TEST(BackupTest, ShadowDirectoryThatCannotBeCreated) {
+    AppPool p;
+    p.create(3);
+    const std::string shadow_dir = p.shadow_dir();
+    ASSERT_EQ(0, wa_deletetree(shadow_dir));
+    FaultHook hook([&](dct::fault_op op, const char* path) {
+        return op == dct::fault_op::createtree && shadow_dir == path ? EROFS : 0;
+    });
+    kt::LogCapture log;
+    EXPECT_EQ(CR_STATUS_FAILED, p.ctx->backup(p.dir, "appdb"));
+    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_IO,
+                             "backup_unlocked: Failed to create directory " + shadow_dir + " (" + strerror(EROFS) +
+                                 ")"))
+        << log.dump();
+    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED, "backup_unlocked: Got exception [catalog backup fail]"))
+        << log.dump();
+}
+
+TEST(BackupTest, PrunedVersionThatCannotBeDeletedIsWarnedAbout) {
+    AppPool p("CatalogBackupVersionCount = 1\n");
+    p.create(3);
+    ASSERT_EQ(CR_STATUS_OK, p.ctx->backup(p.dir, "appdb"));
+    p.apply(backup_test::insert_row(4));
+    const std::string old_db = p.shadow_file("appdb.1");
+    FaultHook hook([&](dct::fault_op op, const char* path) {
+        return op == dct::fault_op::deletefile && old_db == path ? EACCES : 0;
+    });
+    kt::LogCapture log;
+    EXPECT_EQ(CR_STATUS_OK, p.ctx->backup(p.dir, "appdb"));
+    EXPECT_TRUE(log.contains(log_level::warning, CR_STATUS_ACCESS_DENIED,
+                             "Failed to delete file " + old_db + " (" + strerror(EACCES) + ")."))
+        << log.dump();
+    EXPECT_EQ(std::vector<uint64_t>{2}, version_numbers(*p.shadow(), "appdb"));
+    EXPECT_FALSE(kt::file_exists(old_db + ".journal"));
+}
+
 // The new version's name is made durable before the checksum file lists it,
 // and a pruned version's removal is made durable too.
 TEST(BackupTest, ShadowDirectoryIsSyncedAfterRenameAndAfterRemoval) {

@@ -216,6 +216,15 @@ TEST(DuplicateTest, CopiesAnyFileWithItsChecksum) {
         EXPECT_EQ(shadow_test::adler(content), crc) << size;
     }
     EXPECT_EQ(shadow_test::adler(""), 1u);
+
+    kt::TraceSwitch trace(true);
+    kt::LogCapture log;
+    const std::string src = tmp.file("src-32768");
+    uint32_t crc = 0;
+    ASSERT_EQ(CR_STATUS_OK, shadow.duplicate(src, tmp.file("traced"), &crc));
+    EXPECT_EQ(1u, log.count_message("Duplicate file from " + src + " to " + tmp.file("traced") + "."));
+    EXPECT_EQ(1u, log.count_message("Checksum for " + tmp.file("traced") + " is: " + std::to_string(crc) + "."))
+        << log.dump();
 }
 
 TEST(DuplicateTest, FailuresToOpenEitherSide) {

@@ -107,6 +107,7 @@ TEST(RecoverTest, PoCleanupOnAnApplicationDatabaseIsOnlyTraced) {
     }
     EXPECT_EQ(1u, traced) << log.dump();
     EXPECT_EQ(0u, errors_and_warnings(log)) << log.dump();
+    EXPECT_EQ(1u, log.count_message("recover_unlocked: Rename file " + p.db + ".tmp to " + p.db)) << log.dump();
     EXPECT_EQ(backup_test::catalog_rows(p.reference), backup_test::catalog_rows(p.db));
 }
 
@@ -369,10 +370,14 @@ TEST(RecoverTest, ExceptionsAreCaught) {
     AppPool p;
     kt::LogCapture log;
     EXPECT_EQ(CR_STATUS_FAILED, p.ctx->recover(p.layout.tmp.file("elsewhere"), "appdb", 0));
-    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED, "recover_unlocked: Got exception: [invalid PODB path]"))
+    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED, "recover: Got exception: [invalid PODB path]"))
         << log.dump();
     EXPECT_EQ(CR_STATUS_FAILED, p.ctx->recover(p.dir, "xdb", 0));
-    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED, "recover_unlocked: Got exception: [bad parameter]"))
+    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED, "recover: Got exception: [bad parameter]"))
+        << log.dump();
+    EXPECT_EQ(CR_STATUS_FAILED, p.ctx->recover_unlocked(p.layout.tmp.file("elsewhere"), "appdb", 0));
+    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED,
+                             "recover_unlocked: Got exception: [invalid PODB path]"))
         << log.dump();
 }
 
