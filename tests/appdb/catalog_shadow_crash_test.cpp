@@ -7,15 +7,19 @@
 // integrity check. The rounds go on over the same pool, so later rounds
 // recover from the journals of all earlier ones.
 //
-// The seed (KAVREL_CRASH_SEED overrides it) fixes the kill delays and the
-// kinds of damage; the exact kill moments still depend on the machine.
+// The seed (KAVREL_CRASH_SEED overrides it) fixes how many rows each child
+// acknowledges before the kill is timed, the delays and the kinds of damage;
+// the exact kill moments still depend on the machine.
+#include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <random>
@@ -61,9 +65,26 @@ unsigned seed() {
     _exit(0);
 }
 
+// Reads from `fd` into `text` until it holds `lines` lines, the writer closed
+// it, or 20 seconds passed.
+void read_lines(int fd, std::string& text, size_t lines) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    char buffer[65536];
+    while (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) < lines &&
+           std::chrono::steady_clock::now() < deadline) {
+        pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, 100) <= 0) continue;
+        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n > 0) {
+            text.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
 // Everything the child wrote until it died; complete lines only.
-std::vector<std::string> drain(int fd) {
-    std::string text;
+std::vector<std::string> drain(int fd, std::string text) {
     char buffer[65536];
     for (;;) {
         const ssize_t n = read(fd, buffer, sizeof(buffer));
@@ -114,14 +135,19 @@ TEST(ShadowCrash, KilledWritersLoseNoAcknowledgedRow) {
             child(pool, start, fds[1]);
         }
         close(fds[1]);
-        const long delay_us = std::uniform_int_distribution<long>(500, 15000)(rng);
+        // Let the child acknowledge a few rows (so that the kill falls at
+        // work, however fast the file system is), then kill it a random
+        // while later: before, in or after any step of an insert.
+        std::string text;
+        read_lines(fds[0], text, std::uniform_int_distribution<size_t>(0, 20)(rng));
+        const long delay_us = std::uniform_int_distribution<long>(0, 3000)(rng);
         const timespec pause = {0, delay_us * 1000};
         nanosleep(&pause, nullptr);
         ASSERT_EQ(0, kill(pid, SIGKILL));
         int wstatus = 0;
         ASSERT_EQ(pid, waitpid(pid, &wstatus, 0));
         if (WIFSIGNALED(wstatus)) ++kills_while_writing;
-        const std::vector<std::string> names = drain(fds[0]);
+        const std::vector<std::string> names = drain(fds[0], text);
         close(fds[0]);
         acknowledged.insert(names.begin(), names.end());
 
