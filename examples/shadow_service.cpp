@@ -186,6 +186,7 @@ int main(int argc, char** argv) {
         kDataStore, databases, appdb::APP_D_CATALOG_SHADOW, &shadow, kCacheSize));
     if (!catalog) {
         fprintf(stderr, "shadow_service: the factory built no shadow-protected catalog\n");
+        if (!keep) wa_deletetree(work);
         return 1;
     }
     const std::string db_dir =
