@@ -208,8 +208,8 @@ public:
     // Rebuilds the database of `type` in `dir`: copies the newest version that
     // passes its checksums and SQLite's integrity check, replays that
     // version's journal and every newer one in one transaction, and only after
-    // the commit moves the result into place (what stood there, with its
-    // SQLite journal files, is set aside in a "#corrupt_" directory). The
+    // the commit renames the result over the real database (the old file's
+    // SQLite journal files are set aside in a "#corrupt_" directory first). The
     // directory is created when missing. The caller holds the directory lock
     // of `dir`; a shadow-protected catalog application calls this itself when
     // an operation finds its database corrupt or missing. 0, or: 4 when the

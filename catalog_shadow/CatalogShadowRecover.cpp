@@ -4,9 +4,8 @@
 // The rebuilt database is made in "<database>.tmp" beside the real one (same
 // file system, so that it can be renamed over it) and only a merge that
 // committed is moved into place. Before it takes the real database's place,
-// what stood there is set aside in the shadow's "#corrupt_" directory: the
-// rollback journal or write-ahead log first (SQLite would play either back onto
-// the rebuilt file at its next open), then the old database itself.
+// the SQLite journal files of the old database are set aside in the shadow's
+// "#corrupt_" directory (SQLite would play them back onto the rebuilt file).
 //
 // The `flags` argument of the recovery operations is passed through unchanged
 // and has no meaning yet.
@@ -37,19 +36,18 @@ void remove_target(const std::string& target) {
     }
 }
 
-// Sets aside what stands at the real database's place. A journal that cannot
-// be moved stops the recovery (the rebuilt file must never meet it); an old
-// database that cannot be moved is replaced all the same, since its content
-// is what the recovery is there to replace. 0 or the status of the failure.
-cr_status_t set_aside_real(PODBShadow& shadow, const std::string& type, const std::string& real) {
+// Sets aside the journal files SQLite left beside the real database (a dead
+// writer's hot journal, a write-ahead log): they belong to the old file, and
+// SQLite would play them back onto the rebuilt one at its next open. One that
+// cannot be moved stops the recovery. The old database itself is not moved:
+// the rebuilt one is renamed over it, so that the database's name never goes
+// missing under a reader. 0 or the status of the failure.
+cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, const std::string& real) {
     for (const char* suffix : kCompanions) {
         const std::string companion = real + suffix;
         if (wa_access(companion, 0) != 0) continue;
         cr_status_t status = shadow.move_file_as_backup(type, companion);
         if (status != CR_STATUS_OK) return status;
-    }
-    if (wa_access(real, 0) == 0 && shadow.move_file_as_backup(type, real) != CR_STATUS_OK) {
-        WarningA(CR_STATUS_NONE, "%s: %s is replaced without being set aside", "recover_unlocked", real.c_str());
     }
     return CR_STATUS_OK;
 }
@@ -75,7 +73,7 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
         // that SQLite would play back onto the fresh copy.
         if (status == CR_STATUS_OK) remove_target(target);
         if (status == CR_STATUS_OK) status = shadow->merge_shadows(dir, target, type);
-        if (status == CR_STATUS_OK) status = set_aside_real(*shadow, type, real);
+        if (status == CR_STATUS_OK) status = set_aside_companions(*shadow, type, real);
         if (status == CR_STATUS_OK) {
             __TraceA("%s: Rename file %s to %s", "recover_unlocked", target.c_str(), real.c_str());
             if (FileMove(target, real) != 0) {

@@ -60,7 +60,6 @@ TEST(RecoverTest, DeletedDatabaseIsRebuiltWithEveryRow) {
     EXPECT_TRUE(log.contains(log_level::info, 0, "recover_unlocked: Recover database " + p.db + " succeeded."))
         << log.dump();
     EXPECT_EQ(0u, errors_and_warnings(log)) << log.dump();
-    // Nothing stood at the real place: nothing was set aside.
     EXPECT_TRUE(backup_test::corrupt_dirs(p.shadow_dir()).empty());
 }
 
@@ -72,7 +71,7 @@ TEST(RecoverTest, UnlockedFormRebuildsTheSame) {
     EXPECT_EQ(backup_test::catalog_rows(p.reference), backup_test::catalog_rows(p.db));
 }
 
-TEST(RecoverTest, DamagedDatabaseIsRebuiltAndTheDamagedFileSetAside) {
+TEST(RecoverTest, DamagedDatabaseIsRebuilt) {
     AppPool p;
     backed_up_with_changes(p);
     backup_test::overwrite(p.db, 0, std::string(200, '\x5a'));
@@ -83,10 +82,9 @@ TEST(RecoverTest, DamagedDatabaseIsRebuiltAndTheDamagedFileSetAside) {
     EXPECT_EQ(backup_test::catalog_rows(p.reference), backup_test::catalog_rows(p.db));
     EXPECT_TRUE(backup_test::integrity_ok(p.db));
 
-    std::vector<std::string> dirs = backup_test::corrupt_dirs(p.shadow_dir());
-    ASSERT_EQ(1u, dirs.size());
-    EXPECT_EQ(0u, dirs[0].find("#corrupt_appdb_"));
-    EXPECT_EQ(damaged, backup_test::read_bytes(p.shadow_dir() + "/" + dirs[0] + "/app.db"));
+    EXPECT_NE(damaged, backup_test::read_bytes(p.db));
+    // Replaced by a rename: the database's name never went missing.
+    EXPECT_TRUE(backup_test::corrupt_dirs(p.shadow_dir()).empty());
 }
 
 // Recovery of an application database runs the PO clean-up too; there is no
