@@ -38,6 +38,7 @@ TEST(CatalogFactory, PlainTypeBuildsImplWithItsOwnLockAndCache) {
 }
 
 TEST(CatalogFactory, ShadowContextIsIgnoredByThePlainType) {
+    kt::LogCapture log;
     std::unique_ptr<catalog_application> app(catalog_application_factory::create_catalog(
         1, "/r", appdb::APP_D_CATALOG, reinterpret_cast<CatalogShadowContext*>(0x1), 2));
     ASSERT_NE(nullptr, dynamic_cast<catalog_application_impl*>(app.get()));
@@ -77,6 +78,7 @@ TEST(CatalogConstruction, CacheSizeBelowTwoBecomesTwo) {
 }
 
 TEST(CatalogConstruction, AppRootIsRootApplicationAndDecimalDsid) {
+    kt::LogCapture log;
     EXPECT_EQ("/st/databases/application/2", catalog_application_impl(2, "/st/databases", 5).app_root);
     catalog_application_impl zero(0, "/st/databases", 5);
     EXPECT_EQ("/st/databases/application/0", zero.app_root);
@@ -87,11 +89,13 @@ TEST(CatalogConstruction, AppRootIsRootApplicationAndDecimalDsid) {
 }
 
 TEST(CatalogConstruction, DirectlyBuiltImplHasNoLockUntilGivenOne) {
+    kt::LogCapture log;
     catalog_application_impl app(1, "/r", 5);
     EXPECT_EQ(nullptr, app.dir_lock.get());
 }
 
 TEST(CatalogConstruction, PlainImplHasNoShadowCopies) {
+    kt::LogCapture log;
     kt::TempDir tmp;
     catalog_application_impl app(1, tmp.path(), 5);
     EXPECT_FALSE(app.shadow_copy_exist("c", "p"));
@@ -102,6 +106,7 @@ TEST(CatalogConstruction, PlainImplHasNoShadowCopies) {
 }
 
 TEST(CatalogConstruction, DestructionClosesCachedConnections) {
+    kt::LogCapture log;
     kt::TempDir tmp;
     const std::string file = tmp.path() + "/application/3/c/p/app.db";
     {
