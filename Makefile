@@ -80,9 +80,10 @@ bench:
 	$(call configure_build,build-bench,Release,-DKAVREL_BUILD_BENCH=ON -DKAVREL_BUILD_TESTS=OFF)
 	BUILD_DIR=build-bench bash scripts/bench.sh
 
+# The fuzz targets build with clang and link libFuzzer from its runtime package.
 fuzz:
 	$(call need_script,scripts/fuzz.sh,fuzz)
-	$(MAKE) deps
+	$(MAKE) deps DEB_PACKAGES="$(DEB_PACKAGES) clang libclang-rt-14-dev"
 	BUILD_DIR=build-fuzz bash scripts/fuzz.sh
 
 deb:
