@@ -140,6 +140,11 @@ cr_status_t catalog_application_impl_shadow::recover_db(const char* fn, cr_statu
     return status;
 }
 
+bool catalog_application_impl_shadow::first_adoption(const std::string& path) {
+    std::lock_guard<std::mutex> guard(adopted_mutex_);
+    return adopted_.insert(path).second;
+}
+
 cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
     const app_catalog_item& item) {
     const char* const fn = "shadow_protected_db_insert";
@@ -157,12 +162,15 @@ cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
         // database unprotected, not unusable.
         InfoA(CR_STATUS_OK, "%s: new created db %s", fn, path.c_str());
         backup_shadow(path);
-    } else if (shadow_ctx != nullptr && shadow_ctx->enabled && !shadow_copy_exist(item.client, item.policy) &&
-               db_existed(item.client, item.policy)) {
+    } else if (shadow_ctx != nullptr && shadow_ctx->enabled &&
+               !shadow_copy_exist(item.client, item.policy) &&
+               db_existed(item.client, item.policy) && first_adoption(path)) {
         // A database without a shadow copy: made before protection was on,
         // or its creator died between creating it and copying it. Its
         // journal lines would have no base to replay onto, so it gets its
-        // first copy now.
+        // first copy now. Once per directory and object: a copy that fails
+        // (a damaged database) is set aside whole, and must not be made
+        // again at every insert.
         InfoA(CR_STATUS_OK, "%s: app db %s has no shadow copy, take one", fn, path.c_str());
         backup_shadow(path);
     }

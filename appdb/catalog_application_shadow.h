@@ -25,6 +25,8 @@
 #define APPDB_CATALOG_APPLICATION_SHADOW_H_
 
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -126,11 +128,17 @@ private:
     cr_status_t query_with_recovery(const char* function, const app_query& query,
                                     std::vector<app_catalog_item>& records,
                                     const std::string& sql);
+    // True the first time `path` is given: a database found without a
+    // shadow copy is copied once per object.
+    bool first_adoption(const std::string& path);
     // The query behind find_by_image_name and find_by_file_name.
     cr_status_t find_one(const char* function, const std::string& client,
                          const std::string& policy, const std::string& query_text,
                          const char* too_many_format, const std::string& key,
                          app_catalog_item& result, bool lock);
+
+    std::mutex adopted_mutex_;
+    std::set<std::string> adopted_;  // directories given a first copy here
 };
 
 }  // namespace appdb

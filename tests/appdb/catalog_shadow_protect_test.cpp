@@ -3,6 +3,7 @@
 // for a read, the messages that differ from the plain catalog, and a database
 // made without protection that gets its first copy on its next insert.
 #include <map>
+#include <random>
 #include <memory>
 #include <string>
 #include <vector>
@@ -250,6 +251,23 @@ TEST_F(ShadowProtect, ADatabaseMadeWithoutProtectionGetsItsFirstCopyOnItsNextIns
     restart_app();
     shadowt::delete_database(file);
     EXPECT_TRUE(shadowt::same_rows(model.rows(), shadowt::read_back(*app, "c", "p"))) << log.dump();
+}
+
+TEST_F(ShadowProtect, ADamagedDatabaseWithoutAShadowIsCopiedOnlyOnce) {
+    std::unique_ptr<appdb::catalog_application> plain(appdb::catalog_application_factory::create_catalog(
+        2, pool.database_root(), appdb::APP_D_CATALOG, nullptr, 5));
+    ASSERT_EQ(0u, plain->update_catalog("admin", 1, make_item("c", "p", "old", "c_1").to_string()));
+    plain.reset();
+    std::mt19937 rng(4);
+    shadowt::damage_header(db_file("c", "p"), rng);
+    log.clear();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NE(0u, app->update_catalog("admin", 1, make_item("c", "p", "f" + std::to_string(i), "c_1").to_string()));
+    }
+    EXPECT_EQ(1u, log.count_containing("has no shadow copy, take one")) << log.dump();
+    EXPECT_EQ(1u, log.count_containing("backup_shadow: create shadow file for db"));
+    EXPECT_EQ(1u, log.count_containing("backup_shadow: failed to backup app shadow file for " + db_dir("c", "p")));
+    EXPECT_TRUE(shadow_versions(shadow_dir("c", "p")).empty());
 }
 
 }  // namespace
