@@ -1,0 +1,245 @@
+#include "common/power_loss.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <functional>
+
+#include "common/sqlite_test_vfs.h"
+#include "common/test_util.h"
+#include "dct/fault.h"
+#include "dct/fs.h"
+
+namespace kt {
+
+namespace {
+
+bool is_regular(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+// Every directory and regular file below `dir` (not `dir` itself).
+void walk(const std::string& dir, const std::function<void(const std::string&, bool)>& visit) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    while (struct dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name == "." || name == "..") continue;
+        const std::string path = dir + "/" + name;
+        struct stat st;
+        if (lstat(path.c_str(), &st) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            visit(path, true);
+            walk(path, visit);
+        } else if (S_ISREG(st.st_mode)) {
+            visit(path, false);
+        }
+    }
+    closedir(d);
+}
+
+}  // namespace
+
+PowerLossModel::PowerLossModel(std::vector<std::string> roots) : roots_(std::move(roots)) {
+    for (const std::string& root : roots_) {
+        walk(root, [this](const std::string& path, bool dir) {
+            if (!dir) durable_[path] = read_file(path);
+        });
+    }
+    dct::set_fault_hook(
+        [this](dct::fault_op op, const char* path) { return on_fault_point(static_cast<int>(op), path); });
+    SqliteTestVfs::install();
+    SqliteTestVfs::set_hooks(
+        [this](vfs_op op, const std::string& path) {
+            if (op == vfs_op::read || op == vfs_op::lock || !below_roots(path)) return 0;
+            std::lock_guard<std::mutex> guard(mutex_);
+            on_event(true);
+            return 0;
+        },
+        [this](vfs_op op, const std::string& path, int rc) {
+            if (rc != 0 || !below_roots(path)) return;
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (op == vfs_op::sync) {
+                sync_file(path);
+            } else if (op == vfs_op::remove) {
+                durable_.erase(path);
+            }
+        });
+}
+
+PowerLossModel::~PowerLossModel() {
+    dct::set_fault_hook(nullptr);
+    SqliteTestVfs::set_hooks(nullptr, nullptr);
+}
+
+void PowerLossModel::crash_at(long n) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    crash_at_ = n;
+}
+
+long PowerLossModel::events() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return events_;
+}
+
+bool PowerLossModel::crashed() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return crashed_;
+}
+
+long PowerLossModel::unattributed_syncs() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return unattributed_;
+}
+
+long PowerLossModel::syncs() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return syncs_;
+}
+
+bool PowerLossModel::below_roots(const std::string& path) const {
+    for (const std::string& root : roots_) {
+        if (path.size() > root.size() && path.compare(0, root.size(), root) == 0 && path[root.size()] == '/') {
+            return true;
+        }
+    }
+    return false;
+}
+
+void PowerLossModel::sync_file(const std::string& path) {
+    if (!is_regular(path)) return;  // a directory sync: entries are durable anyway
+    durable_[path] = read_file(path);
+    ++syncs_;
+}
+
+// Moves and deletes announced by the fault seam happen after its hook
+// returns; by the next event they are done (or failed), and the synced
+// content follows the file to its new name.
+void PowerLossModel::settle() {
+    for (const pending_move& m : moves_) {
+        struct stat st;
+        if (lstat(m.from.c_str(), &st) == 0 && st.st_dev == m.dev && st.st_ino == m.ino) continue;  // not moved
+        std::string to;
+        for (const std::string& root : roots_) {
+            walk(root, [&](const std::string& path, bool dir) {
+                struct stat s2;
+                if (!dir && to.empty() && lstat(path.c_str(), &s2) == 0 && s2.st_dev == m.dev && s2.st_ino == m.ino) {
+                    to = path;
+                }
+            });
+        }
+        auto it = durable_.find(m.from);
+        if (!to.empty()) {
+            if (it != durable_.end()) {
+                durable_[to] = it->second;
+            } else {
+                durable_.erase(to);
+            }
+        }
+        durable_.erase(m.from);
+    }
+    moves_.clear();
+    for (const std::string& path : deletes_) {
+        if (exists(path)) continue;
+        // A removed tree takes everything below it.
+        const std::string prefix = path + "/";
+        for (auto it = durable_.begin(); it != durable_.end();) {
+            if (it->first == path || it->first.compare(0, prefix.size(), prefix) == 0) {
+                it = durable_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    deletes_.clear();
+}
+
+void PowerLossModel::on_event(bool counts) {
+    settle();
+    if (!counts) return;
+    ++events_;
+    if (!crashed_ && crash_at_ > 0 && events_ == crash_at_) {
+        crashed_ = true;
+        picture_ = take_picture();
+    }
+}
+
+PowerLossModel::picture PowerLossModel::take_picture() {
+    picture p;
+    for (const std::string& root : roots_) {
+        walk(root, [&](const std::string& path, bool dir) {
+            if (dir) {
+                p.dirs.push_back(path);
+            } else {
+                auto it = durable_.find(path);
+                p.files[path] = it != durable_.end() ? it->second : std::string();
+            }
+        });
+    }
+    return p;
+}
+
+int PowerLossModel::on_fault_point(int raw_op, const char* cpath) {
+    const dct::fault_op op = static_cast<dct::fault_op>(raw_op);
+    const std::string path = cpath != nullptr ? cpath : "";
+    std::lock_guard<std::mutex> guard(mutex_);
+    // Directory syncs and calls outside the roots are no events of ours, but
+    // an anonymous fsync right after them must not be pinned on a file.
+    const bool ours = path.empty() || below_roots(path);
+    on_event(ours);
+    switch (op) {
+        case dct::fault_op::open_write:
+        case dct::fault_op::write:
+            last_path_ = ours ? path : std::string();
+            break;
+        case dct::fault_op::fsync:
+            if (!path.empty()) {
+                last_path_ = ours ? path : std::string();
+                if (ours) sync_file(path);
+            } else if (!last_path_.empty()) {
+                sync_file(last_path_);
+            } else {
+                ++unattributed_;
+            }
+            break;
+        case dct::fault_op::rename:
+        case dct::fault_op::filemove: {
+            struct stat st;
+            if (ours && lstat(path.c_str(), &st) == 0) moves_.push_back(pending_move{path, st.st_dev, st.st_ino});
+            break;
+        }
+        case dct::fault_op::deletefile:
+        case dct::fault_op::deletedir:
+        case dct::fault_op::deletetree:
+            if (ours) deletes_.push_back(path);
+            break;
+        default:
+            break;
+    }
+    return 0;
+}
+
+void PowerLossModel::restore() {
+    dct::set_fault_hook(nullptr);
+    SqliteTestVfs::set_hooks(nullptr, nullptr);
+    picture p;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        settle();
+        p = crashed_ ? picture_ : take_picture();
+    }
+    for (const std::string& root : roots_) {
+        wa_deletetree(root);
+        wa_createtree(root, 0755);
+    }
+    for (const std::string& dir : p.dirs) wa_createtree(dir, 0755);
+    for (const auto& f : p.files) write_file(f.first, f.second);
+}
+
+}  // namespace kt
