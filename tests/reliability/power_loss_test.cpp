@@ -1,0 +1,184 @@
+// Power loss at any moment of a catalog's work: inserts, deletes, backups and
+// the creation of a second database. A model of the disk (power_loss.h)
+// remembers what each file of the database tree and the shadow tree held at
+// its last sync and, at the chosen moment, keeps only that. Afterwards a
+// restarted service must find every acknowledged change in the database, and
+// after the database is lost too, recovery must bring every acknowledged
+// change back from the shadow copies and journals. The change in flight at
+// the crash may or may not be there.
+#include <stdlib.h>
+
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/power_loss.h"
+#include "reliability_fixture.h"
+
+namespace {
+
+using shadowt::pool_layout;
+
+struct step {
+    enum kind { insert, remove, backup } what;
+    std::string client;
+    std::string name;
+};
+
+std::vector<step> workload() {
+    std::vector<step> w;
+    for (int i = 1; i <= 6; ++i) w.push_back({step::insert, "alpha", "a" + std::to_string(i)});
+    w.push_back({step::backup, "alpha", ""});
+    w.push_back({step::insert, "alpha", "a7"});
+    w.push_back({step::remove, "alpha", "a2"});
+    for (int i = 1; i <= 3; ++i) w.push_back({step::insert, "beta", "b" + std::to_string(i)});
+    w.push_back({step::insert, "alpha", "a8"});
+    w.push_back({step::remove, "beta", "b1"});
+    w.push_back({step::backup, "alpha", ""});
+    w.push_back({step::insert, "alpha", "a9"});
+    w.push_back({step::backup, "beta", ""});
+    w.push_back({step::insert, "beta", "b4"});
+    return w;
+}
+
+// What one run left: the acknowledged rows per client, the row in flight at
+// the crash, and whether the client's database was ever acknowledged.
+struct outcome {
+    std::map<std::string, std::set<std::string>> rows;
+    std::set<std::string> touched;
+    std::string in_flight;
+    long events = 0;
+    long unattributed = 0;
+};
+
+class power_loss_run {
+public:
+    power_loss_run() : pool(tmp.path()) { pool.prepare(); }
+
+    // Runs the workload, crashing before event `crash_at` (0: never).
+    outcome run(long crash_at) {
+        outcome out;
+        kt::PowerLossModel model({pool.dbroot, pool.storage});
+        model.crash_at(crash_at);
+        {
+            std::unique_ptr<CatalogShadowContext> ctx = pool.context();
+            std::unique_ptr<appdb::catalog_application> app = shadowt::make_shadow_app(pool, ctx.get());
+            for (const step& s : workload()) {
+                const bool before = model.crashed();
+                cr_status_t status = 0;
+                const std::string dir = pool.db_dir(2, s.client, "pol");
+                switch (s.what) {
+                    case step::insert:
+                        status = app->update_catalog(
+                            "alice", 4, catt::make_item(s.client, "pol", s.name, "bid").to_string());
+                        break;
+                    case step::remove:
+                        status = app->del_catalog("alice", 4, "name|" + s.client + ",pol," + s.name);
+                        break;
+                    case step::backup:
+                        status = ctx->backup(dir, "appdb");
+                        break;
+                }
+                if (before) continue;  // after the crash: nothing of it survives
+                if (model.crashed()) {
+                    out.in_flight = s.name;
+                    continue;
+                }
+                EXPECT_EQ(0u, status) << s.name << "\n" << log.dump();
+                if (s.what == step::insert) out.rows[s.client].insert(s.name);
+                if (s.what == step::remove) out.rows[s.client].erase(s.name);
+                if (s.what != step::backup) out.touched.insert(s.client);
+            }
+        }
+        out.events = model.events();
+        out.unattributed = model.unattributed_syncs();
+        model.restore();
+        return out;
+    }
+
+    // Checks the database as found, then lost and recovered.
+    void verify(const outcome& out, const std::string& label) {
+        SCOPED_TRACE(label);
+        std::unique_ptr<CatalogShadowContext> ctx = pool.context();
+        std::unique_ptr<appdb::catalog_application> app = shadowt::make_shadow_app(pool, ctx.get());
+        for (const std::string& client : out.touched) {
+            check(*app, client, out, "after restart");
+        }
+        app.reset();
+        for (const std::string& client : out.touched) {
+            const std::string dir = pool.db_dir(2, client, "pol");
+            shadowt::delete_database(dir + "/app.db");
+            EXPECT_EQ(0u, ctx->recover(dir, "appdb", 0)) << client << "\n" << log.dump();
+        }
+        app = shadowt::make_shadow_app(pool, ctx.get());
+        for (const std::string& client : out.touched) {
+            check(*app, client, out, "after loss and recovery");
+        }
+    }
+
+private:
+    void check(appdb::catalog_application& app, const std::string& client, const outcome& out, const char* when) {
+        cr_status_t status = 0;
+        const auto found = shadowt::read_back(app, client, "pol", &status);
+        ASSERT_EQ(0u, status) << client << " " << when << "\n" << log.dump();
+        std::set<std::string> expected;
+        auto it = out.rows.find(client);
+        if (it != out.rows.end()) expected = it->second;
+        std::set<std::string> got;
+        for (const auto& f : found) got.insert(f.first);
+        if (!out.in_flight.empty()) {
+            expected.erase(out.in_flight);
+            got.erase(out.in_flight);
+        }
+        EXPECT_EQ(expected, got) << client << " " << when << "\n" << log.dump();
+    }
+
+    kt::TempDir tmp;
+    kt::LogCapture log;
+    kt::SleepCounter sleeps;
+    pool_layout pool;
+};
+
+long crash_points() {
+    const char* env = getenv("KAVREL_POWER_LOSS_POINTS");
+    const long n = env != nullptr ? atol(env) : 0;
+    return n > 0 ? n : 220;
+}
+
+TEST(PowerLoss, WithoutCrashEverythingIsKept) {
+    power_loss_run r;
+    const outcome out = r.run(0);
+    EXPECT_GT(out.events, 100);
+    EXPECT_EQ(0, out.unattributed);
+    r.verify(out, "no crash");
+}
+
+TEST(PowerLoss, SeededCrashPointsLoseNothingAcknowledged) {
+    long events = 0;
+    {
+        power_loss_run dry;
+        events = dry.run(0).events;
+    }
+    ASSERT_GT(events, 0);
+    const long points = crash_points();
+    std::mt19937 rng(20240611);
+    std::set<long> tried;
+    for (long i = 0; i < points && !::testing::Test::HasFailure(); ++i) {
+        // Every event while there are fewer than the points asked for, else
+        // a seeded choice.
+        const long at = points >= events ? 1 + i % events : 1 + static_cast<long>(rng() % events);
+        tried.insert(at);
+        power_loss_run r;
+        const outcome out = r.run(at);
+        EXPECT_EQ(0, out.unattributed);
+        r.verify(out, "crash before event " + std::to_string(at) + " of " + std::to_string(events));
+    }
+    printf("[ power loss ] %ld events in the workload, %ld crash points run, %zu distinct\n", events, points,
+           tried.size());
+}
+
+}  // namespace
