@@ -415,7 +415,7 @@ namespace {
 
 // One delete attempt of a row operation; the two deletes differ only in the
 // statement, the key column and whether a missing database is looked for.
-struct delete_spec {
+struct delete_plan {
     const char* function;
     const char* statement;
     const char* key_name;
@@ -423,12 +423,12 @@ struct delete_spec {
 };
 
 // The attempt shared by both deletes.
-cr_status_t try_delete(catalog_application_base& self, const delete_spec& spec,
+cr_status_t try_delete(catalog_application_base& self, const delete_plan& plan,
                               const std::string& client, const std::string& policy,
                               const std::string& key_value, std::string& sql) {
-    const char* const fn = spec.function;
+    const char* const fn = plan.function;
     try {
-        if (spec.skip_missing_db && !self.shadow_copy_exist(client, policy)) {
+        if (plan.skip_missing_db && !self.shadow_copy_exist(client, policy)) {
             InfoA(CR_STATUS_OK, "%s: no app db shadow for %s %s", fn, client.c_str(),
                   policy.c_str());
             if (!self.db_existed(client, policy)) {
@@ -449,16 +449,16 @@ cr_status_t try_delete(catalog_application_base& self, const delete_spec& spec,
         InfoA(CR_STATUS_OK, "%s: expire app catalog %s %s %s", fn, client.c_str(), policy.c_str(),
               key_value.c_str());
         sqlite3_stmt* stmt = nullptr;
-        int rc = sqlite3_prepare_v2(value->db, spec.statement, -1, &stmt, nullptr);
+        int rc = sqlite3_prepare_v2(value->db, plan.statement, -1, &stmt, nullptr);
         if (rc != SQLITE_OK) {
             sqlite3_finalize(stmt);
             status = catalog_application_base::dberr_to_crstatus(rc);
             ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(),
-                   spec.statement, rc, sqlite3_errstr(rc));
+                   plan.statement, rc, sqlite3_errstr(rc));
             return status;
         }
         auto_release<sqlite3_stmt> stmt_guard(stmt);
-        rc = self.delete_row_app_table(stmt, client, policy, spec.key_name, key_value, sql);
+        rc = self.delete_row_app_table(stmt, client, policy, plan.key_name, key_value, sql);
         if (rc != SQLITE_OK) {
             status = catalog_application_base::dberr_to_crstatus(rc);
             ErrorA(status, "%s: DB[%s] failed to delete row %s (%d, %s).", fn, name.c_str(),
@@ -489,18 +489,18 @@ cr_status_t catalog_application_base::try_do_db_delete_by_file_name(const std::s
                                                                     const std::string& file_name,
                                                                     std::string& sql) {
     // A missing database is not looked for: it comes back as the open failure.
-    static const delete_spec spec = {"try_do_db_delete_by_file_name", catalog_delete_by_name_sql,
+    static const delete_plan plan = {"try_do_db_delete_by_file_name", catalog_delete_by_name_sql,
                                      "name", false};
-    return try_delete(*this, spec, client, policy, file_name, sql);
+    return try_delete(*this, plan, client, policy, file_name, sql);
 }
 
 cr_status_t catalog_application_base::try_do_db_delete_by_backup_id(const std::string& client,
                                                                     const std::string& policy,
                                                                     const std::string& backup_id,
                                                                     std::string& sql) {
-    static const delete_spec spec = {"try_do_db_delete_by_backup_id",
+    static const delete_plan plan = {"try_do_db_delete_by_backup_id",
                                      catalog_delete_by_backup_id_sql, "backupid", true};
-    return try_delete(*this, spec, client, policy, backup_id, sql);
+    return try_delete(*this, plan, client, policy, backup_id, sql);
 }
 
 cr_status_t catalog_application_base::do_db_delete_by_file_name(const std::string& client,

@@ -40,8 +40,8 @@ private:
 };
 
 dct::log_sink make_default_sink() {
-    const char* spec = getenv("DCT_LOG");
-    std::string choice = spec != nullptr ? spec : "";
+    const char* env_value = getenv("DCT_LOG");
+    std::string choice = env_value != nullptr ? env_value : "";
     if (choice == "none") {
         return [](dct::log_level, cr_status_t, const std::string&) {};
     }
