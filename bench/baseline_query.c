@@ -1,11 +1,13 @@
-/* baseline_query DBROOT KIND ROWS COUNT
+/* baseline_query DBROOT KIND ROWS COUNT [prepare]
  *
  * The catalog's query of KIND (bench_query.h) done by a plain C program on
  * DBROOT/databases/application/1/client0000/daily/app.db: one connection, the
  * same SELECT prepared once, and for each query bind, step and decode every
  * row into a record (numbers, and the text columns copied into one block per
  * row), kept until the query is done. No checksum check, no access rule. One
- * query runs before the clock starts; then COUNT queries are timed. */
+ * query runs before the clock starts; then COUNT queries are timed. With
+ * "prepare" the statement is prepared and finalized for every query instead,
+ * as the catalog does. */
 #include "bench_query.h"
 
 /* A decoded row: the numbers and the 16 text columns the catalog decodes. */
@@ -80,10 +82,12 @@ int main(int argc, char** argv) {
     c_item* items = NULL;
     bench_query* queries;
     int64_t start;
-    if (argc != 5) {
-        fprintf(stderr, "usage: baseline_query DBROOT id|glob|name|range ROWS COUNT\n");
+    int reprepare;
+    if (argc != 5 && !(argc == 6 && strcmp(argv[5], "prepare") == 0)) {
+        fprintf(stderr, "usage: baseline_query DBROOT id|glob|name|range ROWS COUNT [prepare]\n");
         return 2;
     }
+    reprepare = argc == 6;
     kind = argv[2];
     rows = atol(argv[3]);
     count = atol(argv[4]);
@@ -106,6 +110,10 @@ int main(int argc, char** argv) {
     for (k = 0; k <= count; ++k) {
         long n;
         if (k == 1) start = bench_now_ns();
+        if (reprepare && k > 0) {
+            sqlite3_finalize(s);
+            if (sqlite3_prepare_v2(db, bench_query_sql(kind), -1, &s, NULL) != SQLITE_OK) return 1;
+        }
         n = run_query(s, kind, &queries[k], &items, &cap);
         if (n != queries[k].expect) {
             fprintf(stderr, "baseline_query: %s query %ld returned %ld rows, not %ld\n", kind, k, n,
