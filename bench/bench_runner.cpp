@@ -313,16 +313,30 @@ int do_table(const std::string& file) {
     }
     for (const std::string& s : series) {
         printf("\nScaling: %s\n\n", s.c_str());
-        printf("| size | kavrel | per %s | baseline | per %s | ratio | peak memory kavrel / baseline (MiB) |\n",
-               "unit", "unit");
-        printf("|---|---:|---:|---:|---:|---:|---:|\n");
+        // Besides the time per unit, the time each unit added since the
+        // previous size costs: fixed costs (process start, opening, copying a
+        // version) cancel out of it, so it stays flat when growth is linear.
+        printf("| size | kavrel | per unit | per added unit | baseline | per unit | per added unit | ratio | "
+               "peak memory kavrel / baseline (MiB) |\n");
+        printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+        std::vector<row> points;
         for (const row& r : rows) {
-            if (r.series != s) continue;
+            if (r.series == s) points.push_back(r);
+        }
+        std::stable_sort(points.begin(), points.end(), [](const row& a, const row& b) { return a.units < b.units; });
+        const row* prev = nullptr;
+        for (const row& r : points) {
             const std::string unit = r.unit.empty() ? "" : "/" + r.unit;
-            printf("| %s | %s | %s%s | %s | %s%s | %.2f | %s / %s |\n", r.size.c_str(), format_time(r.mk).c_str(),
-                   format_time(r.mk / r.units).c_str(), unit.c_str(), format_time(r.mb).c_str(),
-                   format_time(r.mb / r.units).c_str(), unit.c_str(), r.ratio, format_mib(r.peak_k).c_str(),
-                   format_mib(r.peak_b).c_str());
+            std::string added_k = "", added_b = "";
+            if (prev != nullptr && r.units > prev->units) {
+                added_k = format_time((r.mk - prev->mk) / (r.units - prev->units)) + unit;
+                added_b = format_time((r.mb - prev->mb) / (r.units - prev->units)) + unit;
+            }
+            printf("| %s | %s | %s%s | %s | %s | %s%s | %s | %.2f | %s / %s |\n", r.size.c_str(),
+                   format_time(r.mk).c_str(), format_time(r.mk / r.units).c_str(), unit.c_str(), added_k.c_str(),
+                   format_time(r.mb).c_str(), format_time(r.mb / r.units).c_str(), unit.c_str(), added_b.c_str(),
+                   r.ratio, format_mib(r.peak_k).c_str(), format_mib(r.peak_b).c_str());
+            prev = &r;
         }
     }
     return 0;

@@ -12,6 +12,8 @@
 #   BENCH_BACKUP_MB  size of the database the backup copies (default 500, quick 20)
 #   BENCH_RUNS       measured rounds per comparison (default 5; inserts on a
 #                    disk take at least 9, their syncs are the noisiest part)
+#   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
+#                    (finer-grained views of single operations)
 #
 # Each comparison runs one warm-up of each side and then the rounds, the two
 # sides alternating (bench/bench_runner.cpp). The table goes to standard output
@@ -68,7 +70,7 @@ else
   LIST_ONE=1000000
   LIST_ROWS_SERIES="10000 50000 200000 1000000"
   LIST_DBS_SERIES="10 50 200 1000"
-  Q_ID=2000 Q_GLOB=200 Q_NAME=5000 Q_RANGE=5
+  Q_ID=2000 Q_GLOB=200 Q_NAME=5000 Q_RANGE=3
   CACHE_OPS=20000
   INS_DISK=200 INS_SHM=2000
   RECOVER_BASE=100000 RECOVER_MAIN=100000
@@ -120,17 +122,23 @@ START=$(date +%s)
 # ---- listing ----
 
 LIST_NOTE="plain C: walk, SELECT, checksum with zlib, same lines"
+# The main rows are also points of the scaling series (rows in one database,
+# databases of 100 rows), which then skip their sizes.
+ROWS_SERIES="listing, rows in one database"
+DBS_SERIES="listing, databases of 100 rows"
 for spec in $LIST_MAIN; do
   n=${spec%%:*} rows=${spec##*:}
-  t=$(tree "list-${n}x${rows}" "$n" "$rows")
-  listing_cmds "$t"
+  series=()
+  [ "$rows" = 100 ] && series=(--series "$DBS_SERIES" --units "$((n * 100))" --unit row)
+  listing_cmds "$(tree "list-${n}x${rows}" "$n" "$rows")"
   compare --op "listing (kavrel -listall)" --size "$(fmt "$n") databases x $(fmt "$rows") rows" --check-output \
-    --target 1.3 --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL"
+    --target 1.3 --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL" "${series[@]}"
 done
 ONE=$(tree "list-1x$LIST_ONE" 1 "$LIST_ONE")
 listing_cmds "$ONE"
 compare --op "listing (kavrel -listall)" --size "1 database x $(fmt "$LIST_ONE") rows" --check-output \
-  --target 1.3 --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL"
+  --target 1.3 --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL" \
+  --series "$ROWS_SERIES" --units "$LIST_ONE" --unit row
 
 # The same listing with the log records going to a file instead of syslog(3):
 # what the records themselves cost on this machine.
@@ -140,15 +148,15 @@ compare --op "listing, log records to a file (DCT_LOG)" --size "$(fmt "$n") data
   --check-output --note "$LIST_NOTE" --kavrel "DCT_LOG=file:/dev/null $K" --baseline "$BL"
 
 for rows in $LIST_ROWS_SERIES; do
-  t=$(tree "list-1x$rows" 1 "$rows")
-  listing_cmds "$t"
-  compare --op "listing" --size "1 x $(fmt "$rows") rows" --series "listing, rows in one database" \
+  [ "$rows" = "$LIST_ONE" ] && continue
+  listing_cmds "$(tree "list-1x$rows" 1 "$rows")"
+  compare --op "listing" --size "1 database x $(fmt "$rows") rows" --series "$ROWS_SERIES" \
     --units "$rows" --unit row --kavrel "$K" --baseline "$BL"
 done
 for n in $LIST_DBS_SERIES; do
-  t=$(tree "list-${n}x100" "$n" 100)
-  listing_cmds "$t"
-  compare --op "listing" --size "$(fmt "$n") x 100 rows" --series "listing, databases of 100 rows" \
+  case " $LIST_MAIN " in *" $n:100 "*) continue ;; esac
+  listing_cmds "$(tree "list-${n}x100" "$n" 100)"
+  compare --op "listing" --size "$(fmt "$n") databases x 100 rows" --series "$DBS_SERIES" \
     --units "$((n * 100))" --unit row --kavrel "$K" --baseline "$BL"
 done
 
@@ -263,3 +271,14 @@ done
 } > "$TABLE"
 echo
 cat "$TABLE"
+
+# ---- the Google Benchmark programs, on request ----
+
+if [ "${BENCH_MICRO:-0}" = 1 ]; then
+  for exe in "$B"/*_bench; do
+    [ -x "$exe" ] || continue
+    echo
+    echo "== $(basename "$exe")"
+    "$exe" --benchmark_color=false || echo "bench: $(basename "$exe") failed" >&2
+  done 2>&1 | tee "$BUILD_DIR/bench-micro.txt"
+fi
