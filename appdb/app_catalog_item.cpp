@@ -74,6 +74,8 @@ app_catalog_item::app_catalog_item()
 
 app_catalog_item::app_catalog_item(const app_catalog_item& other) = default;
 app_catalog_item& app_catalog_item::operator=(const app_catalog_item& other) = default;
+app_catalog_item::app_catalog_item(app_catalog_item&& other) noexcept = default;
+app_catalog_item& app_catalog_item::operator=(app_catalog_item&& other) noexcept = default;
 app_catalog_item::~app_catalog_item() = default;
 
 std::string app_catalog_item::to_string() const {

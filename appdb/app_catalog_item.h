@@ -44,6 +44,10 @@ public:
     app_catalog_item();
     app_catalog_item(const app_catalog_item& other);
     app_catalog_item& operator=(const app_catalog_item& other);
+    // Moves leave `other` valid but unspecified. Declared so that result
+    // vectors move their items when they grow instead of copying every string.
+    app_catalog_item(app_catalog_item&& other) noexcept;
+    app_catalog_item& operator=(app_catalog_item&& other) noexcept;
     ~app_catalog_item();
 
     // The line form: every field in order followed by "|" (28 separators).
