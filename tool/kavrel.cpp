@@ -5,6 +5,7 @@
 // prints the items of every catalog directory whose backup id matches a
 // pattern. Exit status 0 after a listing, whatever it met on the way (that is
 // logged); 255 for a usage error or a missing CR configuration file.
+#include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,6 +23,11 @@
 namespace {
 
 const size_t kPathBufferSize = 4096;
+
+// Allocator settings for the listing (see main): blocks up to 16 MiB come
+// from the heap, and up to 32 MiB of free heap is kept.
+const int kListMmapThreshold = 16 << 20;
+const int kListTrimThreshold = 32 << 20;
 
 void usage() {
     puts("Query application catalog database.");
@@ -98,6 +104,15 @@ int main(int argc, char** argv) {
 
     // Exactly one trailing "/" goes, so "/" itself becomes the empty root.
     if (!root.empty() && root.back() == '/') root.pop_back();
+
+    // The items of one catalog are all held, printed and freed before the
+    // next catalog is read. Keep freed memory in the process for the next
+    // one: handed back to the system after every catalog, it came back as
+    // fresh pages to be faulted in and cleared: over a quarter of the time
+    // of a listing of many catalogs. The peak is still set by the largest
+    // catalog.
+    mallopt(M_MMAP_THRESHOLD, kListMmapThreshold);
+    mallopt(M_TRIM_THRESHOLD, kListTrimThreshold);
 
     const OpList op(pattern, verbose);
 
