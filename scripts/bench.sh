@@ -76,7 +76,8 @@ else
   RECOVER_BASE=100000 RECOVER_MAIN=100000
   RECOVER_SERIES="1000 5000 20000 100000"
 fi
-INS_RUNS=$(( RUNS > 9 ? RUNS : 9 ))
+INS_RUNS=$RUNS
+[ -z "$QUICK" ] && [ "$RUNS" -lt 9 ] && INS_RUNS=9
 
 # Database file bytes per generated row, measured: about 400.
 BYTES_PER_ROW=397
@@ -221,6 +222,7 @@ insert_rows() {  # ROOT COUNT WHERE RUNS TARGETS(yes/no)
 insert_rows "$DATA/insert" "$INS_DISK" "disk" "$INS_RUNS" yes
 if [ -n "$SHM" ]; then
   insert_rows "$SHM/insert" "$INS_SHM" "tmpfs" "$RUNS" no
+  rm -rf "$SHM"
 fi
 
 # ---- backup ----
