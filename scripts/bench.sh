@@ -10,8 +10,8 @@
 #   BENCH_SHM        a tmpfs directory for the insert rows that leave the disk
 #                    out (default /dev/shm/kavrel-bench-$UID; skipped if unusable)
 #   BENCH_BACKUP_MB  size of the database the backup copies (default 500, quick 20)
-#   BENCH_RUNS       measured rounds per comparison (default 5; inserts on a
-#                    disk take at least 9, their syncs are the noisiest part)
+#   BENCH_RUNS       measured rounds per comparison (default 7, quick 5; inserts
+#                    on a disk take at least 11, their syncs are the noisiest part)
 #   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
 #                    (finer-grained views of single operations)
 #
@@ -24,7 +24,7 @@ cd "$(dirname "$0")/.."
 BUILD_DIR=${BUILD_DIR:-build-bench}
 QUICK=${BENCH_QUICK:-0}
 [ "$QUICK" = "0" ] && QUICK=""
-RUNS=${BENCH_RUNS:-5}
+RUNS=${BENCH_RUNS:-$([ -n "$QUICK" ] && echo 5 || echo 7)}
 
 B="$BUILD_DIR/bench"
 KAVREL="$BUILD_DIR/tool/kavrel"
@@ -77,7 +77,7 @@ else
   RECOVER_SERIES="1000 5000 20000 100000"
 fi
 INS_RUNS=$RUNS
-[ -z "$QUICK" ] && [ "$RUNS" -lt 9 ] && INS_RUNS=9
+[ -z "$QUICK" ] && [ "$RUNS" -lt 11 ] && INS_RUNS=11
 
 # Database file bytes per generated row, measured: about 400.
 BYTES_PER_ROW=397
