@@ -286,7 +286,69 @@ public:
     std::string db_type;   // "appdb": the kind name known to the shadow subsystem
     std::string database_root;
 
+protected:
+    // ---- the operations, written once for both kinds ----
+    //
+    // Each flow below is the whole of one public operation: parsing, access
+    // rule, directory lock (`dir_lock`, the calling kind's) and logging. The
+    // database call itself is the kind's step (the *_step hooks), so that the
+    // shadow kind adds its recovery and journal there and nowhere else. The
+    // flows reach find_catalog, find_by_image_name and find_by_file_name
+    // through their virtual slots, as a caller would.
+
+    cr_status_t update_catalog_flow(CatalogDirectoryLock* dir_lock, const char* user,
+                                    unsigned int role, const std::string& item_text);
+    cr_status_t find_catalog_flow(CatalogDirectoryLock* dir_lock, const char* user,
+                                  unsigned int role, const std::string& query_text,
+                                  std::vector<app_catalog_item>& records);
+    // The list form, over the record form's virtual slot.
+    cr_status_t find_catalog_text_flow(const char* user, unsigned int role,
+                                       const std::string& query_text, std::string& result);
+    cr_status_t find_by_image_name_flow(CatalogDirectoryLock* dir_lock,
+                                        const std::string& client, const std::string& policy,
+                                        const std::string& image_name, app_catalog_item& result,
+                                        bool lock);
+    cr_status_t find_by_file_name_flow(CatalogDirectoryLock* dir_lock, const std::string& client,
+                                       const std::string& policy, const std::string& file_name,
+                                       app_catalog_item& result, bool lock);
+    // `denied_format` is the kind's own text for a refused caller (arguments:
+    // operation, user, record owner).
+    cr_status_t expire_catalog_flow(CatalogDirectoryLock* dir_lock, const char* denied_format,
+                                    const char* user, unsigned int role,
+                                    const std::string& client, const std::string& policy,
+                                    const std::string& image_name, bool lock);
+    cr_status_t del_catalog_flow(CatalogDirectoryLock* dir_lock, const char* user,
+                                 unsigned int role, const std::string& query_text);
+    cr_status_t close_db_flow(CatalogDirectoryLock* dir_lock, const std::string& path,
+                              unsigned int n, bool lock);
+
+    // ---- the database steps of the flows; called under the directory
+    // lock (or the caller's), `function` names the public operation. These
+    // are the plain calls, with busy retries only; the shadow kind wraps them.
+
+    // Creates the database when needed and inserts `item`.
+    virtual cr_status_t insert_step(const char* function, const app_catalog_item& item);
+    // Runs the SELECT `sql` of `query` into `records`.
+    virtual cr_status_t query_step(const char* function, const app_query& query,
+                                   std::vector<app_catalog_item>& records,
+                                   const std::string& sql);
+    // Deletes the records of the backup of header image `image_name`.
+    virtual cr_status_t expire_step(const std::string& client, const std::string& policy,
+                                    const std::string& image_name);
+    // Deletes the record of `file_name`.
+    virtual cr_status_t delete_step(const char* function, const std::string& client,
+                                    const std::string& policy, const std::string& file_name);
+
 private:
+    // parse_query, logging "%s: failed to parse %s" for `function` on failure.
+    cr_status_t parse_query_logged(const char* function, const std::string& query_text,
+                                   app_query& query, std::string& sql);
+    // The query behind find_by_image_name and find_by_file_name.
+    cr_status_t find_one(CatalogDirectoryLock* dir_lock, const char* function,
+                         const std::string& client, const std::string& policy,
+                         const std::string& query_text, const char* too_many_format,
+                         const std::string& key, app_catalog_item& result, bool lock);
+
     static std::atomic<int> busy_timeout_ms_;
 };
 
@@ -319,13 +381,6 @@ public:
                                   bool lock) override;
 
     std::unique_ptr<CatalogDirectoryLock> dir_lock;
-
-private:
-    // The query behind find_by_image_name and find_by_file_name.
-    cr_status_t find_one(const char* function, const std::string& client,
-                         const std::string& policy, const std::string& query_text,
-                         const char* too_many_format, const std::string& key,
-                         app_catalog_item& result, bool lock);
 };
 
 // Kinds of catalog application the factory builds, and the durability each

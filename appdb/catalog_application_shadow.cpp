@@ -199,31 +199,38 @@ cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
     return status;
 }
 
+cr_status_t catalog_application_impl_shadow::change_with_recovery(
+    const char* fn, const char* failed_format, const std::string& client,
+    const std::string& policy, const std::string& key,
+    const std::function<cr_status_t(std::string&)>& run) {
+    std::string statement;
+    cr_status_t status = run(statement);
+    if (status != CR_STATUS_OK) {
+        if (!may_recover(status, client, policy)) {
+            ErrorA(status, failed_format, fn, key.c_str());
+            return status;
+        }
+        status = recover_db(fn, status, client, policy);
+        if (status != CR_STATUS_OK) return status;
+        statement.clear();
+        status = run(statement);
+        if (status != CR_STATUS_OK) {
+            ErrorA(status, "%s: failed to del app catalog %s after shadow recovery", fn,
+                   key.c_str());
+            return status;
+        }
+    }
+    write_journal(to_db_full_path(client, policy), statement);
+    return CR_STATUS_OK;
+}
+
 cr_status_t catalog_application_impl_shadow::shadow_protected_expire_catalog(
     const std::string& client, const std::string& policy, const std::string& image_name) {
-    const char* const fn = "shadow_protected_expire_catalog";
-    const std::string path = to_db_full_path(client, policy);
-    std::string statement;
-    cr_status_t status = expire_catalog_by_image_name(client, policy, image_name, statement);
-    if (status == CR_STATUS_OK) {
-        write_journal(path, statement);
-        return CR_STATUS_OK;
-    }
-    if (!may_recover(status, client, policy)) {
-        ErrorA(status, "%s: failed to delete app db by image name %s", fn, image_name.c_str());
-        return status;
-    }
-    status = recover_db(fn, status, client, policy);
-    if (status != CR_STATUS_OK) return status;
-    statement.clear();
-    status = expire_catalog_by_image_name(client, policy, image_name, statement);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed to del app catalog %s after shadow recovery", fn,
-               image_name.c_str());
-        return status;
-    }
-    write_journal(path, statement);
-    return CR_STATUS_OK;
+    return change_with_recovery(
+        "shadow_protected_expire_catalog", "%s: failed to delete app db by image name %s", client,
+        policy, image_name, [&](std::string& statement) {
+            return expire_catalog_by_image_name(client, policy, image_name, statement);
+        });
 }
 
 }  // namespace appdb

@@ -24,6 +24,7 @@
 #ifndef APPDB_CATALOG_APPLICATION_SHADOW_H_
 #define APPDB_CATALOG_APPLICATION_SHADOW_H_
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -104,6 +105,19 @@ public:
     std::unique_ptr<CatalogDirectoryLock> dir_lock;
     CatalogShadowContext* shadow_ctx;  // not owned; may be null
 
+protected:
+    // The protected database calls. Each recovers the database once (per
+    // public operation) when its failure calls for it and tries once more;
+    // the changing ones journal what they changed.
+    cr_status_t insert_step(const char* function, const app_catalog_item& item) override;
+    cr_status_t query_step(const char* function, const app_query& query,
+                           std::vector<app_catalog_item>& records,
+                           const std::string& sql) override;
+    cr_status_t expire_step(const std::string& client, const std::string& policy,
+                            const std::string& image_name) override;
+    cr_status_t delete_step(const char* function, const std::string& client,
+                            const std::string& policy, const std::string& file_name) override;
+
 private:
     // Marks the extent of one public operation on the calling thread; the
     // outermost one owns the operation's single recovery.
@@ -123,19 +137,17 @@ private:
                            const std::string& policy);
     // need_recover_after_db_operation, and the operation has not recovered yet.
     bool may_recover(cr_status_t status, const std::string& client, const std::string& policy);
-    // do_db_query, with one recovery and one more query when the failure
-    // calls for it.
-    cr_status_t query_with_recovery(const char* function, const app_query& query,
-                                    std::vector<app_catalog_item>& records,
-                                    const std::string& sql);
+    // Runs the change `run` (it hands back the statement it ran); when its
+    // failure calls for it, recovers the database once and runs it again.
+    // The statement of the change that succeeded is journaled. A failure that
+    // is not recovered is logged with `failed_format` (operation, key).
+    cr_status_t change_with_recovery(const char* function, const char* failed_format,
+                                     const std::string& client, const std::string& policy,
+                                     const std::string& key,
+                                     const std::function<cr_status_t(std::string&)>& run);
     // True the first time `path` is given: a database found without a
     // shadow copy is copied once per object.
     bool first_adoption(const std::string& path);
-    // The query behind find_by_image_name and find_by_file_name.
-    cr_status_t find_one(const char* function, const std::string& client,
-                         const std::string& policy, const std::string& query_text,
-                         const char* too_many_format, const std::string& key,
-                         app_catalog_item& result, bool lock);
 
     std::mutex adopted_mutex_;
     std::set<std::string> adopted_;  // directories given a first copy here

@@ -1,152 +1,29 @@
-// catalog_application_impl_shadow: the public operations. Each works on one
-// database directory under its directory lock, journals what it changed, and
-// recovers the database once when a database call calls for it.
+// catalog_application_impl_shadow: the public operations. Each marks the
+// extent of one operation (for its single recovery) and runs the base's flow;
+// the database steps below recover the database once when a database call
+// calls for it, and journal what they changed.
 #include "appdb/catalog_application_shadow.h"
-
-#include <sstream>
-
-#include "dct/log.h"
 
 namespace appdb {
 
-namespace {
-
-const char* user_or_empty(const char* user) { return user != nullptr ? user : ""; }
-
-}  // namespace
-
 cr_status_t catalog_application_impl_shadow::update_catalog(const char* user, unsigned int role,
                                                             const std::string& item_text) {
-    const char* const fn = "update_catalog";
     operation_scope operation;
-    InfoA(CR_STATUS_OK, "%s: update app catalog %s", fn, item_text.c_str());
-    app_catalog_item item;
-    std::istringstream in(item_text);
-    if (!from_string(in, item)) {
-        ErrorA(CR_STATUS_FAILED, "%s: failed to generate app catalog item from string %s", fn,
-               item_text.c_str());
-        return CR_STATUS_FAILED;
-    }
-    const cr_status_t auth = authenticate(user_or_empty(user), role, &item, AUTH_AC_INSERT, true);
-    if (auth != CR_STATUS_OK) {
-        ErrorA(CR_STATUS_ACCESS_DENIED, "%s: authenticate failed for user %s, role %u", fn,
-               user_or_empty(user), role);
-        return CR_STATUS_ACCESS_DENIED;
-    }
-    dir_lock_scope lock(dir_lock.get(), to_db_full_path(item.client, item.policy), fn);
-    if (lock.status() != CR_STATUS_OK) return lock.status();
-    cr_status_t status = shadow_protected_db_insert(item);
-    if (status != CR_STATUS_OK && may_recover(status, item.client, item.policy)) {
-        status = recover_db(fn, status, item.client, item.policy);
-        if (status == CR_STATUS_OK) status = shadow_protected_db_insert(item);
-    }
-    return status;
-}
-
-cr_status_t catalog_application_impl_shadow::query_with_recovery(
-    const char* fn, const app_query& query, std::vector<app_catalog_item>& records,
-    const std::string& sql) {
-    cr_status_t status = do_db_query(query, records, sql);
-    if (status == CR_STATUS_OK || !may_recover(status, query.client, query.policy)) return status;
-    status = recover_db(fn, status, query.client, query.policy);
-    if (status != CR_STATUS_OK) return status;
-    return do_db_query(query, records, sql);
+    return update_catalog_flow(dir_lock.get(), user, role, item_text);
 }
 
 cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
                                                           const std::string& query_text,
                                                           std::vector<app_catalog_item>& records) {
-    const char* const fn = "find_catalog";
     operation_scope operation;
-    InfoA(CR_STATUS_OK, "%s: find app catalog %s", fn, query_text.c_str());
-    app_query query;
-    std::string sql;
-    cr_status_t status = parse_query(query_text, query, sql);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed to parse %s", fn, query_text.c_str());
-        return status;
-    }
-    const std::string path = to_db_full_path(query.client, query.policy);
-    dir_lock_scope lock(dir_lock.get(), path, fn);
-    if (lock.status() != CR_STATUS_OK) return lock.status();
-    status = query_with_recovery(fn, query, records, sql);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed to query %s for %s", fn, query_text.c_str(), path.c_str());
-        return status;
-    }
-    // Records the user may not read are dropped silently; the others keep
-    // their order.
-    authentication_application& rule = auth_app_factory::get_instance();
-    const std::string who = user_or_empty(user);
-    size_t kept = 0;
-    for (size_t i = 0; i < records.size(); ++i) {
-        if (rule.authenticate(who, role, &records[i], AUTH_AC_READ, false) != CR_STATUS_OK) {
-            __TraceA("%s: skip query result %s", fn, records[i].file_name.c_str());
-            continue;
-        }
-        if (kept != i) records[kept] = std::move(records[i]);
-        ++kept;
-    }
-    records.resize(kept);
-    return CR_STATUS_OK;
+    return find_catalog_flow(dir_lock.get(), user, role, query_text, records);
 }
 
 cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
                                                           const std::string& query_text,
                                                           std::string& result) {
-    const char* const fn = "find_catalog";
     operation_scope operation;
-    std::vector<app_catalog_item> records;
-    const cr_status_t status = find_catalog(user, role, query_text, records);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed to find app catalog by %s", fn, query_text.c_str());
-        return status;
-    }
-    if (records.empty()) {
-        __TraceA("%s: don't find backup by %s", fn, query_text.c_str());
-        result.clear();
-        return CR_STATUS_OK;
-    }
-    result = to_string(records);
-    return CR_STATUS_OK;
-}
-
-cr_status_t catalog_application_impl_shadow::find_one(const char* fn, const std::string& client,
-                                                      const std::string& policy,
-                                                      const std::string& query_text,
-                                                      const char* too_many_format,
-                                                      const std::string& key,
-                                                      app_catalog_item& result, bool lock) {
-    app_query query;
-    std::string sql;
-    cr_status_t status = parse_query(query_text, query, sql);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed to parse %s", fn, query_text.c_str());
-        return status;
-    }
-    std::vector<app_catalog_item> records;
-    if (lock) {
-        dir_lock_scope scope(dir_lock.get(), to_db_full_path(client, policy), fn);
-        if (scope.status() != CR_STATUS_OK) return scope.status();
-        status = query_with_recovery(fn, query, records, sql);
-    } else {
-        // The caller holds the lock; the recovery runs under it as well.
-        status = query_with_recovery(fn, query, records, sql);
-    }
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed query %s", fn, query_text.c_str());
-        return status;
-    }
-    if (records.empty()) {
-        __TraceA("%s: not found app catalog from %s", fn, query_text.c_str());
-        return CR_STATUS_NOT_FOUND;
-    }
-    if (records.size() > 1) {
-        ErrorA(CR_STATUS_OK, too_many_format, fn, static_cast<unsigned int>(records.size()),
-               key.c_str());
-    }
-    result = records.front();
-    return CR_STATUS_OK;
+    return find_catalog_text_flow(user, role, query_text, result);
 }
 
 cr_status_t catalog_application_impl_shadow::find_by_image_name(const std::string& client,
@@ -154,15 +31,8 @@ cr_status_t catalog_application_impl_shadow::find_by_image_name(const std::strin
                                                                 const std::string& image_name,
                                                                 app_catalog_item& result,
                                                                 bool lock) {
-    const char* const fn = "find_by_image_name";
     operation_scope operation;
-    std::string backup_id;
-    if (!from_po_name_to_bid(client, policy, image_name, backup_id)) {
-        ErrorA(CR_STATUS_FAILED, "%s: wrong image name %s format", fn, image_name.c_str());
-        return CR_STATUS_FAILED;
-    }
-    return find_one(fn, client, policy, to_query_by_backup_id(client, policy, backup_id),
-                    "%s: found %u for backupid %s", backup_id, result, lock);
+    return find_by_image_name_flow(dir_lock.get(), client, policy, image_name, result, lock);
 }
 
 cr_status_t catalog_application_impl_shadow::find_by_file_name(const std::string& client,
@@ -171,9 +41,7 @@ cr_status_t catalog_application_impl_shadow::find_by_file_name(const std::string
                                                                app_catalog_item& result,
                                                                bool lock) {
     operation_scope operation;
-    return find_one("find_by_file_name", client, policy,
-                    to_query_by_file_name(client, policy, file_name),
-                    "%s: found %u for file name %s", file_name, result, lock);
+    return find_by_file_name_flow(dir_lock.get(), client, policy, file_name, result, lock);
 }
 
 cr_status_t catalog_application_impl_shadow::expire_catalog(const char* user, unsigned int role,
@@ -181,94 +49,58 @@ cr_status_t catalog_application_impl_shadow::expire_catalog(const char* user, un
                                                             const std::string& policy,
                                                             const std::string& image_name,
                                                             bool lock) {
-    const char* const fn = "expire_catalog";
     operation_scope operation;
-    std::string backup_id;
-    // Only header images expire catalog records.
-    if (!is_HDR_image(image_name, backup_id)) {
-        __TraceA("%s: skip image %s", fn, image_name.c_str());
-        return CR_STATUS_OK;
-    }
-    app_catalog_item record;
-    if (find_by_image_name(client, policy, image_name, record, lock) != CR_STATUS_OK) {
-        // Nothing to expire is not an error.
-        __TraceA("%s: no app catalog for img %s", fn, image_name.c_str());
-        return CR_STATUS_OK;
-    }
-    const cr_status_t auth =
-        authenticate(user_or_empty(user), role, &record, AUTH_AC_REMOVE, true);
-    if (auth != CR_STATUS_OK) {
-        // Unlike the plain catalog's message, no blank before the comma.
-        ErrorA(auth, "%s: authenticate failed for user %s, app owner %s", fn, user_or_empty(user),
-               record.owner.c_str());
-        return auth;
-    }
-    if (!lock) return shadow_protected_expire_catalog(client, policy, image_name);
-    dir_lock_scope scope(dir_lock.get(), to_db_full_path(client, policy), fn);
-    if (scope.status() != CR_STATUS_OK) return scope.status();
-    return shadow_protected_expire_catalog(client, policy, image_name);
+    // Unlike the plain catalog's message, no blank before the comma.
+    return expire_catalog_flow(dir_lock.get(), "%s: authenticate failed for user %s, app owner %s",
+                               user, role, client, policy, image_name, lock);
 }
 
 cr_status_t catalog_application_impl_shadow::del_catalog(const char* user, unsigned int role,
                                                          const std::string& query_text) {
-    const char* const fn = "del_catalog";
     operation_scope operation;
-    app_query query;
-    if (!query.parse_query(query_text)) {
-        ErrorA(CR_STATUS_FAILED, "%s: failed parse query str %s", fn, query_text.c_str());
-        return CR_STATUS_FAILED;
-    }
-    if (query.type != APP_QUERY_NAME) {
-        ErrorA(CR_STATUS_FAILED, "%s: unsupported query type %u from %s", fn, query.type,
-               query_text.c_str());
-        return CR_STATUS_FAILED;
-    }
-    app_catalog_item record;
-    cr_status_t status =
-        find_by_file_name(query.client, query.policy, query.file_name, record, true);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: can't find app catalog from %s", fn, query_text.c_str());
-        return status;
-    }
-    status = authenticate(user_or_empty(user), role, &record, AUTH_AC_REMOVE, true);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: authenticate failed for user %s , app owner %s", fn,
-               user_or_empty(user), record.owner.c_str());
-        return status;
-    }
-    // The lock is taken again for the delete: the record may change between
-    // the check above and the delete, as it always could.
-    const std::string path = to_db_full_path(query.client, query.policy);
-    dir_lock_scope scope(dir_lock.get(), path, fn);
-    if (scope.status() != CR_STATUS_OK) return scope.status();
-    std::string statement;
-    status = do_db_delete_by_file_name(query.client, query.policy, query.file_name, statement);
-    if (status != CR_STATUS_OK) {
-        if (!may_recover(status, query.client, query.policy)) {
-            ErrorA(status, "%s: failed to delete app db by file name %s", fn,
-                   query.file_name.c_str());
-            return status;
-        }
-        status = recover_db(fn, status, query.client, query.policy);
-        if (status != CR_STATUS_OK) return status;
-        statement.clear();
-        status = do_db_delete_by_file_name(query.client, query.policy, query.file_name, statement);
-        if (status != CR_STATUS_OK) {
-            ErrorA(status, "%s: failed to del app catalog %s after shadow recovery", fn,
-                   query.file_name.c_str());
-            return status;
-        }
-    }
-    write_journal(path, statement);
-    return CR_STATUS_OK;
+    return del_catalog_flow(dir_lock.get(), user, role, query_text);
 }
 
 cr_status_t catalog_application_impl_shadow::close_db(const std::string& path, unsigned int n,
                                                       bool lock) {
-    if (!lock) return do_db_close(path, n);
-    dir_lock_scope scope(dir_lock.get(), path, "close_db");
-    if (scope.status() != CR_STATUS_OK) return scope.status();
-    return do_db_close(path, n);
+    return close_db_flow(dir_lock.get(), path, n, lock);
+}
+
+cr_status_t catalog_application_impl_shadow::insert_step(const char* fn,
+                                                         const app_catalog_item& item) {
+    cr_status_t status = shadow_protected_db_insert(item);
+    if (status != CR_STATUS_OK && may_recover(status, item.client, item.policy)) {
+        status = recover_db(fn, status, item.client, item.policy);
+        if (status == CR_STATUS_OK) status = shadow_protected_db_insert(item);
+    }
+    return status;
+}
+
+cr_status_t catalog_application_impl_shadow::query_step(const char* fn, const app_query& query,
+                                                        std::vector<app_catalog_item>& records,
+                                                        const std::string& sql) {
+    cr_status_t status = do_db_query(query, records, sql);
+    if (status == CR_STATUS_OK || !may_recover(status, query.client, query.policy)) return status;
+    status = recover_db(fn, status, query.client, query.policy);
+    if (status != CR_STATUS_OK) return status;
+    return do_db_query(query, records, sql);
+}
+
+cr_status_t catalog_application_impl_shadow::expire_step(const std::string& client,
+                                                         const std::string& policy,
+                                                         const std::string& image_name) {
+    return shadow_protected_expire_catalog(client, policy, image_name);
+}
+
+cr_status_t catalog_application_impl_shadow::delete_step(const char* fn,
+                                                         const std::string& client,
+                                                         const std::string& policy,
+                                                         const std::string& file_name) {
+    return change_with_recovery(fn, "%s: failed to delete app db by file name %s", client, policy,
+                                file_name, [&](std::string& statement) {
+                                    return do_db_delete_by_file_name(client, policy, file_name,
+                                                                     statement);
+                                });
 }
 
 }  // namespace appdb

@@ -1,0 +1,268 @@
+// catalog_application_base: the public operations of both catalog kinds,
+// each written once, and their plain database steps. The kind supplies the
+// directory lock, may wrap the steps (insert, query, expire, delete) and, for
+// expire_catalog, gives its own denial text.
+#include "appdb/catalog_application.h"
+
+#include <sstream>
+
+#include "dct/log.h"
+
+namespace appdb {
+
+namespace {
+
+const char* user_or_empty(const char* user) { return user != nullptr ? user : ""; }
+
+}  // namespace
+
+cr_status_t catalog_application_base::parse_query_logged(const char* fn,
+                                                         const std::string& query_text,
+                                                         app_query& query, std::string& sql) {
+    const cr_status_t status = parse_query(query_text, query, sql);
+    if (status != CR_STATUS_OK) ErrorA(status, "%s: failed to parse %s", fn, query_text.c_str());
+    return status;
+}
+
+cr_status_t catalog_application_base::update_catalog_flow(CatalogDirectoryLock* dir_lock,
+                                                          const char* user, unsigned int role,
+                                                          const std::string& item_text) {
+    const char* const fn = "update_catalog";
+    InfoA(CR_STATUS_OK, "%s: update app catalog %s", fn, item_text.c_str());
+    app_catalog_item item;
+    std::istringstream in(item_text);
+    if (!from_string(in, item)) {
+        ErrorA(CR_STATUS_FAILED, "%s: failed to generate app catalog item from string %s", fn,
+               item_text.c_str());
+        return CR_STATUS_FAILED;
+    }
+    const cr_status_t auth = authenticate(user_or_empty(user), role, &item, AUTH_AC_INSERT, true);
+    if (auth != CR_STATUS_OK) {
+        ErrorA(CR_STATUS_ACCESS_DENIED, "%s: authenticate failed for user %s, role %u", fn,
+               user_or_empty(user), role);
+        return CR_STATUS_ACCESS_DENIED;
+    }
+    dir_lock_scope lock(dir_lock, to_db_full_path(item.client, item.policy), fn);
+    if (lock.status() != CR_STATUS_OK) return lock.status();
+    return insert_step(fn, item);
+}
+
+cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* dir_lock,
+                                                        const char* user, unsigned int role,
+                                                        const std::string& query_text,
+                                                        std::vector<app_catalog_item>& records) {
+    const char* const fn = "find_catalog";
+    InfoA(CR_STATUS_OK, "%s: find app catalog %s", fn, query_text.c_str());
+    app_query query;
+    std::string sql;
+    cr_status_t status = parse_query_logged(fn, query_text, query, sql);
+    if (status != CR_STATUS_OK) return status;
+    const std::string path = to_db_full_path(query.client, query.policy);
+    dir_lock_scope lock(dir_lock, path, fn);
+    if (lock.status() != CR_STATUS_OK) return lock.status();
+    status = query_step(fn, query, records, sql);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to query %s for %s", fn, query_text.c_str(), path.c_str());
+        return status;
+    }
+    // Records the user may not read are dropped silently; the others keep
+    // their order.
+    authentication_application& rule = auth_app_factory::get_instance();
+    const std::string who = user_or_empty(user);
+    size_t kept = 0;
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (rule.authenticate(who, role, &records[i], AUTH_AC_READ, false) != CR_STATUS_OK) {
+            __TraceA("%s: skip query result %s", fn, records[i].file_name.c_str());
+            continue;
+        }
+        if (kept != i) records[kept] = std::move(records[i]);
+        ++kept;
+    }
+    records.resize(kept);
+    return CR_STATUS_OK;
+}
+
+cr_status_t catalog_application_base::find_catalog_text_flow(const char* user, unsigned int role,
+                                                             const std::string& query_text,
+                                                             std::string& result) {
+    const char* const fn = "find_catalog";
+    std::vector<app_catalog_item> records;
+    const cr_status_t status = find_catalog(user, role, query_text, records);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to find app catalog by %s", fn, query_text.c_str());
+        return status;
+    }
+    if (records.empty()) {
+        __TraceA("%s: don't find backup by %s", fn, query_text.c_str());
+        result.clear();
+        return CR_STATUS_OK;
+    }
+    result = to_string(records);
+    return CR_STATUS_OK;
+}
+
+cr_status_t catalog_application_base::find_one(CatalogDirectoryLock* dir_lock, const char* fn,
+                                               const std::string& client,
+                                               const std::string& policy,
+                                               const std::string& query_text,
+                                               const char* too_many_format, const std::string& key,
+                                               app_catalog_item& result, bool lock) {
+    app_query query;
+    std::string sql;
+    cr_status_t status = parse_query_logged(fn, query_text, query, sql);
+    if (status != CR_STATUS_OK) return status;
+    std::vector<app_catalog_item> records;
+    if (lock) {
+        dir_lock_scope scope(dir_lock, to_db_full_path(client, policy), fn);
+        if (scope.status() != CR_STATUS_OK) return scope.status();
+        status = query_step(fn, query, records, sql);
+    } else {
+        // The caller holds the lock; whatever the step does runs under it.
+        status = query_step(fn, query, records, sql);
+    }
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed query %s", fn, query_text.c_str());
+        return status;
+    }
+    if (records.empty()) {
+        __TraceA("%s: not found app catalog from %s", fn, query_text.c_str());
+        return CR_STATUS_NOT_FOUND;
+    }
+    if (records.size() > 1) {
+        ErrorA(CR_STATUS_OK, too_many_format, fn, static_cast<unsigned int>(records.size()),
+               key.c_str());
+    }
+    result = records.front();
+    return CR_STATUS_OK;
+}
+
+cr_status_t catalog_application_base::find_by_image_name_flow(CatalogDirectoryLock* dir_lock,
+                                                              const std::string& client,
+                                                              const std::string& policy,
+                                                              const std::string& image_name,
+                                                              app_catalog_item& result,
+                                                              bool lock) {
+    const char* const fn = "find_by_image_name";
+    std::string backup_id;
+    if (!from_po_name_to_bid(client, policy, image_name, backup_id)) {
+        ErrorA(CR_STATUS_FAILED, "%s: wrong image name %s format", fn, image_name.c_str());
+        return CR_STATUS_FAILED;
+    }
+    return find_one(dir_lock, fn, client, policy, to_query_by_backup_id(client, policy, backup_id),
+                    "%s: found %u for backupid %s", backup_id, result, lock);
+}
+
+cr_status_t catalog_application_base::find_by_file_name_flow(CatalogDirectoryLock* dir_lock,
+                                                             const std::string& client,
+                                                             const std::string& policy,
+                                                             const std::string& file_name,
+                                                             app_catalog_item& result, bool lock) {
+    return find_one(dir_lock, "find_by_file_name", client, policy,
+                    to_query_by_file_name(client, policy, file_name),
+                    "%s: found %u for file name %s", file_name, result, lock);
+}
+
+cr_status_t catalog_application_base::expire_catalog_flow(
+    CatalogDirectoryLock* dir_lock, const char* denied_format, const char* user,
+    unsigned int role, const std::string& client, const std::string& policy,
+    const std::string& image_name, bool lock) {
+    const char* const fn = "expire_catalog";
+    std::string backup_id;
+    // Only header images expire catalog records.
+    if (!is_HDR_image(image_name, backup_id)) {
+        __TraceA("%s: skip image %s", fn, image_name.c_str());
+        return CR_STATUS_OK;
+    }
+    app_catalog_item record;
+    if (find_by_image_name(client, policy, image_name, record, lock) != CR_STATUS_OK) {
+        // Nothing to expire is not an error.
+        __TraceA("%s: no app catalog for img %s", fn, image_name.c_str());
+        return CR_STATUS_OK;
+    }
+    const cr_status_t auth =
+        authenticate(user_or_empty(user), role, &record, AUTH_AC_REMOVE, true);
+    if (auth != CR_STATUS_OK) {
+        ErrorA(auth, denied_format, fn, user_or_empty(user), record.owner.c_str());
+        return auth;
+    }
+    if (!lock) return expire_step(client, policy, image_name);
+    dir_lock_scope scope(dir_lock, to_db_full_path(client, policy), fn);
+    if (scope.status() != CR_STATUS_OK) return scope.status();
+    return expire_step(client, policy, image_name);
+}
+
+cr_status_t catalog_application_base::del_catalog_flow(CatalogDirectoryLock* dir_lock,
+                                                       const char* user, unsigned int role,
+                                                       const std::string& query_text) {
+    const char* const fn = "del_catalog";
+    app_query query;
+    if (!query.parse_query(query_text)) {
+        ErrorA(CR_STATUS_FAILED, "%s: failed parse query str %s", fn, query_text.c_str());
+        return CR_STATUS_FAILED;
+    }
+    if (query.type != APP_QUERY_NAME) {
+        ErrorA(CR_STATUS_FAILED, "%s: unsupported query type %u from %s", fn, query.type,
+               query_text.c_str());
+        return CR_STATUS_FAILED;
+    }
+    app_catalog_item record;
+    cr_status_t status = find_by_file_name(query.client, query.policy, query.file_name, record, true);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: can't find app catalog from %s", fn, query_text.c_str());
+        return status;
+    }
+    status = authenticate(user_or_empty(user), role, &record, AUTH_AC_REMOVE, true);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: authenticate failed for user %s , app owner %s", fn, user_or_empty(user),
+               record.owner.c_str());
+        return status;
+    }
+    // The lock is taken again for the delete: the record may change between
+    // the check above and the delete, as it always could.
+    dir_lock_scope scope(dir_lock, to_db_full_path(query.client, query.policy), fn);
+    if (scope.status() != CR_STATUS_OK) return scope.status();
+    return delete_step(fn, query.client, query.policy, query.file_name);
+}
+
+cr_status_t catalog_application_base::close_db_flow(CatalogDirectoryLock* dir_lock,
+                                                    const std::string& path, unsigned int n,
+                                                    bool lock) {
+    if (!lock) return do_db_close(path, n);
+    dir_lock_scope scope(dir_lock, path, "close_db");
+    if (scope.status() != CR_STATUS_OK) return scope.status();
+    return do_db_close(path, n);
+}
+
+cr_status_t catalog_application_base::insert_step(const char* fn, const app_catalog_item& item) {
+    bool created = false;
+    const cr_status_t status = need_create_db(item, created);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to call need_create_db for c %s p %s", fn, item.client.c_str(),
+               item.policy.c_str());
+        return status;
+    }
+    std::string sql;
+    return do_db_insert(item, sql);
+}
+
+cr_status_t catalog_application_base::query_step(const char*, const app_query& query,
+                                                 std::vector<app_catalog_item>& records,
+                                                 const std::string& sql) {
+    return do_db_query(query, records, sql);
+}
+
+cr_status_t catalog_application_base::expire_step(const std::string& client,
+                                                  const std::string& policy,
+                                                  const std::string& image_name) {
+    std::string sql;
+    return expire_catalog_by_image_name(client, policy, image_name, sql);
+}
+
+cr_status_t catalog_application_base::delete_step(const char*, const std::string& client,
+                                                  const std::string& policy,
+                                                  const std::string& file_name) {
+    std::string sql;
+    return do_db_delete_by_file_name(client, policy, file_name, sql);
+}
+
+}  // namespace appdb
