@@ -127,8 +127,8 @@ LIST_NOTE="plain C: walk, SELECT, checksum with zlib, same lines"
 # databases of 100 rows), which then skip their sizes.
 ROWS_SERIES="listing, rows in one database"
 DBS_SERIES="listing, databases of 100 rows"
-for spec in $LIST_MAIN; do
-  n=${spec%%:*} rows=${spec##*:}
+for entry in $LIST_MAIN; do
+  n=${entry%%:*} rows=${entry##*:}
   series=()
   [ "$rows" = 100 ] && series=(--series "$DBS_SERIES" --units "$((n * 100))" --unit row)
   listing_cmds "$(tree "list-${n}x${rows}" "$n" "$rows")"
