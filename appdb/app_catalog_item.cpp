@@ -158,6 +158,26 @@ std::string app_catalog_item::to_json_string(std::function<std::string(int64_t)>
     return out;
 }
 
+const char* unstorable_text_field(const app_catalog_item& item) {
+    const struct {
+        const char* label;
+        const std::string& text;
+    } fields[] = {
+        {"file name:", item.file_name},     {"backup id:", item.backup_id},
+        {"appid:", item.app_id},            {"data object:", item.data_object},
+        {"owner:", item.owner},             {"description:", item.description},
+        {"reserver0:", item.reserver0},     {"reserver1:", item.reserver1},
+        {"reserver2:", item.reserver2},     {"reserver3:", item.reserver3},
+        {"reserver4:", item.reserver4},     {"reserver5:", item.reserver5},
+        {"reserver6:", item.reserver6},     {"reserver7:", item.reserver7},
+        {"reserver8:", item.reserver8},     {"reserver9:", item.reserver9},
+    };
+    for (const auto& f : fields) {
+        if (f.text.find('\0') != std::string::npos) return f.label;
+    }
+    return nullptr;
+}
+
 bool from_string(std::istringstream& in, app_catalog_item& item) {
     constexpr int kFields = 28;
     std::string token;

@@ -104,6 +104,16 @@ public:
 // read so far already stored. While tracing is on, every token is traced.
 bool from_string(std::istringstream& in, app_catalog_item& item);
 
+// The label (as in the labelled form, e.g. "description:") of the first
+// stored text field of `item` that holds a NUL byte, or null when none does.
+// A NUL is the one byte a row cannot carry back: SQLite takes a bound text and
+// the journal's quoted literal up to their first NUL, while the row checksum
+// covers the whole field, so such a row would read as corrupt. Every other
+// byte (line breaks, quotes, control bytes, bytes that are not UTF-8) is
+// stored, journalled and read back unchanged; "|" never reaches a field, as
+// it ends the field in the line form.
+const char* unstorable_text_field(const app_catalog_item& item);
+
 // Continues the Adler-32 value `adler` over `length` bytes at `data`, exactly
 // as zlib's adler32: a null `data` returns 1, a zero length returns `adler`.
 uint32_t CRCAppend(uint32_t adler, const unsigned char* data, size_t length);

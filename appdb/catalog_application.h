@@ -122,6 +122,19 @@ public:
                                           bool lock) = 0;
 };
 
+// A removal on behalf of a caller: every row that the removal's statement
+// selects is checked against the access rule (access 3, remove) inside the
+// removal's own transaction, and only the rows the caller may remove go; the
+// others stay. The removal fills in what it found. The journalled statement
+// names exactly the rows removed, so a replay removes the same rows.
+struct removal_check {
+    std::string user;
+    unsigned int role = 0;
+    unsigned int matched = 0;  // rows the statement selected
+    unsigned int removed = 0;  // of those, rows removed
+    std::string kept_owner;    // owner of the first row left in place
+};
+
 // What the two implementations share: where the databases of a client and
 // policy lie, how they are created and opened (through the cache of open
 // connections), the row operations on the `catalog` table with their busy
@@ -180,6 +193,12 @@ public:
     std::string to_primary_name(const std::string& name);
     // Whether the database file of client and policy exists.
     bool db_existed(const std::string& client, const std::string& policy) const;
+    // Client and policy name directory levels below app_root, so each must
+    // be one plain directory name: not empty, not "." or "..", without "/"
+    // or a NUL byte. Returns 0, or 4 after logging one error for `function`.
+    // Every operation that builds a database path checks its names first.
+    static cr_status_t check_db_names(const char* function, const std::string& client,
+                                      const std::string& policy);
 
     // ---- creation and opening ----
 
@@ -190,7 +209,9 @@ public:
     cr_status_t create_db(const std::string& client, const std::string& policy);
     // Creates the database of the item's client and policy unless it exists
     // or has a shadow copy (a database with a shadow is left to recovery,
-    // never recreated empty). `created` tells whether a file was made.
+    // never recreated empty). An existing file without a shadow that holds
+    // no table at all (a creation that failed half-way) gets its schema now.
+    // `created` tells whether a file was made or completed.
     cr_status_t need_create_db(const app_catalog_item& item, bool& created);
     // Opens an existing database read-write (never creates one), with the busy
     // timeout and extended result codes. On failure *db is null and the mapped
@@ -226,7 +247,7 @@ public:
     // succeeded.
 
     // Binds the 28 columns of `item` to the prepared insert and writes its
-    // literal INSERT text (3072 bytes at most) into `sql`. Returns the SQLite
+    // whole literal INSERT text into `sql`. Returns the SQLite
     // code of the first failing bind, or 0.
     int insert_row_app_table(sqlite3_stmt* stmt, const app_catalog_item& item, std::string& sql);
     cr_status_t try_do_db_insert(const app_catalog_item& item, std::string& sql);
@@ -247,18 +268,25 @@ public:
     int delete_row_app_table(sqlite3_stmt* stmt, const std::string& client,
                              const std::string& policy, const std::string& key_name,
                              const std::string& key_value, std::string& sql);
-    // A missing database is reported as the open failure.
+    // A missing database is reported as the open failure. With a `check`,
+    // only the rows the caller may remove go (see removal_check), a missing
+    // database without a shadow copy matches nothing, and `sql` is left empty
+    // when nothing was removed.
     cr_status_t try_do_db_delete_by_file_name(const std::string& client, const std::string& policy,
-                                              const std::string& file_name, std::string& sql);
+                                              const std::string& file_name, std::string& sql,
+                                              removal_check* check = nullptr);
     cr_status_t do_db_delete_by_file_name(const std::string& client, const std::string& policy,
-                                          const std::string& file_name, std::string& sql);
+                                          const std::string& file_name, std::string& sql,
+                                          removal_check* check = nullptr);
     // A database that is missing and has no shadow copy has nothing to delete:
-    // success, nothing opened.
+    // success, nothing opened. `check` as for the delete by file name.
     cr_status_t try_do_db_delete_by_backup_id(const std::string& client,
                                               const std::string& policy,
-                                              const std::string& backup_id, std::string& sql);
+                                              const std::string& backup_id, std::string& sql,
+                                              removal_check* check = nullptr);
     cr_status_t do_db_delete_by_backup_id(const std::string& client, const std::string& policy,
-                                          const std::string& backup_id, std::string& sql);
+                                          const std::string& backup_id, std::string& sql,
+                                          removal_check* check = nullptr);
 
     // Runs a single-value statement on the cached (idle) connection of client
     // and policy; true at the first value equal to `expect`. Every value read
@@ -274,10 +302,11 @@ public:
     // Closes the cached connection of the database directory `path` (its
     // last two components are client and policy). `n` is not used.
     cr_status_t do_db_close(const std::string& path, unsigned int n);
-    // Deletes every record of the backup of a header image; other images are
-    // left alone (success).
+    // Deletes every record of the backup of a header image (with a `check`,
+    // those the caller may remove); other images are left alone (success).
     cr_status_t expire_catalog_by_image_name(const std::string& client, const std::string& policy,
-                                             const std::string& image_name, std::string& sql);
+                                             const std::string& image_name, std::string& sql,
+                                             removal_check* check = nullptr);
 
     unsigned int dsid;
     std::string app_root;  // database_root/application/DSID, no trailing "/"
@@ -332,12 +361,14 @@ protected:
     virtual cr_status_t query_step(const char* function, const app_query& query,
                                    std::vector<app_catalog_item>& records,
                                    const std::string& sql);
-    // Deletes the records of the backup of header image `image_name`.
+    // Deletes the records of the backup of header image `image_name` that
+    // `check`'s caller may remove.
     virtual cr_status_t expire_step(const std::string& client, const std::string& policy,
-                                    const std::string& image_name);
-    // Deletes the record of `file_name`.
+                                    const std::string& image_name, removal_check& check);
+    // Deletes the record of `file_name` if `check`'s caller may remove it.
     virtual cr_status_t delete_step(const char* function, const std::string& client,
-                                    const std::string& policy, const std::string& file_name);
+                                    const std::string& policy, const std::string& file_name,
+                                    removal_check& check);
 
 private:
     // parse_query, logging "%s: failed to parse %s" for `function` on failure.
@@ -349,6 +380,13 @@ private:
                          const std::string& query_text, const char* too_many_format,
                          const std::string& key, app_catalog_item& result, bool lock);
 
+    // The status and the one log record of a checked removal (`check`) that
+    // ran: 0 when it removed rows (a warning names the rows left in place),
+    // `none_found` when nothing matched, 106 with `denied_format` (operation,
+    // user, owner) when every matched row belongs to somebody else.
+    static cr_status_t removal_outcome(const char* function, const removal_check& check,
+                                       const std::string& key, cr_status_t none_found,
+                                       const char* denied_format);
     static std::atomic<int> busy_timeout_ms_;
 };
 

@@ -56,6 +56,21 @@ std::string catalog_application_base::to_db_full_path(const std::string& client,
     return app_root + "/" + client + "/" + policy;
 }
 
+cr_status_t catalog_application_base::check_db_names(const char* function,
+                                                     const std::string& client,
+                                                     const std::string& policy) {
+    for (const std::string* name : {&client, &policy}) {
+        if (name->empty() || *name == "." || *name == ".." ||
+            name->find_first_of(std::string("/\0", 2)) != std::string::npos) {
+            ErrorA(CR_STATUS_FAILED,
+                   "%s: bad client or policy name, c %s p %s (empty, \".\", \"..\", \"/\" or NUL)",
+                   function, client.c_str(), policy.c_str());
+            return CR_STATUS_FAILED;
+        }
+    }
+    return CR_STATUS_OK;
+}
+
 std::string catalog_application_base::to_db_full_name(const std::string& client,
                                                       const std::string& policy) const {
     return to_db_full_path(client, policy) + "/" + db_name;
@@ -145,6 +160,8 @@ cr_status_t catalog_application_base::do_db_close(const std::string& path, unsig
         return CR_STATUS_FAILED;
     }
     const std::string client = parent.substr(q + 1);
+    const cr_status_t names = check_db_names("do_db_close", client, policy);
+    if (names != CR_STATUS_OK) return names;
     __TraceA("%s: find client %s, policy %s from %s", "do_db_close", client.c_str(),
              policy.c_str(), path.c_str());
     if (cache) cache->close_db(to_db_full_path(client, policy));
@@ -154,11 +171,12 @@ cr_status_t catalog_application_base::do_db_close(const std::string& path, unsig
 cr_status_t catalog_application_base::expire_catalog_by_image_name(const std::string& client,
                                                                    const std::string& policy,
                                                                    const std::string& image_name,
-                                                                   std::string& sql) {
+                                                                   std::string& sql,
+                                                                   removal_check* check) {
     __TraceA("%s: app db expire image name %s", "expire_catalog_by_image_name", image_name.c_str());
     std::string backup_id;
     if (!is_HDR_image(image_name, backup_id)) return CR_STATUS_OK;
-    return do_db_delete_by_backup_id(client, policy, backup_id, sql);
+    return do_db_delete_by_backup_id(client, policy, backup_id, sql, check);
 }
 
 }  // namespace appdb

@@ -220,16 +220,18 @@ cr_status_t catalog_application_impl_shadow::change_with_recovery(
             return status;
         }
     }
-    write_journal(to_db_full_path(client, policy), statement);
+    // A checked removal that removed nothing has no statement to replay.
+    if (!statement.empty()) write_journal(to_db_full_path(client, policy), statement);
     return CR_STATUS_OK;
 }
 
 cr_status_t catalog_application_impl_shadow::shadow_protected_expire_catalog(
-    const std::string& client, const std::string& policy, const std::string& image_name) {
+    const std::string& client, const std::string& policy, const std::string& image_name,
+    removal_check* check) {
     return change_with_recovery(
         "shadow_protected_expire_catalog", "%s: failed to delete app db by image name %s", client,
         policy, image_name, [&](std::string& statement) {
-            return expire_catalog_by_image_name(client, policy, image_name, statement);
+            return expire_catalog_by_image_name(client, policy, image_name, statement, check);
         });
 }
 

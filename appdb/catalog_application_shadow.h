@@ -96,11 +96,13 @@ public:
     // is in the database either way. Returns the insert's status.
     cr_status_t shadow_protected_db_insert(const app_catalog_item& item);
 
-    // Deletes the records of a header image's backup, journals the delete,
-    // and recovers the database once when the delete calls for it.
+    // Deletes the records of a header image's backup (with a `check`, those
+    // its caller may remove), journals the delete, and recovers the database
+    // once when the delete calls for it.
     cr_status_t shadow_protected_expire_catalog(const std::string& client,
                                                 const std::string& policy,
-                                                const std::string& image_name);
+                                                const std::string& image_name,
+                                                removal_check* check = nullptr);
 
     std::unique_ptr<CatalogDirectoryLock> dir_lock;
     CatalogShadowContext* shadow_ctx;  // not owned; may be null
@@ -114,9 +116,10 @@ protected:
                            std::vector<app_catalog_item>& records,
                            const std::string& sql) override;
     cr_status_t expire_step(const std::string& client, const std::string& policy,
-                            const std::string& image_name) override;
+                            const std::string& image_name, removal_check& check) override;
     cr_status_t delete_step(const char* function, const std::string& client,
-                            const std::string& policy, const std::string& file_name) override;
+                            const std::string& policy, const std::string& file_name,
+                            removal_check& check) override;
 
 private:
     // Marks the extent of one public operation on the calling thread; the

@@ -88,18 +88,20 @@ cr_status_t catalog_application_impl_shadow::query_step(const char* fn, const ap
 
 cr_status_t catalog_application_impl_shadow::expire_step(const std::string& client,
                                                          const std::string& policy,
-                                                         const std::string& image_name) {
-    return shadow_protected_expire_catalog(client, policy, image_name);
+                                                         const std::string& image_name,
+                                                         removal_check& check) {
+    return shadow_protected_expire_catalog(client, policy, image_name, &check);
 }
 
 cr_status_t catalog_application_impl_shadow::delete_step(const char* fn,
                                                          const std::string& client,
                                                          const std::string& policy,
-                                                         const std::string& file_name) {
+                                                         const std::string& file_name,
+                                                         removal_check& check) {
     return change_with_recovery(fn, "%s: failed to delete app db by file name %s", client, policy,
                                 file_name, [&](std::string& statement) {
                                     return do_db_delete_by_file_name(client, policy, file_name,
-                                                                     statement);
+                                                                     statement, &check);
                                 });
 }
 

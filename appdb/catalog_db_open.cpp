@@ -10,20 +10,69 @@ namespace appdb {
 
 namespace {
 
-// Runs one schema statement of create_db; logs and returns the mapped status
+// Runs one schema statement; logs (for `fn`) and returns the mapped status
 // of a failure.
-cr_status_t exec_schema_statement(sqlite3* db, const std::string& name, const char* sql) {
+cr_status_t exec_schema_statement(const char* fn, sqlite3* db, const std::string& name,
+                                  const char* sql) {
     char* message = nullptr;
     const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &message);
     if (rc == SQLITE_OK) return CR_STATUS_OK;
     const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
-    ErrorA(status, "%s: %s: failed to execute \"%s\", (%d, %s)", "create_db", name.c_str(), sql, rc,
+    ErrorA(status, "%s: %s: failed to execute \"%s\", (%d, %s)", fn, name.c_str(), sql, rc,
            message != nullptr ? message : sqlite3_errstr(rc));
     sqlite3_free(message);
     return status;
 }
 
+// The `catalog` table and its index.
+cr_status_t create_schema(const char* fn, sqlite3* db, const std::string& name) {
+    cr_status_t status = exec_schema_statement(fn, db, name, catalog_create_table_sql);
+    if (status == CR_STATUS_OK) status = exec_schema_statement(fn, db, name, catalog_create_index_sql);
+    return status;
+}
+
 }  // namespace
+
+// Whether the open database holds no schema object at all. Anything that
+// cannot be read (not a database, busy, damaged) counts as not empty: it is
+// left for the operation to meet and report.
+bool catalog_holds_no_table(sqlite3* db) {
+    sqlite3_stmt* stmt = nullptr;
+    bool empty = false;
+    if (sqlite3_prepare_v2(db, "SELECT count(*) FROM sqlite_master", -1, &stmt, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW) {
+        empty = sqlite3_column_int64(stmt, 0) == 0;
+    }
+    sqlite3_finalize(stmt);
+    return empty;
+}
+
+// A file that holds no table at all is what a creation that failed half-way
+// leaves behind (the file made, the table not): it holds no rows, so it is
+// completed with the schema, inside one immediate transaction so that two
+// openers cannot both create the table. A file holding anything else is
+// left alone. `completed` tells whether the schema was added here.
+cr_status_t complete_tableless_catalog(sqlite3* db, const std::string& name, bool& completed) {
+    const char* const fn = "complete_db";
+    completed = false;
+    if (!catalog_holds_no_table(db)) return CR_STATUS_OK;
+    cr_status_t status = exec_schema_statement(fn, db, name, "BEGIN IMMEDIATE TRANSACTION;");
+    if (status != CR_STATUS_OK) return status;
+    if (catalog_holds_no_table(db)) {
+        InfoA(CR_STATUS_OK, "%s: app db %s holds no table, creating its catalog table", fn,
+              name.c_str());
+        status = create_schema(fn, db, name);
+        completed = status == CR_STATUS_OK;
+    }
+    if (status == CR_STATUS_OK) {
+        status = exec_schema_statement(fn, db, name, "COMMIT TRANSACTION;");
+        if (status != CR_STATUS_OK) completed = false;
+    }
+    if (status != CR_STATUS_OK) sqlite3_exec(db, "ROLLBACK TRANSACTION;", nullptr, nullptr, nullptr);
+    return status;
+}
+
 
 cr_status_t catalog_application_base::create_db(const std::string& client,
                                                 const std::string& policy) {
@@ -48,8 +97,7 @@ cr_status_t catalog_application_base::create_db(const std::string& client,
     sqlite3_busy_timeout(db, busy_timeout_ms());
     // A file left behind by a failed statement stays as it is: it is neither
     // deleted nor repaired here.
-    cr_status_t status = exec_schema_statement(db, name, catalog_create_table_sql);
-    if (status == CR_STATUS_OK) status = exec_schema_statement(db, name, catalog_create_index_sql);
+    const cr_status_t status = create_schema("create_db", db, name);
     sqlite3_close(db);
     return status;
 }
@@ -64,7 +112,14 @@ cr_status_t catalog_application_base::need_create_db(const app_catalog_item& ite
     if (db_existed(item.client, item.policy)) {
         WarningA(CR_STATUS_OK, "%s: app db %s no shadow but db exist", "need_create_db",
                  name.c_str());
-        return CR_STATUS_OK;
+        // A file left without its table by a failed creation is completed
+        // now and counts as created, so that the shadow kind takes its first
+        // copy of it as of a new database.
+        sqlite3* db = nullptr;
+        cr_status_t status = open_db(item.client, item.policy, &db);
+        if (status == CR_STATUS_OK) status = complete_tableless_catalog(db, name, created);
+        sqlite3_close(db);
+        return status;
     }
     InfoA(CR_STATUS_OK, "%s: app db %s doesn't exist, going to create it", "need_create_db",
           name.c_str());

@@ -36,6 +36,15 @@ cr_status_t catalog_application_base::update_catalog_flow(CatalogDirectoryLock* 
                item_text.c_str());
         return CR_STATUS_FAILED;
     }
+    const cr_status_t names = check_db_names(fn, item.client, item.policy);
+    if (names != CR_STATUS_OK) return names;
+    // Refused before anything is written or journalled: a row that cannot be
+    // read back as it was given would make the whole database read as corrupt.
+    if (const char* field = unstorable_text_field(item)) {
+        ErrorA(CR_STATUS_FAILED, "%s: field %s of %s holds a NUL byte, which a row cannot store",
+               fn, field, item.file_name.c_str());
+        return CR_STATUS_FAILED;
+    }
     const cr_status_t auth = authenticate(user_or_empty(user), role, &item, AUTH_AC_INSERT, true);
     if (auth != CR_STATUS_OK) {
         ErrorA(CR_STATUS_ACCESS_DENIED, "%s: authenticate failed for user %s, role %u", fn,
@@ -56,6 +65,8 @@ cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* di
     app_query query;
     std::string sql;
     cr_status_t status = parse_query_logged(fn, query_text, query, sql);
+    if (status != CR_STATUS_OK) return status;
+    status = check_db_names(fn, query.client, query.policy);
     if (status != CR_STATUS_OK) return status;
     const std::string path = to_db_full_path(query.client, query.policy);
     dir_lock_scope lock(dir_lock, path, fn);
@@ -107,9 +118,11 @@ cr_status_t catalog_application_base::find_one(CatalogDirectoryLock* dir_lock, c
                                                const std::string& query_text,
                                                const char* too_many_format, const std::string& key,
                                                app_catalog_item& result, bool lock) {
+    cr_status_t status = check_db_names(fn, client, policy);
+    if (status != CR_STATUS_OK) return status;
     app_query query;
     std::string sql;
-    cr_status_t status = parse_query_logged(fn, query_text, query, sql);
+    status = parse_query_logged(fn, query_text, query, sql);
     if (status != CR_STATUS_OK) return status;
     std::vector<app_catalog_item> records;
     if (lock) {
@@ -167,6 +180,8 @@ cr_status_t catalog_application_base::expire_catalog_flow(
     unsigned int role, const std::string& client, const std::string& policy,
     const std::string& image_name, bool lock) {
     const char* const fn = "expire_catalog";
+    const cr_status_t names = check_db_names(fn, client, policy);
+    if (names != CR_STATUS_OK) return names;
     std::string backup_id;
     // Only header images expire catalog records.
     if (!is_HDR_image(image_name, backup_id)) {
@@ -179,16 +194,45 @@ cr_status_t catalog_application_base::expire_catalog_flow(
         __TraceA("%s: no app catalog for img %s", fn, image_name.c_str());
         return CR_STATUS_OK;
     }
-    const cr_status_t auth =
-        authenticate(user_or_empty(user), role, &record, AUTH_AC_REMOVE, true);
-    if (auth != CR_STATUS_OK) {
-        ErrorA(auth, denied_format, fn, user_or_empty(user), record.owner.c_str());
-        return auth;
+    // The access rule is applied to every record of the backup, inside the
+    // removal's transaction, not to the first record found here: between the
+    // two the backup may gain records, and they need not share one owner.
+    removal_check check;
+    check.user = user_or_empty(user);
+    check.role = role;
+    cr_status_t status;
+    if (!lock) {
+        status = expire_step(client, policy, image_name, check);
+    } else {
+        dir_lock_scope scope(dir_lock, to_db_full_path(client, policy), fn);
+        if (scope.status() != CR_STATUS_OK) return scope.status();
+        status = expire_step(client, policy, image_name, check);
     }
-    if (!lock) return expire_step(client, policy, image_name);
-    dir_lock_scope scope(dir_lock, to_db_full_path(client, policy), fn);
-    if (scope.status() != CR_STATUS_OK) return scope.status();
-    return expire_step(client, policy, image_name);
+    if (status != CR_STATUS_OK) return status;
+    return removal_outcome(fn, check, backup_id, CR_STATUS_OK, denied_format);
+}
+
+cr_status_t catalog_application_base::removal_outcome(const char* fn, const removal_check& check,
+                                                      const std::string& key,
+                                                      cr_status_t none_found,
+                                                      const char* denied_format) {
+    if (check.matched == 0) {
+        if (none_found != CR_STATUS_OK) {
+            ErrorA(none_found, "%s: can't find app catalog from %s", fn, key.c_str());
+        }
+        return none_found;
+    }
+    if (check.removed == 0) {
+        ErrorA(CR_STATUS_ACCESS_DENIED, denied_format, fn, check.user.c_str(),
+               check.kept_owner.c_str());
+        return CR_STATUS_ACCESS_DENIED;
+    }
+    if (check.removed < check.matched) {
+        WarningA(CR_STATUS_OK, "%s: removed %u of %u records of %s; %u of other owners (first %s) stay",
+                 fn, check.removed, check.matched, key.c_str(), check.matched - check.removed,
+                 check.kept_owner.c_str());
+    }
+    return CR_STATUS_OK;
 }
 
 cr_status_t catalog_application_base::del_catalog_flow(CatalogDirectoryLock* dir_lock,
@@ -205,23 +249,22 @@ cr_status_t catalog_application_base::del_catalog_flow(CatalogDirectoryLock* dir
                query_text.c_str());
         return CR_STATUS_FAILED;
     }
-    app_catalog_item record;
-    cr_status_t status = find_by_file_name(query.client, query.policy, query.file_name, record, true);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: can't find app catalog from %s", fn, query_text.c_str());
-        return status;
+    cr_status_t status = check_db_names(fn, query.client, query.policy);
+    if (status != CR_STATUS_OK) return status;
+    // The record removed is the record checked: the rows the delete selects
+    // (the name compared with "=", a pattern character is a plain character
+    // here) are checked one by one inside the delete's transaction.
+    removal_check check;
+    check.user = user_or_empty(user);
+    check.role = role;
+    {
+        dir_lock_scope scope(dir_lock, to_db_full_path(query.client, query.policy), fn);
+        if (scope.status() != CR_STATUS_OK) return scope.status();
+        status = delete_step(fn, query.client, query.policy, query.file_name, check);
     }
-    status = authenticate(user_or_empty(user), role, &record, AUTH_AC_REMOVE, true);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: authenticate failed for user %s , app owner %s", fn, user_or_empty(user),
-               record.owner.c_str());
-        return status;
-    }
-    // The lock is taken again for the delete: the record may change between
-    // the check above and the delete, as it always could.
-    dir_lock_scope scope(dir_lock, to_db_full_path(query.client, query.policy), fn);
-    if (scope.status() != CR_STATUS_OK) return scope.status();
-    return delete_step(fn, query.client, query.policy, query.file_name);
+    if (status != CR_STATUS_OK) return status;
+    return removal_outcome(fn, check, query_text, CR_STATUS_NOT_FOUND,
+                           "%s: authenticate failed for user %s , app owner %s");
 }
 
 cr_status_t catalog_application_base::close_db_flow(CatalogDirectoryLock* dir_lock,
@@ -253,16 +296,18 @@ cr_status_t catalog_application_base::query_step(const char*, const app_query& q
 
 cr_status_t catalog_application_base::expire_step(const std::string& client,
                                                   const std::string& policy,
-                                                  const std::string& image_name) {
+                                                  const std::string& image_name,
+                                                  removal_check& check) {
     std::string sql;
-    return expire_catalog_by_image_name(client, policy, image_name, sql);
+    return expire_catalog_by_image_name(client, policy, image_name, sql, &check);
 }
 
 cr_status_t catalog_application_base::delete_step(const char*, const std::string& client,
                                                   const std::string& policy,
-                                                  const std::string& file_name) {
+                                                  const std::string& file_name,
+                                                  removal_check& check) {
     std::string sql;
-    return do_db_delete_by_file_name(client, policy, file_name, sql);
+    return do_db_delete_by_file_name(client, policy, file_name, sql, &check);
 }
 
 }  // namespace appdb

@@ -137,21 +137,27 @@ int catalog_application_base::insert_row_app_table(sqlite3_stmt* stmt, const app
                item.file_name.c_str(), rc, sqlite3_errstr(rc));
         return rc;
     }
-    char buffer[catalog_literal_sql_size];
-    sqlite3_snprintf(
-        sizeof(buffer), buffer, catalog_insert_literal_format, item.version,
-        item.file_name.c_str(), item.file_name.c_str(),
-        static_cast<unsigned long long>(item.file_len), item.backup_id.c_str(), item.policy_type,
-        item.schedule_type, item.frag_nums, item.app_id.c_str(), item.data_object.c_str(),
-        static_cast<unsigned long long>(item.app_expire_time),
-        static_cast<unsigned long long>(item.orvo_expire_time),
-        static_cast<unsigned long long>(item.backup_start_time),
-        static_cast<unsigned long long>(item.backup_stop_time), item.owner.c_str(),
-        item.owner_role, item.description.c_str(), item.reserver0.c_str(), item.reserver1.c_str(),
-        item.reserver2.c_str(), item.reserver3.c_str(), item.reserver4.c_str(),
-        item.reserver5.c_str(), item.reserver6.c_str(), item.reserver7.c_str(),
-        item.reserver8.c_str(), item.reserver9.c_str(), crc);
-    sql = buffer;
+    // Each number goes into the text as the value bound above, so a replay of
+    // the text stores the very row the statement stored.
+    const bool formatted = sqlitedb::format_sql(
+        sql, catalog_insert_literal_format, static_cast<int>(item.version),
+        item.file_name.c_str(), item.file_name.c_str(), static_cast<long long>(item.file_len),
+        item.backup_id.c_str(), static_cast<int>(item.policy_type),
+        static_cast<int>(item.schedule_type), static_cast<int>(item.frag_nums),
+        item.app_id.c_str(), item.data_object.c_str(),
+        static_cast<long long>(item.app_expire_time),
+        static_cast<long long>(item.orvo_expire_time),
+        static_cast<long long>(item.backup_start_time),
+        static_cast<long long>(item.backup_stop_time), item.owner.c_str(),
+        static_cast<int>(item.owner_role), item.description.c_str(), item.reserver0.c_str(),
+        item.reserver1.c_str(), item.reserver2.c_str(), item.reserver3.c_str(),
+        item.reserver4.c_str(), item.reserver5.c_str(), item.reserver6.c_str(),
+        item.reserver7.c_str(), item.reserver8.c_str(), item.reserver9.c_str(),
+        static_cast<int>(crc));
+    if (!formatted) {
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "insert_row_app_table");
+        return SQLITE_NOMEM;
+    }
     return SQLITE_OK;
 }
 
@@ -170,6 +176,16 @@ cr_status_t catalog_application_base::try_do_db_insert(const app_catalog_item& i
         Auto_Return_DB db_guard(cache.get(), to_db_full_path(item.client, item.policy), value);
         sqlite3_stmt* stmt = nullptr;
         int rc = sqlite3_prepare_v2(value->db, catalog_insert_sql, -1, &stmt, nullptr);
+        bool completed = false;
+        if (rc != SQLITE_OK && catalog_holds_no_table(value->db)) {
+            // A file left without its table by a failed creation: it holds
+            // no rows, so it is completed and the insert goes on.
+            sqlite3_finalize(stmt);
+            stmt = nullptr;
+            status = complete_tableless_catalog(value->db, name, completed);
+            if (status != CR_STATUS_OK) return status;
+            rc = sqlite3_prepare_v2(value->db, catalog_insert_sql, -1, &stmt, nullptr);
+        }
         if (rc != SQLITE_OK) {
             sqlite3_finalize(stmt);
             status = dberr_to_crstatus(rc);
@@ -264,6 +280,12 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
                                     nullptr);
         if (rc != SQLITE_OK) {
             sqlite3_finalize(stmt);
+            if (catalog_holds_no_table(value->db)) {
+                // A file without its table holds no rows; a query does not
+                // write, so it is left for the next change to complete.
+                __TraceA("%s: DB[%s] holds no table, no rows", fn, name.c_str());
+                return CR_STATUS_OK;
+            }
             status = dberr_to_crstatus(rc);
             ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(),
                    sql.c_str(), rc, sqlite3_errstr(rc));
@@ -407,10 +429,11 @@ int catalog_application_base::delete_row_app_table(sqlite3_stmt* stmt, const std
                key_name.c_str(), rc, sqlite3_errstr(rc));
         return rc;
     }
-    char buffer[catalog_literal_sql_size];
-    sqlite3_snprintf(sizeof(buffer), buffer, catalog_delete_literal_format, key_name.c_str(),
-                     key_value.c_str());
-    sql = buffer;
+    if (!sqlitedb::format_sql(sql, catalog_delete_literal_format, key_name.c_str(),
+                              key_value.c_str())) {
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "delete_row_app_table");
+        return SQLITE_NOMEM;
+    }
     return SQLITE_OK;
 }
 
@@ -423,15 +446,200 @@ struct delete_plan {
     const char* statement;
     const char* key_name;
     bool skip_missing_db;
+    app_query_type query_type;  // the exact-value SELECT of the same rows
 };
+
+// Runs one transaction statement; a failure is logged (a busy one as a
+// warning, for the retry above) and returned mapped.
+cr_status_t run_transaction_statement(const char* fn, sqlite3* db, const std::string& name,
+                                      const char* sql) {
+    const int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK) return CR_STATUS_OK;
+    const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+    if (status == CR_STATUS_BUSY) {
+        WarningA(status, "%s: DB[%s] failed to step %s (%d, %s).", fn, name.c_str(), sql, rc,
+                 sqlite3_errmsg(db));
+    } else {
+        ErrorA(status, "%s: DB[%s] failed to step %s (%d, %s).", fn, name.c_str(), sql, rc,
+               sqlite3_errmsg(db));
+    }
+    return status;
+}
+
+// Steps a prepared statement to its end; the status of a failure, logged.
+cr_status_t step_to_done(const char* fn, sqlite3* db, sqlite3_stmt* stmt, const std::string& name,
+                         const std::string& what) {
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_DONE) return CR_STATUS_OK;
+    const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+    if (status == CR_STATUS_BUSY) {
+        WarningA(status, "%s: DB[%s] failed to step %s (%d, %s).", fn, name.c_str(), what.c_str(),
+                 rc, sqlite3_errmsg(db));
+    } else {
+        ErrorA(status, "%s: DB[%s] failed to step %s (%d, %s).", fn, name.c_str(), what.c_str(), rc,
+               sqlite3_errmsg(db));
+    }
+    return status;
+}
+
+// Prepares `sql`; the mapped status of a failure, logged.
+cr_status_t prepare(const char* fn, sqlite3* db, const std::string& name, const char* sql,
+                    sqlite3_stmt** stmt) {
+    const int rc = sqlite3_prepare_v2(db, sql, -1, stmt, nullptr);
+    if (rc == SQLITE_OK) return CR_STATUS_OK;
+    sqlite3_finalize(*stmt);
+    *stmt = nullptr;
+    const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+    ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(), sql, rc,
+           sqlite3_errstr(rc));
+    return status;
+}
+
+// The checked removal, inside one immediate transaction: selects the rows
+// the plan's delete would remove, keeps those the caller may not remove, and
+// removes the others. When every selected row may go, the plan's own delete
+// runs and is journalled as it always was; otherwise each removable row is
+// deleted by its name and the journal gets one statement naming exactly
+// those rows. `sql` stays empty when nothing was removed.
+cr_status_t checked_delete(catalog_application_base& self, const delete_plan& plan,
+                           sqlite3* db, const std::string& name, const std::string& client,
+                           const std::string& policy, const std::string& key_value,
+                           removal_check& check, std::string& sql) {
+    const char* const fn = plan.function;
+    check.matched = 0;
+    check.removed = 0;
+    check.kept_owner.clear();
+    sql.clear();
+    cr_status_t status = run_transaction_statement(fn, db, name, "BEGIN IMMEDIATE TRANSACTION;");
+    if (status != CR_STATUS_OK) return status;
+    // Rolls back on every way out but the commit.
+    struct rollback_guard {
+        sqlite3* db;
+        bool armed = true;
+        ~rollback_guard() {
+            if (armed) sqlite3_exec(db, "ROLLBACK TRANSACTION;", nullptr, nullptr, nullptr);
+        }
+    } rollback{db};
+
+    app_query selector;
+    selector.type = plan.query_type;
+    std::string select_sql;
+    selector.query_sql(select_sql);
+    if (catalog_holds_no_table(db)) return CR_STATUS_OK;  // no table, no rows
+    sqlite3_stmt* select = nullptr;
+    status = prepare(fn, db, name, select_sql.c_str(), &select);
+    if (status != CR_STATUS_OK) return status;
+    auto_release<sqlite3_stmt> select_guard(select);
+    int rc = sqlite3_bind_text(select, 1, key_value.data(), static_cast<int>(key_value.size()),
+                               SQLITE_STATIC);
+    if (rc != SQLITE_OK) {
+        status = catalog_application_base::dberr_to_crstatus(rc);
+        ErrorA(status, "%s: DB[%s] failed to bind [%s] %s (%d, %s).", fn, name.c_str(),
+               select_sql.c_str(), key_value.c_str(), rc, sqlite3_errstr(rc));
+        return status;
+    }
+    authentication_application& rule = auth_app_factory::get_instance();
+    std::vector<std::string> removable;
+    for (;;) {
+        rc = sqlite3_step(select);
+        if (rc == SQLITE_DONE) break;
+        if (rc != SQLITE_ROW) {
+            status = catalog_application_base::dberr_to_crstatus(rc);
+            if (status == CR_STATUS_BUSY) {
+                WarningA(status, "%s: DB[%s] failed to step [%s] (%d, %s).", fn, name.c_str(),
+                         select_sql.c_str(), rc, sqlite3_errmsg(db));
+            } else {
+                ErrorA(status, "%s: DB[%s] failed to step [%s] (%d, %s).", fn, name.c_str(),
+                       select_sql.c_str(), rc, sqlite3_errmsg(db));
+            }
+            return status;
+        }
+        app_catalog_item row;
+        decode_row(select, row);
+        if (static_cast<uint32_t>(sqlite3_column_int(select, catalog_column_count - 1)) !=
+            catalog_application_base::crc_value(row)) {
+            // The owner of a damaged row cannot be trusted: the database is
+            // reported corrupt, as a query of it would be.
+            ErrorA(CR_STATUS_NONE, "%s: crc mismatch for app cat item %s", fn,
+                   row.to_string().c_str());
+            return CR_STATUS_CORRUPT;
+        }
+        ++check.matched;
+        if (rule.authenticate(check.user, check.role, &row, AUTH_AC_REMOVE, false) == CR_STATUS_OK) {
+            removable.push_back(row.file_name);
+        } else if (check.kept_owner.empty()) {
+            check.kept_owner = row.owner;
+        }
+    }
+
+    if (removable.empty()) {
+        // Nothing to remove; the transaction changed nothing.
+        return CR_STATUS_OK;
+    }
+    if (removable.size() == check.matched) {
+        sqlite3_stmt* stmt = nullptr;
+        status = prepare(fn, db, name, plan.statement, &stmt);
+        if (status != CR_STATUS_OK) return status;
+        auto_release<sqlite3_stmt> stmt_guard(stmt);
+        rc = self.delete_row_app_table(stmt, client, policy, plan.key_name, key_value, sql);
+        if (rc != SQLITE_OK) {
+            status = catalog_application_base::dberr_to_crstatus(rc);
+            ErrorA(status, "%s: DB[%s] failed to delete row %s (%d, %s).", fn, name.c_str(),
+                   key_value.c_str(), rc, sqlite3_errstr(rc));
+            sql.clear();
+            return status;
+        }
+        status = step_to_done(fn, db, stmt, name, sql);
+        if (status != CR_STATUS_OK) {
+            sql.clear();
+            return status;
+        }
+    } else {
+        sqlite3_stmt* stmt = nullptr;
+        status = prepare(fn, db, name, catalog_delete_by_name_sql, &stmt);
+        if (status != CR_STATUS_OK) return status;
+        auto_release<sqlite3_stmt> stmt_guard(stmt);
+        std::string names;
+        for (const std::string& file_name : removable) {
+            sqlite3_reset(stmt);
+            rc = sqlite3_bind_text(stmt, 1, file_name.data(), static_cast<int>(file_name.size()),
+                                   SQLITE_STATIC);
+            if (rc != SQLITE_OK) {
+                status = catalog_application_base::dberr_to_crstatus(rc);
+                ErrorA(status, "%s: DB[%s] failed to delete row %s (%d, %s).", fn, name.c_str(),
+                       file_name.c_str(), rc, sqlite3_errstr(rc));
+                return status;
+            }
+            status = step_to_done(fn, db, stmt, name, file_name);
+            if (status != CR_STATUS_OK) return status;
+            std::string quoted;
+            if (!sqlitedb::format_sql(quoted, "%Q", file_name.c_str())) throw std::bad_alloc();
+            if (!names.empty()) names += ", ";
+            names += quoted;
+        }
+        sql = catalog_delete_names_literal_prefix + names + ")";
+    }
+    status = run_transaction_statement(fn, db, name, "COMMIT TRANSACTION;");
+    if (status != CR_STATUS_OK) {
+        sql.clear();
+        return status;
+    }
+    rollback.armed = false;
+    check.removed = static_cast<unsigned int>(removable.size());
+    return CR_STATUS_OK;
+}
 
 // The attempt shared by both deletes.
 cr_status_t try_delete(catalog_application_base& self, const delete_plan& plan,
-                              const std::string& client, const std::string& policy,
-                              const std::string& key_value, std::string& sql) {
+                       const std::string& client, const std::string& policy,
+                       const std::string& key_value, std::string& sql, removal_check* check) {
     const char* const fn = plan.function;
     try {
-        if (plan.skip_missing_db && !self.shadow_copy_exist(client, policy)) {
+        if (check != nullptr) {
+            check->matched = 0;
+            check->removed = 0;
+        }
+        if ((plan.skip_missing_db || check != nullptr) && !self.shadow_copy_exist(client, policy)) {
             InfoA(CR_STATUS_OK, "%s: no app db shadow for %s %s", fn, client.c_str(),
                   policy.c_str());
             if (!self.db_existed(client, policy)) {
@@ -451,10 +659,15 @@ cr_status_t try_delete(catalog_application_base& self, const delete_plan& plan,
         Auto_Return_DB db_guard(self.cache.get(), self.to_db_full_path(client, policy), value);
         InfoA(CR_STATUS_OK, "%s: expire app catalog %s %s %s", fn, client.c_str(), policy.c_str(),
               key_value.c_str());
+        if (check != nullptr) {
+            return checked_delete(self, plan, value->db, name, client, policy, key_value, *check,
+                                  sql);
+        }
         sqlite3_stmt* stmt = nullptr;
         int rc = sqlite3_prepare_v2(value->db, plan.statement, -1, &stmt, nullptr);
         if (rc != SQLITE_OK) {
             sqlite3_finalize(stmt);
+            if (catalog_holds_no_table(value->db)) return CR_STATUS_OK;  // no table, no rows
             status = catalog_application_base::dberr_to_crstatus(rc);
             ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(),
                    plan.statement, rc, sqlite3_errstr(rc));
@@ -469,17 +682,7 @@ cr_status_t try_delete(catalog_application_base& self, const delete_plan& plan,
             return status;
         }
         // DONE is success also when no row matched.
-        rc = sqlite3_step(stmt);
-        if (rc == SQLITE_DONE) return CR_STATUS_OK;
-        status = catalog_application_base::dberr_to_crstatus(rc);
-        if (status == CR_STATUS_BUSY) {
-            WarningA(status, "%s: DB[%s] failed to step %s (%d, %s).", fn, name.c_str(),
-                     sql.c_str(), rc, sqlite3_errmsg(value->db));
-        } else {
-            ErrorA(status, "%s: DB[%s] failed to step %s (%d, %s).", fn, name.c_str(), sql.c_str(),
-                   rc, sqlite3_errmsg(value->db));
-        }
-        return status;
+        return step_to_done(fn, value->db, stmt, name, sql);
     } catch (...) {
         return exception_status(fn);
     }
@@ -490,31 +693,36 @@ cr_status_t try_delete(catalog_application_base& self, const delete_plan& plan,
 cr_status_t catalog_application_base::try_do_db_delete_by_file_name(const std::string& client,
                                                                     const std::string& policy,
                                                                     const std::string& file_name,
-                                                                    std::string& sql) {
+                                                                    std::string& sql,
+                                                                    removal_check* check) {
     // A missing database is not looked for: it comes back as the open failure.
     static const delete_plan plan = {"try_do_db_delete_by_file_name", catalog_delete_by_name_sql,
-                                     "name", false};
-    return try_delete(*this, plan, client, policy, file_name, sql);
+                                     "name", false, APP_QUERY_NAME};
+    return try_delete(*this, plan, client, policy, file_name, sql, check);
 }
 
 cr_status_t catalog_application_base::try_do_db_delete_by_backup_id(const std::string& client,
                                                                     const std::string& policy,
                                                                     const std::string& backup_id,
-                                                                    std::string& sql) {
+                                                                    std::string& sql,
+                                                                    removal_check* check) {
     static const delete_plan plan = {"try_do_db_delete_by_backup_id",
-                                     catalog_delete_by_backup_id_sql, "backupid", true};
-    return try_delete(*this, plan, client, policy, backup_id, sql);
+                                     catalog_delete_by_backup_id_sql, "backupid", true,
+                                     APP_QUERY_BACKUP_ID};
+    return try_delete(*this, plan, client, policy, backup_id, sql, check);
 }
 
 cr_status_t catalog_application_base::do_db_delete_by_file_name(const std::string& client,
                                                                 const std::string& policy,
                                                                 const std::string& file_name,
-                                                                std::string& sql) {
+                                                                std::string& sql,
+                                                                removal_check* check) {
     const char* const fn = "do_db_delete_by_file_name";
     try {
         const std::string name = to_db_full_name(client, policy);
         for (unsigned int busy = 0;;) {
-            const cr_status_t status = try_do_db_delete_by_file_name(client, policy, file_name, sql);
+            const cr_status_t status = try_do_db_delete_by_file_name(client, policy, file_name, sql,
+                                                                         check);
             if (status == CR_STATUS_OK) {
                 __TraceA("%s: del by file name db success for %s", fn, file_name.c_str());
                 return status;
@@ -536,12 +744,14 @@ cr_status_t catalog_application_base::do_db_delete_by_file_name(const std::strin
 cr_status_t catalog_application_base::do_db_delete_by_backup_id(const std::string& client,
                                                                 const std::string& policy,
                                                                 const std::string& backup_id,
-                                                                std::string& sql) {
+                                                                std::string& sql,
+                                                                removal_check* check) {
     const char* const fn = "do_db_delete_by_backup_id";
     try {
         const std::string name = to_db_full_name(client, policy);
         for (unsigned int busy = 0;;) {
-            const cr_status_t status = try_do_db_delete_by_backup_id(client, policy, backup_id, sql);
+            const cr_status_t status = try_do_db_delete_by_backup_id(client, policy, backup_id, sql,
+                                                                         check);
             if (status == CR_STATUS_OK) {
                 __TraceA("%s: del db success for %s", fn, backup_id.c_str());
                 return status;

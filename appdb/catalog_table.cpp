@@ -23,13 +23,15 @@ const char* const catalog_insert_sql =
     "?, ?, ?, ?, ?, ?)";
 
 const char* const catalog_insert_literal_format =
-    "INSERT INTO catalog VALUES (%u, %Q, %Q, %llu, %Q, %u, %u, %u, %Q, %Q, %llu, %llu, %llu, "
-    "%llu, %Q, %u, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %u)";
+    "INSERT INTO catalog VALUES (%d, %Q, %Q, %lld, %Q, %d, %d, %d, %Q, %Q, %lld, %lld, %lld, "
+    "%lld, %Q, %d, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %Q, %d)";
 
 const char* const catalog_delete_by_name_sql = "DELETE FROM catalog WHERE name = ?";
 
 const char* const catalog_delete_by_backup_id_sql = "DELETE FROM catalog WHERE backupid = ?";
 
 const char* const catalog_delete_literal_format = "DELETE FROM catalog WHERE %s = (%Q)";
+
+const char* const catalog_delete_names_literal_prefix = "DELETE FROM catalog WHERE name IN (";
 
 }  // namespace appdb

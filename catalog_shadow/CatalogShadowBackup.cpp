@@ -91,6 +91,10 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
                        "backup_unlocked", source.c_str());
             }
             result = CR_STATUS_CORRUPT;
+        } else if (PODBShadow::sqlite_holds_no_table(tmp)) {
+            ErrorA(CR_STATUS_FAILED, "%s: %s holds no table; it is not taken as a shadow version.",
+                   "backup_unlocked", source.c_str());
+            result = CR_STATUS_FAILED;
         } else {
             int added = shadow->add_new_version(type, tmp, crc);
             if (added == 1) {

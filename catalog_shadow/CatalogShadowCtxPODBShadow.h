@@ -233,6 +233,11 @@ public:
     // Copies `src` to `dst`, computing the copy's Adler-32 into `crc`.
     cr_status_t duplicate(const std::string& src, const std::string& dst, uint32_t* crc);
     static bool sqlite_integrity_check(const std::string& file);
+    // Whether the SQLite database `file` holds no table at all (what a
+    // creation that failed half-way leaves). Such a file is never taken as a
+    // version: restored, it would be a database without its table. False
+    // when the file cannot be read.
+    static bool sqlite_holds_no_table(const std::string& file);
     cr_status_t remove_version(const ShadowVersion& version);
     cr_status_t merge_shadows(const std::string& dir, const std::string& target, const std::string& type);
     cr_status_t destroy();

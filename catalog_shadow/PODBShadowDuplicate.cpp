@@ -235,3 +235,13 @@ bool PODBShadow::sqlite_integrity_check(const std::string& file) {
     db.close_db(kCloseRetries);
     return ok;
 }
+
+bool PODBShadow::sqlite_holds_no_table(const std::string& file) {
+    if (wa_access(file, 0) != 0) return false;
+    sqlitedb::sqlite3_wrapper db(file);
+    if (db.open_db() != CR_STATUS_OK) return false;
+    std::string count;
+    const bool none = db.run_pragma("SELECT count(*) FROM sqlite_master;", "0", &count);
+    db.close_db(kCloseRetries);
+    return none;
+}

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <stdarg.h>
+
 #include <fstream>
 #include <iterator>
 #include <new>
@@ -26,6 +28,22 @@ const size_t kLoggedSqlMax = 1024;
 const size_t kLoggedSqlCut = 1020;
 
 }  // namespace
+
+bool format_sql(std::string& out, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    char* text = sqlite3_vmprintf(format, ap);
+    va_end(ap);
+    if (text == nullptr) return false;
+    try {
+        out.assign(text);
+    } catch (const std::bad_alloc&) {
+        sqlite3_free(text);
+        return false;
+    }
+    sqlite3_free(text);
+    return true;
+}
 
 // ---------------------------------------------------------------- db_exception
 

@@ -21,6 +21,11 @@
 
 namespace sqlitedb {
 
+// Formats `format` with SQLite's own printf (so "%Q" quotes a text as an SQL
+// literal) into `out`, with no length limit: SQLite allocates what the text
+// needs. False, with `out` left alone, when that allocation fails.
+bool format_sql(std::string& out, const char* format, ...);
+
 // A SQLite result code, its text and the status it maps to.
 class db_exception {
 public:

@@ -337,7 +337,9 @@ TEST_F(CatalogOperations, ExpireIsDeniedToAnotherUser) {
     EXPECT_TRUE(logged(log_level::error, 106,
                        "expire_catalog: authenticate failed for user bob , app owner alice"))
         << log.dump();
-    EXPECT_TRUE(logged(log_level::error, 106, "authenticate: auth failed owner alice user bob"));
+    // Each row is checked quietly inside the removal; the one record above
+    // says what was refused.
+    EXPECT_EQ(0u, log.count_containing("authenticate: auth failed"));
     EXPECT_EQ(1, catt::raw_count(db_file("c", "p")));
 }
 
@@ -374,14 +376,15 @@ TEST_F(CatalogOperations, DeleteIsDeniedToAnotherUser) {
     EXPECT_EQ(1, catt::raw_count(db_file("c", "p")));
 }
 
-TEST_F(CatalogOperations, DeleteRemovesTheNamedRecordUnderTwoLockedSections) {
+// The row is checked and removed in one locked section (one transaction).
+TEST_F(CatalogOperations, DeleteRemovesTheNamedRecordUnderOneLockedSection) {
     insert(make_item("c", "p", "f", "B1", 100, "alice", 4));
     insert(make_item("c", "p", "g", "B1", 100, "alice", 4));
     record_locks();
     EXPECT_EQ(0u, app->del_catalog("alice", 4, "name|c,p,f"));
     EXPECT_EQ(0, catt::raw_count(db_file("c", "p"), "name = 'f'"));
     EXPECT_EQ(1, catt::raw_count(db_file("c", "p")));
-    EXPECT_EQ(twice(dir()), lock_calls);
+    EXPECT_EQ(section(dir()), lock_calls);
 }
 
 // ---- close_db ----

@@ -94,7 +94,7 @@ TEST_F(CatalogRows, LiteralInsertTextDoublesSingleQuotes) {
     const uint32_t crc = appdb::catalog_application_base::crc_value(item);
     EXPECT_EQ("INSERT INTO catalog VALUES (1, 'it''s', 'it''s', 10, 'B''1', 4, 0, 2, 'a', '', 1, 2, 3, "
               "4, 'o''w', 4, '', '', '', '', 'r3', '', '', '', '', '', '', " +
-                  std::to_string(crc) + ")",
+                  std::to_string(static_cast<int32_t>(crc)) + ")",
               sql);
     // The literal text is itself a valid statement producing the same row.
     kt::TempDir other;
@@ -111,28 +111,57 @@ TEST_F(CatalogRows, LiteralInsertTextDoublesSingleQuotes) {
     EXPECT_EQ(static_cast<uint32_t>(a[0].crc), static_cast<uint32_t>(b[0].crc));
 }
 
-TEST_F(CatalogRows, LiteralInsertTextIsBoundedBy3072ByteBuffer) {
+// The literal texts are formatted whole at any length: the statement
+// replayed in a fresh database stores the very row the bound insert stored.
+TEST_F(CatalogRows, LiteralInsertTextIsWholeAtAnyLength) {
     ASSERT_EQ(0u, app->create_db("c", "p"));
-    app_catalog_item item = make_item("c", "p", "long", "B1");
-    item.description = std::string(4000, 'd');
+    int n = 0;
+    for (size_t size : {size_t(4) << 10, size_t(64) << 10, size_t(1) << 20}) {
+        app_catalog_item item = make_item("c", "p", "long" + std::to_string(n++), "B1");
+        item.description = std::string(size, 'd') + "it's\nlast";
+        item.reserver0 = std::string(size, '\'');
+        item.data_object = "line\n" + std::string(size, 'o');
+        std::string sql;
+        ASSERT_EQ(0u, app->do_db_insert(item, sql));
+        EXPECT_GT(sql.size(), 3 * size);
+        EXPECT_EQ(")", sql.substr(sql.size() - 1));
+        kt::TempDir other;
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open(other.file("copy.db").c_str(), &db));
+        catt::raw_exec(db, appdb::catalog_create_table_sql);
+        catt::raw_exec(db, sql);
+        sqlite3_close(db);
+        const auto copy = catt::raw_dump(other.file("copy.db"));
+        ASSERT_EQ(1u, copy.size());
+        bool found = false;
+        for (const std::string& row : catt::raw_dump(db_file("c", "p"))) found = found || row == copy[0];
+        EXPECT_TRUE(found) << size;
+    }
+}
+
+// Every number is written as the value the statement binds: 32-bit fields
+// as signed int, the size and the times as signed 64-bit.
+TEST_F(CatalogRows, LiteralInsertTextWritesNumbersAsBound) {
+    ASSERT_EQ(0u, app->create_db("c", "p"));
+    app_catalog_item item = make_item("c", "p", "n", "B");
+    item.version = 0xFFFFFFFFu;
+    item.file_len = UINT64_MAX;
+    item.policy_type = 0x80000000u;
+    item.schedule_type = 0;
+    item.frag_nums = 7;
+    item.app_expire_time = -1;
+    item.orvo_expire_time = INT64_MIN;
+    item.backup_start_time = INT64_MAX;
+    item.backup_stop_time = 0;
+    item.owner_role = 4;
     std::string sql;
     ASSERT_EQ(0u, app->do_db_insert(item, sql));
-    // sqlite3_snprintf stops before a value that does not fit: the text is a
-    // prefix of the whole statement, shorter than the buffer.
-    EXPECT_LT(sql.size(), 3072u);
-    const std::string head = "INSERT INTO catalog VALUES (1, 'long', 'long', " +
-                             std::to_string(item.file_len) + ", 'B1', 7, 2, 3, 'app-long', 'obj', " +
-                             "1100, 2100, 100, 110, 'alice', 4, ";
-    EXPECT_EQ(head, sql);
-    // A description that fits is written whole, up to the last byte of the
-    // buffer.
-    item.file_name = "fits";
-    item.description = std::string(2700, 'd');
-    ASSERT_EQ(0u, app->do_db_insert(item, sql));
-    EXPECT_NE(std::string::npos, sql.find(item.description));
-    // The row itself is whole: binding does not go through the buffer.
-    EXPECT_EQ("4000", catt::raw_scalar(db_file("c", "p"),
-                                       "SELECT length(description) FROM catalog WHERE name='long'"));
+    const int32_t crc = static_cast<int32_t>(appdb::catalog_application_base::crc_value(item));
+    EXPECT_EQ(0u, sql.find("INSERT INTO catalog VALUES (-1, 'n', 'n', -1, 'B', -2147483648, 0, 7, ")) << sql;
+    EXPECT_NE(std::string::npos,
+              sql.find(", -1, -9223372036854775808, 9223372036854775807, 0, 'alice', 4, "))
+        << sql;
+    EXPECT_EQ(", " + std::to_string(crc) + ")", sql.substr(sql.rfind(", ")));
 }
 
 TEST_F(CatalogRows, LiteralDeleteTexts) {

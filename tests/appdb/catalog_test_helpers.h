@@ -162,6 +162,39 @@ inline std::vector<raw_row> raw_rows(const std::string& file, const std::string&
     return rows;
 }
 
+// Every row of `file` as stored, ordered by name: each column as its SQLite
+// storage class and its exact value (the integer, or every byte of the
+// text), so two dumps are equal only for byte-for-byte equal rows.
+inline std::vector<std::string> raw_dump(const std::string& file) {
+    std::vector<std::string> rows;
+    sqlite3* db = raw_open(file);
+    if (db == nullptr) return rows;
+    sqlite3_stmt* s = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT * FROM catalog ORDER BY name", -1, &s, nullptr) != SQLITE_OK) {
+        ADD_FAILURE() << sqlite3_errmsg(db);
+        sqlite3_close(db);
+        return rows;
+    }
+    while (sqlite3_step(s) == SQLITE_ROW) {
+        std::string row;
+        for (int i = 0; i < sqlite3_column_count(s); ++i) {
+            const int type = sqlite3_column_type(s, i);
+            row += std::to_string(type) + ":";
+            if (type == SQLITE_INTEGER) {
+                row += std::to_string(sqlite3_column_int64(s, i));
+            } else if (type != SQLITE_NULL) {
+                const void* bytes = sqlite3_column_blob(s, i);
+                row.append(static_cast<const char*>(bytes), static_cast<size_t>(sqlite3_column_bytes(s, i)));
+            }
+            row += "|";
+        }
+        rows.push_back(row);
+    }
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+    return rows;
+}
+
 inline void put_le(std::vector<unsigned char>& b, uint64_t v, int n) {
     for (int i = 0; i < n; ++i) b.push_back(static_cast<unsigned char>(v >> (8 * i)));
 }

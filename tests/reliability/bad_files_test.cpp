@@ -61,7 +61,6 @@ void truncate_to(const std::string& file, off_t size) { ASSERT_EQ(0, truncate(fi
 INSTANTIATE_TEST_SUITE_P(
     Reliability, BadDatabaseFileTest,
     ::testing::Values(
-        bad_db_case{"Empty", [](const std::string& f) { truncate_to(f, 0); }, "failed to prepare [SELECT * FROM catalog"},
         bad_db_case{"Truncated",
                     [](const std::string& f) {
                         struct stat st;
