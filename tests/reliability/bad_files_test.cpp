@@ -79,6 +79,32 @@ INSTANTIATE_TEST_SUITE_P(
                     "could not open db"}),
     [](const ::testing::TestParamInfo<bad_db_case>& info) { return std::string(info.param.name); });
 
+// An empty database file (a creation that failed half-way) holds no rows:
+// the listing shows it with none, logs no error, and does not write it.
+TEST(BadDatabaseFile, EmptyFileListsNoRecordsAndStaysEmpty) {
+    kt::TempDir tmp;
+    kt::LogCapture log;
+    kt::SleepCounter sleeps;
+    const std::string dbroot = tmp.file("db");
+    {
+        appdb::catalog_application_impl plain(1, dbroot + "/databases", 5);
+        ASSERT_EQ(0u, plain.update_catalog("alice", 4, catt::make_item("good", "pol", "f", "bid").to_string()));
+        ASSERT_EQ(0u, plain.update_catalog("alice", 4, catt::make_item("bad", "pol", "f", "bid").to_string()));
+    }
+    const std::string bad = dbroot + "/databases/application/1/bad/pol/app.db";
+    truncate_to(bad, 0);
+    log.clear();
+    cr_status_t status = 1;
+    const std::string out = relt::list_pool(dbroot, tmp.file("out.txt"), "*", &status);
+    EXPECT_EQ(0u, status);
+    EXPECT_NE(std::string::npos, out.find("/application/1/bad/pol]\ntotal app catalog 0\n")) << out;
+    EXPECT_NE(std::string::npos, out.find("/application/1/good/pol]\n")) << out;
+    for (const auto& r : log.records()) EXPECT_NE(dct::log_level::error, r.level) << r.message;
+    struct stat st;
+    ASSERT_EQ(0, stat(bad.c_str(), &st));
+    EXPECT_EQ(0, st.st_size);
+}
+
 // Every line of a checksum file damaged in turn (one changed character):
 // the file fails its own checksum, recovery refuses the shadow with a status
 // instead of trusting it, the damaged history is set aside in a "#corrupt_"
