@@ -45,7 +45,8 @@ extern const char* const app_db_filename;  // "app.db"
 // which it has logged; none throws.
 //
 // Statuses common to the operations that reach a database: 4 for a text or
-// query that does not parse, and also when the database's connection is lent
+// query that does not parse, or whose client or policy is no plain directory
+// name (check_db_names), and also when the database's connection is lent
 // to another operation at that moment (nothing was done; try again); 11 when
 // the database stayed busy through the retries (a 10-second busy timeout per
 // statement, 60 tries one second apart); 21 when the database cannot be opened
@@ -70,7 +71,8 @@ public:
     // Adds the record given in its line form (app_catalog_item::to_string),
     // creating the database of its client and policy when missing. The
     // access rule grants every caller the insert; a text that does not hold
-    // all 28 fields gives 4 and creates nothing. The shadow kind never
+    // all 28 fields, or whose stored text holds a NUL byte
+    // (unstorable_text_field), gives 4 and creates nothing. The shadow kind never
     // recreates empty a missing database that has a shadow copy: it recovers
     // it. On 0 the row is committed.
     virtual cr_status_t update_catalog(const char* user, unsigned int role,
@@ -89,13 +91,17 @@ public:
     // has "_HDR" at or after its last "_C"; the backup id is the part before
     // that "_C"). Any other image, or a backup without records, is a success
     // that removes nothing; so is a lookup of the backup that fails. The
-    // access rule is checked on the backup's first record (106 when refused).
+    // access rule is checked on every record of the backup inside the
+    // removal's transaction: only the caller's records go (a warning counts
+    // those that stay), and 106 when none of them is the caller's.
     // `lock` says whether to take the directory lock of the database; pass
     // true unless the caller holds it.
     virtual cr_status_t expire_catalog(const char* user, unsigned int role,
                                        const std::string& client, const std::string& policy,
                                        const std::string& image_name, bool lock) = 0;
-    // Removes the record named by a "name|" query (to_query_by_file_name).
+    // Removes the record named by a "name|" query (to_query_by_file_name);
+    // the name is compared literally ("Z*" names the record "Z*"). The access
+    // rule is checked on that record inside the removal's transaction.
     // 4 for a text that does not parse or a query of another kind, 72 when no
     // record has that name, 106 when the access rule refuses the caller.
     virtual cr_status_t del_catalog(const char* user, unsigned int role,

@@ -495,6 +495,35 @@ cr_status_t prepare(const char* fn, sqlite3* db, const std::string& name, const 
     return status;
 }
 
+// The plan's own delete of every row of the key, as one prepared statement;
+// its literal text goes to `sql`. DONE is success also when no row matched,
+// and a file without a table has no rows to delete.
+cr_status_t delete_by_key(catalog_application_base& self, const delete_plan& plan, sqlite3* db,
+                          const std::string& name, const std::string& client,
+                          const std::string& policy, const std::string& key_value,
+                          std::string& sql) {
+    const char* const fn = plan.function;
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db, plan.statement, -1, &stmt, nullptr);
+    if (rc != SQLITE_OK) {
+        sqlite3_finalize(stmt);
+        if (catalog_holds_no_table(db)) return CR_STATUS_OK;
+        const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+        ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(),
+               plan.statement, rc, sqlite3_errstr(rc));
+        return status;
+    }
+    auto_release<sqlite3_stmt> stmt_guard(stmt);
+    rc = self.delete_row_app_table(stmt, client, policy, plan.key_name, key_value, sql);
+    if (rc != SQLITE_OK) {
+        const cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+        ErrorA(status, "%s: DB[%s] failed to delete row %s (%d, %s).", fn, name.c_str(),
+               key_value.c_str(), rc, sqlite3_errstr(rc));
+        return status;
+    }
+    return step_to_done(fn, db, stmt, name, sql);
+}
+
 // The checked removal, inside one immediate transaction: selects the rows
 // the plan's delete would remove, keeps those the caller may not remove, and
 // removes the others. When every selected row may go, the plan's own delete
@@ -577,19 +606,7 @@ cr_status_t checked_delete(catalog_application_base& self, const delete_plan& pl
         return CR_STATUS_OK;
     }
     if (removable.size() == check.matched) {
-        sqlite3_stmt* stmt = nullptr;
-        status = prepare(fn, db, name, plan.statement, &stmt);
-        if (status != CR_STATUS_OK) return status;
-        auto_release<sqlite3_stmt> stmt_guard(stmt);
-        rc = self.delete_row_app_table(stmt, client, policy, plan.key_name, key_value, sql);
-        if (rc != SQLITE_OK) {
-            status = catalog_application_base::dberr_to_crstatus(rc);
-            ErrorA(status, "%s: DB[%s] failed to delete row %s (%d, %s).", fn, name.c_str(),
-                   key_value.c_str(), rc, sqlite3_errstr(rc));
-            sql.clear();
-            return status;
-        }
-        status = step_to_done(fn, db, stmt, name, sql);
+        status = delete_by_key(self, plan, db, name, client, policy, key_value, sql);
         if (status != CR_STATUS_OK) {
             sql.clear();
             return status;
@@ -663,26 +680,7 @@ cr_status_t try_delete(catalog_application_base& self, const delete_plan& plan,
             return checked_delete(self, plan, value->db, name, client, policy, key_value, *check,
                                   sql);
         }
-        sqlite3_stmt* stmt = nullptr;
-        int rc = sqlite3_prepare_v2(value->db, plan.statement, -1, &stmt, nullptr);
-        if (rc != SQLITE_OK) {
-            sqlite3_finalize(stmt);
-            if (catalog_holds_no_table(value->db)) return CR_STATUS_OK;  // no table, no rows
-            status = catalog_application_base::dberr_to_crstatus(rc);
-            ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(),
-                   plan.statement, rc, sqlite3_errstr(rc));
-            return status;
-        }
-        auto_release<sqlite3_stmt> stmt_guard(stmt);
-        rc = self.delete_row_app_table(stmt, client, policy, plan.key_name, key_value, sql);
-        if (rc != SQLITE_OK) {
-            status = catalog_application_base::dberr_to_crstatus(rc);
-            ErrorA(status, "%s: DB[%s] failed to delete row %s (%d, %s).", fn, name.c_str(),
-                   key_value.c_str(), rc, sqlite3_errstr(rc));
-            return status;
-        }
-        // DONE is success also when no row matched.
-        return step_to_done(fn, value->db, stmt, name, sql);
+        return delete_by_key(self, plan, value->db, name, client, policy, key_value, sql);
     } catch (...) {
         return exception_status(fn);
     }

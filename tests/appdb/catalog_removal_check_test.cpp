@@ -20,12 +20,14 @@ using dct::log_level;
 
 // ---- the plain catalog ----
 
+// The names of the rows of `file`, in order, joined by ",".
+std::string stored_names(const std::string& file) {
+    return catt::raw_scalar(file, "SELECT group_concat(name, ',') FROM (SELECT name FROM catalog ORDER BY name)");
+}
+
 class RemovalCheck : public catt::catalog_fixture {
 protected:
-    std::string names() const {
-        return catt::raw_scalar(db_file("c", "p"), "SELECT group_concat(name, ',') FROM "
-                                                   "(SELECT name FROM catalog ORDER BY name)");
-    }
+    std::string names() const { return stored_names(db_file("c", "p")); }
 };
 
 // Owner A owns "Za"; owner B owns a record literally named "Z*". A pattern
@@ -147,10 +149,7 @@ protected:
         shadowt::delete_database(db_file("c", "p"));
         ASSERT_EQ(0u, ctx->recover(db_dir("c", "p"), "appdb", 0)) << log.dump();
     }
-    std::string names() const {
-        return catt::raw_scalar(db_file("c", "p"), "SELECT group_concat(name, ',') FROM "
-                                                   "(SELECT name FROM catalog ORDER BY name)");
-    }
+    std::string names() const { return stored_names(db_file("c", "p")); }
 };
 
 TEST_F(ShadowRemovalCheck, PartialExpireJournalsExactlyTheRowsRemoved) {

@@ -18,6 +18,16 @@ using appdb::app_query;
 using catt::make_item;
 using dct::log_level;
 
+// Runs a literal statement in a new database `file` holding the catalog
+// table, as a replay does.
+void replay_in_fresh_db(const std::string& sql, const std::string& file) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &db));
+    catt::raw_exec(db, appdb::catalog_create_table_sql);
+    catt::raw_exec(db, sql);
+    sqlite3_close(db);
+}
+
 class CatalogRows : public catt::catalog_fixture {
 protected:
     app_query query(const std::string& text, std::string& sql) {
@@ -98,11 +108,7 @@ TEST_F(CatalogRows, LiteralInsertTextDoublesSingleQuotes) {
               sql);
     // The literal text is itself a valid statement producing the same row.
     kt::TempDir other;
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(other.file("copy.db").c_str(), &db));
-    catt::raw_exec(db, appdb::catalog_create_table_sql);
-    catt::raw_exec(db, sql);
-    sqlite3_close(db);
+    replay_in_fresh_db(sql, other.file("copy.db"));
     const auto a = catt::raw_rows(db_file("c", "p"));
     const auto b = catt::raw_rows(other.file("copy.db"));
     ASSERT_EQ(1u, b.size());
@@ -126,11 +132,7 @@ TEST_F(CatalogRows, LiteralInsertTextIsWholeAtAnyLength) {
         EXPECT_GT(sql.size(), 3 * size);
         EXPECT_EQ(")", sql.substr(sql.size() - 1));
         kt::TempDir other;
-        sqlite3* db = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open(other.file("copy.db").c_str(), &db));
-        catt::raw_exec(db, appdb::catalog_create_table_sql);
-        catt::raw_exec(db, sql);
-        sqlite3_close(db);
+        replay_in_fresh_db(sql, other.file("copy.db"));
         const auto copy = catt::raw_dump(other.file("copy.db"));
         ASSERT_EQ(1u, copy.size());
         bool found = false;
