@@ -215,8 +215,8 @@ public:
     cr_status_t create_db(const std::string& client, const std::string& policy);
     // Creates the database of the item's client and policy unless it exists
     // or has a shadow copy (a database with a shadow is left to recovery,
-    // never recreated empty). An existing file without a shadow that holds
-    // no table at all (a creation that failed half-way) gets its schema now.
+    // never recreated empty). An existing empty file without a shadow (a
+    // creation that failed half-way) gets its schema now.
     // `created` tells whether a file was made or completed.
     cr_status_t need_create_db(const app_catalog_item& item, bool& created);
     // Opens an existing database read-write (never creates one), with the busy

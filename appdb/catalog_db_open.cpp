@@ -2,6 +2,8 @@
 // deciding when to create one, and opening one directly or through the cache.
 #include "appdb/catalog_application.h"
 
+#include <sys/stat.h>
+
 #include "appdb/catalog_table.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -112,9 +114,13 @@ cr_status_t catalog_application_base::need_create_db(const app_catalog_item& ite
     if (db_existed(item.client, item.policy)) {
         WarningA(CR_STATUS_OK, "%s: app db %s no shadow but db exist", "need_create_db",
                  name.c_str());
-        // A file left without its table by a failed creation is completed
-        // now and counts as created, so that the shadow kind takes its first
-        // copy of it as of a new database.
+        // An empty file is what a creation that failed half-way leaves (the
+        // file is made at the open, its first page written only with the
+        // table): it is completed now and counts as created, so that the
+        // shadow kind takes its first copy of it as of a new database. Only
+        // the size is looked at here, so a sound database costs no open.
+        struct stat st;
+        if (wa_stat(name, &st) != 0 || st.st_size != 0) return CR_STATUS_OK;
         sqlite3* db = nullptr;
         cr_status_t status = open_db(item.client, item.policy, &db);
         if (status == CR_STATUS_OK) status = complete_tableless_catalog(db, name, created);
