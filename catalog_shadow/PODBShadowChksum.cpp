@@ -161,6 +161,9 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
         ErrorA(status, "can't persist version info file %s.", path.c_str());
         return status;
     }
+    // The file now holds this text, whether or not the directory sync below
+    // succeeds; what this object believes stays authoritative meanwhile.
+    state_(type).on_disk = content;
     if (wa_syncdir(shadow_dir_) != 0) {
         cr_status_t status = _crMapError("persist_chksum", __FILE__, __LINE__);
         ErrorA(status, "can't persist version info file %s.", path.c_str());
@@ -170,7 +173,6 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
     // Remember what the file now says about the newest journal, so that a later
     // failed sync can fall back to exactly this state.
     TypeState& s = state_(type);
-    s.on_disk = content;
     s.mark = JournalMark();
     if (!s.versions->empty()) {
         const ShadowVersion& newest = s.versions->front();
