@@ -131,6 +131,17 @@ appdb_value* appdb_cache::create_db(const std::string& path, sqlite3* db) {
     return v;
 }
 
+bool appdb_cache::end_borrow(const char* function, const std::string& path) {
+    auto out = no_return_cache_.find(path);
+    if (out == no_return_cache_.end()) {
+        ErrorA(CR_STATUS_NONE, "%s: don't find app db path %s in no_return_cache", function,
+               path.c_str());
+        return false;
+    }
+    no_return_cache_.erase(out);
+    return true;
+}
+
 bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
     scoped_mutex lock(&mutex_);
     __TraceA("%s: return db %s", __func__, path.c_str());
@@ -139,13 +150,7 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
         ErrorA(CR_STATUS_NONE, "%s: dup db path %s", __func__, path.c_str());
         return false;
     }
-    auto out = no_return_cache_.find(path);
-    if (out == no_return_cache_.end()) {
-        ErrorA(CR_STATUS_NONE, "%s: don't find app db path %s in no_return_cache", __func__,
-               path.c_str());
-        return false;
-    }
-    no_return_cache_.erase(out);
+    if (!end_borrow(__func__, path)) return false;
     try {
         cache_.emplace(path, v);
     } catch (const std::bad_alloc&) {
@@ -168,13 +173,7 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
 
 bool appdb_cache::discard_db(const std::string& path, appdb_value* v) {
     scoped_mutex lock(&mutex_);
-    auto out = no_return_cache_.find(path);
-    if (out == no_return_cache_.end()) {
-        ErrorA(CR_STATUS_NONE, "%s: don't find app db path %s in no_return_cache", __func__,
-               path.c_str());
-        return false;
-    }
-    no_return_cache_.erase(out);
+    if (!end_borrow(__func__, path)) return false;
     InfoA(0, "%s: close app db %s", __func__, path.c_str());
     close_sqlite3_db(v->db, path);
     delete v;

@@ -85,6 +85,9 @@ private:
     class scoped_mutex;
 
     // The operations below run with mutex_ held.
+    // Takes `path` out of no_return_cache_; false (logged under `function`)
+    // when it was not handed out.
+    bool end_borrow(const char* function, const std::string& path);
     void reclaim();
     bool add_priority(unsigned long time, const std::string& path);
     bool del_priority(unsigned long time, const std::string& path);
