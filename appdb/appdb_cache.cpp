@@ -131,6 +131,17 @@ appdb_value* appdb_cache::create_db(const std::string& path, sqlite3* db) {
     return v;
 }
 
+bool appdb_cache::end_borrow(const char* function, const std::string& path) {
+    auto out = no_return_cache_.find(path);
+    if (out == no_return_cache_.end()) {
+        ErrorA(CR_STATUS_NONE, "%s: don't find app db path %s in no_return_cache", function,
+               path.c_str());
+        return false;
+    }
+    no_return_cache_.erase(out);
+    return true;
+}
+
 bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
     scoped_mutex lock(&mutex_);
     __TraceA("%s: return db %s", __func__, path.c_str());
@@ -139,13 +150,7 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
         ErrorA(CR_STATUS_NONE, "%s: dup db path %s", __func__, path.c_str());
         return false;
     }
-    auto out = no_return_cache_.find(path);
-    if (out == no_return_cache_.end()) {
-        ErrorA(CR_STATUS_NONE, "%s: don't find app db path %s in no_return_cache", __func__,
-               path.c_str());
-        return false;
-    }
-    no_return_cache_.erase(out);
+    if (!end_borrow(__func__, path)) return false;
     try {
         cache_.emplace(path, v);
     } catch (const std::bad_alloc&) {
@@ -163,6 +168,15 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
         return false;
     }
     reclaim();
+    return true;
+}
+
+bool appdb_cache::discard_db(const std::string& path, appdb_value* v) {
+    scoped_mutex lock(&mutex_);
+    if (!end_borrow(__func__, path)) return false;
+    InfoA(0, "%s: close app db %s", __func__, path.c_str());
+    close_sqlite3_db(v->db, path);
+    delete v;
     return true;
 }
 
@@ -289,23 +303,32 @@ void appdb_cache::close_db(const std::string& path) {
 // that returns its connection later is accepted and the connection is closed
 // with the cache, and no second connection to the same database is registered
 // meanwhile.
+//
+// Directory locks come before the cache's mutex: an operation holds its
+// directory and then calls into the cache. So the idle connections are taken
+// out under the mutex, and locked and closed after it is released.
 void appdb_cache::close_all_db() {
-    scoped_mutex lock(&mutex_);
-    log_state();
-    InfoA(0, "%s: cache app db size %u", __func__, static_cast<unsigned>(cache_.size()));
-    for (auto& entry : cache_) {
+    std::map<std::string, appdb_value*> idle;
+    std::vector<std::string> borrowed;
+    {
+        scoped_mutex lock(&mutex_);
+        log_state();
+        InfoA(0, "%s: cache app db size %u", __func__, static_cast<unsigned>(cache_.size()));
+        idle.swap(cache_);
+        clear_cache_priority();
+        if (!no_return_cache_.empty()) {
+            ErrorA(0, "%s: no_return_cache_ size %u", __func__,
+                   static_cast<unsigned>(no_return_cache_.size()));
+            borrowed.assign(no_return_cache_.begin(), no_return_cache_.end());
+        }
+    }
+    for (auto& entry : idle) {
         DirectoryLock::ScopedLock dir_lock(dir_lock_, entry.first);
         report_lock_state(dir_lock, entry.first);
         close_sqlite3_db(entry.second->db, entry.first);
         delete entry.second;
     }
-    cache_.clear();
-    clear_cache_priority();
-
-    if (no_return_cache_.empty()) return;
-    ErrorA(0, "%s: no_return_cache_ size %u", __func__,
-           static_cast<unsigned>(no_return_cache_.size()));
-    for (const std::string& path : no_return_cache_) {
+    for (const std::string& path : borrowed) {
         DirectoryLock::ScopedLock dir_lock(dir_lock_, path);
         report_lock_state(dir_lock, path);
     }

@@ -8,7 +8,9 @@
 // may stay over capacity: a borrower's connection is never closed under it.
 //
 // Thread-safe: one mutex serialises every public operation, including the
-// closes with their one-second busy retries. No operation throws.
+// closes with their one-second busy retries. No operation throws. Lock order:
+// a caller may hold a database directory lock when it calls in; the cache never
+// takes a directory lock while it holds its mutex.
 #ifndef APPDB_APPDB_CACHE_H_
 #define APPDB_APPDB_CACHE_H_
 
@@ -55,6 +57,12 @@ public:
     // memory running out has closed the connection.
     bool return_db(const std::string& path, appdb_value* v);
 
+    // Closes a handed-out connection of `path` and forgets it, instead of
+    // taking it back: for a connection whose file another process has
+    // replaced or removed. False when `path` was not handed out; `v` then
+    // stays the caller's.
+    bool discard_db(const std::string& path, appdb_value* v);
+
     // Closes the idle connection of `path`; a handed-out one is left alone.
     void close_db(const std::string& path);
 
@@ -77,6 +85,9 @@ private:
     class scoped_mutex;
 
     // The operations below run with mutex_ held.
+    // Takes `path` out of no_return_cache_; false (logged under `function`)
+    // when it was not handed out.
+    bool end_borrow(const char* function, const std::string& path);
     void reclaim();
     bool add_priority(unsigned long time, const std::string& path);
     bool del_priority(unsigned long time, const std::string& path);

@@ -46,18 +46,21 @@ extern const char* const app_db_filename;  // "app.db"
 //
 // Statuses common to the operations that reach a database: 4 for a text or
 // query that does not parse, or whose client or policy is no plain directory
-// name (check_db_names), and also when the database's connection is lent
-// to another operation at that moment (nothing was done; try again); 11 when
-// the database stayed busy through the retries (a 10-second busy timeout per
-// statement, 60 tries one second apart); 21 when the database cannot be opened
+// name (check_db_names); 11 when the database stayed busy through the
+// retries (a 10-second busy timeout per statement, 60 tries one second apart)
+// or its directory lock was not had within 60 seconds (nothing was done; try
+// again); 21 when the database cannot be opened
 // or read; 22 out of memory; 67 for a corrupt database or a row whose checksum
 // does not match; 106 when the access rule refuses the caller.
 //
-// Threads: one object may be shared by several threads, and operations on
-// different databases run in parallel. One database (one client and policy) is
-// meant to be worked on by one operation at a time; a second operation on it
-// at the same moment may be refused with 4, as above. A call may block for as
-// long as another process keeps the database busy.
+// Threads and processes: one object may be shared by several threads, and
+// operations on different databases run in parallel. Every operation holds the
+// directory lock of its database (CatalogDirectoryLock) from its first read to
+// its last write, journal and checksum file included; operations on one
+// database, from any thread, object or process, wait for each other there
+// (up to 60 seconds, then 11). The lock is taken before the database's
+// connection is borrowed from the cache. A call may block for as long as
+// another process holds the database.
 //
 // Items and result vectors are the caller's; the object keeps no reference to
 // them after the call.

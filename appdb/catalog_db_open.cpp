@@ -33,6 +33,13 @@ cr_status_t create_schema(const char* fn, sqlite3* db, const std::string& name) 
     return status;
 }
 
+// Whether the file `db` has open is no longer the one its name leads to.
+bool file_has_moved(sqlite3* db) {
+    int moved = 0;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK) return false;
+    return moved != 0;
+}
+
 }  // namespace
 
 // Whether the open database holds no schema object at all. Anything that
@@ -79,11 +86,18 @@ cr_status_t complete_tableless_catalog(sqlite3* db, const std::string& name, boo
 cr_status_t catalog_application_base::create_db(const std::string& client,
                                                 const std::string& policy) {
     const std::string dir = to_db_full_path(client, policy);
-    if (wa_access(dir, 0) != 0 && CreateTreeA(dir, 0750) != 0) {
-        ErrorA(CR_STATUS_FAILED, "%s: can't create folder: %s", "create_db", dir.c_str());
-        return CR_STATUS_FAILED;
-    }
     const std::string name = to_db_full_name(client, policy);
+    if (wa_access(dir, 0) != 0) {
+        if (CreateTreeA(dir, 0750) != 0) {
+            ErrorA(CR_STATUS_FAILED, "%s: can't create folder: %s", "create_db", dir.c_str());
+            return CR_STATUS_FAILED;
+        }
+        // The directory was locked through an ancestor while it was missing;
+        // now it is locked itself. Whoever got in first made the database.
+        const cr_status_t locked = CatalogDirectoryLock::LockCreated(dir);
+        if (locked != CR_STATUS_OK) return locked;
+        if (wa_access(name, 0) == 0) return CR_STATUS_OK;
+    }
     sqlite3* db = nullptr;
     const int rc =
         sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
@@ -169,7 +183,16 @@ cr_status_t catalog_application_base::open_db_with_cached(const std::string& cli
     *value = nullptr;
     if (cache) {
         *value = cache->get_db(key);
-        if (*value != nullptr) return CR_STATUS_OK;
+        if (*value != nullptr && !file_has_moved((*value)->db)) return CR_STATUS_OK;
+        if (*value != nullptr) {
+            // Another process replaced the file (a recovery renames a rebuilt
+            // one over it) or removed it: nothing may be written to a file that
+            // has lost its name. The path is opened afresh below.
+            InfoA(CR_STATUS_OK, "%s: app db %s was replaced, reopen it", "open_db_with_cached",
+                  key.c_str());
+            cache->discard_db(key, *value);
+            *value = nullptr;
+        }
     }
     InfoA(CR_STATUS_OK, "%s: found no cache for %s", "open_db_with_cached", key.c_str());
     sqlite3* db = nullptr;

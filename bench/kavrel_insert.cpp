@@ -11,37 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "appdb/catalog_application.h"
-#include "bench_catalog.h"
-#include "catalog_shadow/CatalogShadowCtx.h"
-#include "catalog_shadow/ConfigFileShadowProxy.h"
-
-namespace {
-
-appdb::app_catalog_item to_item(const bench_row& r) {
-    appdb::app_catalog_item it;
-    it.version = r.version;
-    it.file_name = r.file_name;
-    it.file_len = r.file_len;
-    it.backup_id = r.backup_id;
-    it.policy = BENCH_POLICY;
-    it.policy_type = r.policy_type;
-    it.schedule_type = r.schedule_type;
-    it.frag_nums = r.frag_nums;
-    it.client = "client0000";
-    it.app_id = r.app_id;
-    it.data_object = r.data_object;
-    it.app_expire_time = r.app_expire_time;
-    it.orvo_expire_time = r.orvo_expire_time;
-    it.backup_start_time = r.backup_start_time;
-    it.backup_stop_time = r.backup_stop_time;
-    it.owner = r.owner;
-    it.owner_role = r.owner_role;
-    it.description = r.description;
-    return it;
-}
-
-}  // namespace
+#include "bench_item.h"
 
 int main(int argc, char** argv) {
     if (argc != 4) {
@@ -53,25 +23,14 @@ int main(int argc, char** argv) {
     const long count = atol(argv[3]);
 
     std::unique_ptr<CatalogShadowContext> ctx;
-    if (type == 2) {
-        CatalogShadowIdentity((root + "/storage/catalogshadow").c_str()).create_identity();
-        ctx.reset(new CatalogShadowContext(new ConfigFileShadowProxy(root + "/pool.cfg", root),
-                                           new CatalogDirectoryLock()));
-        if (ctx->init() != CR_STATUS_OK) {
-            fprintf(stderr, "kavrel_insert: shadow context init failed\n");
-            return 1;
-        }
-    }
-    std::unique_ptr<appdb::catalog_application> app(appdb::catalog_application_factory::create_catalog(
-        BENCH_DSID, root + "/databases", type == 2 ? appdb::APP_D_CATALOG_SHADOW : appdb::APP_D_CATALOG, ctx.get(),
-        5));
+    std::unique_ptr<appdb::catalog_application> app = bench_open_catalog(type, root, &ctx);
     if (!app) return 1;
 
     std::vector<std::string> lines;
     for (long i = 0; i <= count; ++i) {
         bench_row r;
         bench_make_row(i, &r);
-        lines.push_back(to_item(r).to_string());
+        lines.push_back(bench_item(r, "client0000").to_string());
     }
 
     int64_t start = 0;

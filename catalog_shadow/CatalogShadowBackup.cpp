@@ -37,6 +37,8 @@ cr_status_t CatalogShadowContext::backup(const std::string& dir) { return backup
 cr_status_t CatalogShadowContext::backup(const std::string& dir, const std::string& type) {
     try {
         DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
+        // The lock has logged why it was not had; the backup does not start.
+        if (lock.GetStatus() != CR_STATUS_OK) return lock.GetStatus();
         return backup_unlocked(dir, type, 0);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "backup", e);
@@ -58,6 +60,8 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
         // Journal lines of this directory wait until the new version is in
         // place, so that none lands in a journal that the copy has outdated.
         std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+        // The newest version may be another process's.
+        shadow->refresh_from_disk(type, true);
 
         const std::string source = dir + "/" + PODBShadow::db_file_name(type);
         tmp = temporary_copy(*shadow, type);

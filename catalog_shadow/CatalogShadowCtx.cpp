@@ -111,7 +111,12 @@ bool CatalogShadowContext::has_shadow_copy(const std::string& dir) {
 bool CatalogShadowContext::has_shadow_copy(const std::string& dir, const std::string& type) {
     if (!enabled || !pool) return false;
     try {
-        return pool->get(dir)->get_version_count(type) > 0;
+        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
+        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+        // Another process may have made or removed the history meanwhile; a
+        // question writes nothing, even about a damaged checksum file.
+        shadow->refresh_from_disk(type, false);
+        return shadow->get_version_count(type) > 0;
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "has_shadow_copy", e);
         return false;
@@ -129,7 +134,8 @@ cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
         // The handle's statements go in as one run, not mixed with other lines.
         std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
         const std::vector<std::string> statements = podb->get_pending_statements();
-        cr_status_t result = CR_STATUS_OK;
+        cr_status_t result = shadow->refresh_from_disk(PODBShadow::_podb_type_, true);
+        if (result != CR_STATUS_OK) return result;
         for (const std::string& statement : statements) {
             cr_status_t status = shadow->write_journal(PODBShadow::_podb_type_, statement);
             if (status != CR_STATUS_OK) {
@@ -156,7 +162,10 @@ cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const st
     try {
         boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
         std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-        cr_status_t status = shadow->write_journal(type, statement);
+        // Never append after lines another process wrote without counting them.
+        cr_status_t status = shadow->refresh_from_disk(type, true);
+        if (status != CR_STATUS_OK) return status;
+        status = shadow->write_journal(type, statement);
         if (status != CR_STATUS_OK) return status;
         return shadow->flush_journal(type);
     } catch (const char* e) {

@@ -21,8 +21,13 @@
 // that holds the database file), and `type` is one of the type words
 // PODBShadow::_podb_type_ ("podb"), _uldb_type_ ("uldb") and _appdb_type_
 // ("appdb"). Work on one directory's shadow (backup, recovery, journal lines)
-// is serialised inside the context; different directories proceed in
-// parallel.
+// is serialised inside the context, and between contexts and processes by the
+// directory lock of that directory (with a CatalogDirectoryLock); different
+// directories proceed in parallel. Under the lock, a shadow reloads what
+// another process changed (PODBShadow::refresh_from_disk) before it appends a
+// journal line, backs up or recovers. Looking a shadow up, and has_shadow_copy,
+// write nothing: the shadow directory and checksum files appear with the first
+// backup.
 #ifndef CATALOG_SHADOW_CATALOGSHADOWCTX_H_
 #define CATALOG_SHADOW_CATALOGSHADOWCTX_H_
 
@@ -176,7 +181,9 @@ public:
     // --- Backup (built in its own sources) ---
 
     // backup_unlocked of the PO database (first form) or of `type` in `dir`,
-    // under the directory lock of `dir`.
+    // under the directory lock of `dir`. When the lock is not had (11 after
+    // the wait limit, 106 or another status when the directory cannot be
+    // opened) the backup does not start and that status is returned.
     cr_status_t backup(const std::string& dir);
     cr_status_t backup(const std::string& dir, const std::string& type);
     // Copies the database of `type` in `dir` into its shadow directory as the
@@ -202,6 +209,8 @@ public:
 
     // recover_unlocked of the PO database (first form) or of `type` in `dir`,
     // after checking the identity file, under the directory lock of `dir`.
+    // When the lock is not had the recovery does not start and the lock's
+    // status is returned (11, 106, ...).
     // 4 when the feature is off or the identity file is missing.
     cr_status_t recover(const std::string& dir, unsigned flags);
     cr_status_t recover(const std::string& dir, const std::string& type, unsigned flags);

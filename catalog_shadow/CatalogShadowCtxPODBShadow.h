@@ -55,6 +55,10 @@ namespace sqlitedb {
 class sqlite3_wrapper;
 }
 
+// Reads the whole of a small file (a checksum file) into `text`. False (and
+// `text` empty) when it cannot be opened.
+bool read_small_file(const std::string& path, std::string* text);
+
 // One version of one database type in a shadow directory.
 class ShadowVersion {
 public:
@@ -173,9 +177,21 @@ public:
     bool exist(const std::string& type) const;
 
     // For "podb", "uldb", "appdb" in turn: load_versions(type, true) when
-    // exist(type), else initialize(type). Used when the shadow enters the pool
-    // and when it is reloaded.
+    // exist(type), else an empty history in memory only (nothing is written:
+    // the shadow directory and checksum file are made by the first backup).
+    // Used when the shadow enters the pool and when it is reloaded.
     void load_all();
+
+    // Makes the in-memory state of `type` the disk's again when another
+    // process has changed it: compares the checksum file's bytes with those
+    // last persisted or loaded here, and the active journal's length with what
+    // this object wrote. On a difference the journal stream is closed (its
+    // reopening checks the journal and cuts lines a killed writer left) and
+    // the checksum file is reloaded (load_versions(type, reset_if_damaged)),
+    // or the history emptied when the file is gone. Called under the
+    // directory lock before a journal line, a backup or a recovery. 0, or the
+    // status of the reload.
+    cr_status_t refresh_from_disk(const std::string& type, bool reset_if_damaged);
 
     // Creates the shadow directory tree when it is missing.
     cr_status_t checkCreateWorkDir();
@@ -259,6 +275,9 @@ private:
         ShadowVersionListPtr versions;             // newest first, never null
         boost::shared_ptr<JournalStream> journal;  // active journal, or null
         JournalMark mark;
+        // The checksum file's bytes as last persisted or loaded here; empty
+        // when there was none.
+        std::string on_disk;
     };
 
     // The slot of a type word; throws "bad parameter" for any other word.

@@ -60,6 +60,8 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
     boost::shared_ptr<PODBShadow> shadow = context.pool->get(dir);
     // No journal line of this directory may land while it is rebuilt.
     std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+    // Versions and journals may have changed in another process.
+    shadow->refresh_from_disk(type, true);
 
     const std::string real = dir + "/" + PODBShadow::db_file_name(type);
     const std::string target = real + ".tmp";
@@ -67,6 +69,9 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
     if (wa_access(dir, 0) != 0 && wa_createtree(dir, 0755) != 0) {
         status = _crMapError("recover_unlocked", __FILE__, __LINE__);
         ErrorA(status, "%s: %s could not be created", "recover_unlocked", dir.c_str());
+    } else {
+        // A directory made here was locked through an ancestor until now.
+        status = CatalogDirectoryLock::LockCreated(dir);
     }
     try {
         // A crashed recovery may have left its file and, worse, a journal
@@ -123,6 +128,8 @@ cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::str
     if (status != CR_STATUS_OK) return status;
     try {
         DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
+        // The lock has logged why it was not had; the recovery does not start.
+        if (lock.GetStatus() != CR_STATUS_OK) return lock.GetStatus();
         return recover_database(*this, dir, type);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover", e);

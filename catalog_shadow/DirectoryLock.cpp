@@ -1,5 +1,23 @@
 #include "catalog_shadow/DirectoryLock.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "dct/log.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
 DirectoryLock::~DirectoryLock() = default;
 
 cr_status_t DirectoryLock::GetLockString(const std::string&, std::string*, unsigned int*) const {
@@ -18,7 +36,217 @@ DirectoryLock::ScopedLock::ScopedLock(DirectoryLock* lock, const std::string& di
 }
 
 DirectoryLock::ScopedLock::~ScopedLock() {
-    if (lock_ != nullptr) lock_->Unlock(dir_, mode_);
+    // A lock that was not had is not released: it might be an outer holder's.
+    if (lock_ != nullptr && status_ == CR_STATUS_OK) lock_->Unlock(dir_, mode_);
+}
+
+// ------------------------------------------------------- CatalogDirectoryLock
+
+namespace {
+
+using dir_key = CatalogDirectoryLock::dir_key;
+using steady = std::chrono::steady_clock;
+
+// A directory some thread of this process holds: the descriptor carrying the
+// flock and how many Lock calls of that thread it stands for.
+struct holder {
+    std::thread::id owner;
+    unsigned long depth;
+    int fd;
+};
+
+void forget_after_fork();
+void hold_for_fork();
+void release_after_fork();
+
+// Process-wide: which directories this process holds, and for which thread.
+// Function statics, so that locks taken during static initialisation work.
+std::mutex& table_mutex() {
+    static std::mutex m;
+    return m;
+}
+std::map<dir_key, holder>& table() {
+    static std::map<dir_key, holder>* t = []() {
+        // A forked child shares the parent's open file descriptions, and with
+        // them the parent's flocks: it must not believe it holds them.
+        pthread_atfork(hold_for_fork, release_after_fork, forget_after_fork);
+        return new std::map<dir_key, holder>;
+    }();
+    return *t;
+}
+
+// What one Lock call acquired, for the object that made it: the directories
+// it holds (the ancestor it stood in for a missing directory, then that
+// directory once created).
+struct frame {
+    const CatalogDirectoryLock* object;
+    std::vector<dir_key> keys;
+    bool on_ancestor;
+};
+using frame_owner = std::pair<std::thread::id, std::string>;
+
+// Process-wide, so that LockCreated finds the stand-in locks of every object.
+std::mutex& frames_mutex() {
+    static std::mutex m;
+    return m;
+}
+std::map<frame_owner, std::vector<frame>>& frames() {
+    static std::map<frame_owner, std::vector<frame>> f;
+    return f;
+}
+
+std::atomic<long> g_wait_limit_ms{0};
+
+void hold_for_fork() {
+    frames_mutex().lock();
+    table_mutex().lock();
+}
+
+void release_after_fork() {
+    table_mutex().unlock();
+    frames_mutex().unlock();
+}
+
+// In the child: close the inherited descriptors without unlocking (an unlock
+// would end the parent's lock too) and forget every hold.
+void forget_after_fork() {
+    for (auto& entry : table()) ::close(entry.second.fd);
+    table().clear();
+    frames().clear();
+    release_after_fork();
+}
+
+// The first poll waits this long; each further one twice as long, up to the cap.
+const auto kFirstPoll = std::chrono::microseconds(50);
+const auto kLongestPoll = std::chrono::microseconds(5000);
+
+bool stat_dir(const std::string& path, struct stat* st) {
+    return ::stat(path.c_str(), st) == 0 && S_ISDIR(st->st_mode);
+}
+
+std::string parent_of(const std::string& path) {
+    std::string p = path;
+    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    const std::string::size_type slash = p.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return p.substr(0, slash);
+}
+
+// `dir` itself when it is a directory, else its nearest existing ancestor
+// directory (the root or "." at the latest). `ancestor` says which.
+std::string lock_target(const std::string& dir, bool* ancestor) {
+    struct stat st;
+    std::string target = dir.empty() ? std::string(".") : dir;
+    *ancestor = false;
+    while (!stat_dir(target, &st)) {
+        const std::string up = parent_of(target);
+        if (up == target) break;
+        target = up;
+        *ancestor = true;
+    }
+    return target;
+}
+
+// Counts a thread's second hold of a directory it holds already.
+bool count_up(const dir_key& key) {
+    std::lock_guard<std::mutex> guard(table_mutex());
+    auto it = table().find(key);
+    if (it == table().end() || it->second.owner != std::this_thread::get_id()) return false;
+    ++it->second.depth;
+    return true;
+}
+
+void release(const dir_key& key) {
+    std::lock_guard<std::mutex> guard(table_mutex());
+    auto it = table().find(key);
+    if (it == table().end()) return;
+    if (--it->second.depth > 0) return;
+    // Unlocked and erased under the table mutex: a thread that gets the flock
+    // next finds the entry gone when it registers.
+    ::flock(it->second.fd, LOCK_UN);
+    ::close(it->second.fd);
+    table().erase(it);
+}
+
+enum class acquire_result { held, retry, failed };
+
+// Takes `target` for the calling thread: counts up when it holds it already,
+// else opens and flocks it, waiting until `deadline`. After the flock, checks
+// that the descriptor is still the directory at `target` (it may have been
+// removed or replaced while we waited); when not, lets go and asks for a retry.
+acquire_result acquire(const std::string& target, steady::time_point deadline, dir_key* key,
+                       cr_status_t* status) {
+    const int fd = ::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return acquire_result::retry;
+        *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
+        ErrorA(*status, "Failed to open directory %s to lock it", target.c_str());
+        return acquire_result::failed;
+    }
+    struct stat held;
+    if (::fstat(fd, &held) != 0) {
+        *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
+        ErrorA(*status, "Failed to stat directory %s to lock it", target.c_str());
+        ::close(fd);
+        return acquire_result::failed;
+    }
+    *key = dir_key(held.st_dev, held.st_ino);
+    if (count_up(*key)) {
+        ::close(fd);
+        return acquire_result::held;
+    }
+    auto pause = kFirstPoll;
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
+            ErrorA(*status, "Failed to lock directory %s", target.c_str());
+            ::close(fd);
+            return acquire_result::failed;
+        }
+        if (steady::now() >= deadline) {
+            *status = CR_STATUS_BUSY;
+            ErrorA(CR_STATUS_BUSY, "Timed out waiting for the lock on directory %s",
+                   target.c_str());
+            ::close(fd);
+            return acquire_result::failed;
+        }
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, kLongestPoll);
+    }
+    struct stat now;
+    if (!stat_dir(target, &now) || now.st_dev != held.st_dev || now.st_ino != held.st_ino) {
+        ::flock(fd, LOCK_UN);
+        ::close(fd);
+        return acquire_result::retry;
+    }
+    std::lock_guard<std::mutex> guard(table_mutex());
+    table()[*key] = holder{std::this_thread::get_id(), 1, fd};
+    return acquire_result::held;
+}
+
+}  // namespace
+
+CatalogDirectoryLock::~CatalogDirectoryLock() {
+    // Holds left behind by a caller that never unlocked are given back, so
+    // that the process-wide table does not keep a directory locked for ever.
+    std::vector<dir_key> left;
+    {
+        std::lock_guard<std::mutex> guard(frames_mutex());
+        for (auto it = frames().begin(); it != frames().end();) {
+            std::vector<frame>& list = it->second;
+            for (auto f = list.begin(); f != list.end();) {
+                if (f->object != this) {
+                    ++f;
+                    continue;
+                }
+                left.insert(left.end(), f->keys.begin(), f->keys.end());
+                f = list.erase(f);
+            }
+            it = list.empty() ? frames().erase(it) : std::next(it);
+        }
+    }
+    for (const dir_key& key : left) release(key);
 }
 
 cr_status_t CatalogDirectoryLock::GetLockString(const std::string&, std::string* owner,
@@ -28,6 +256,110 @@ cr_status_t CatalogDirectoryLock::GetLockString(const std::string&, std::string*
     return CR_STATUS_OK;
 }
 
-cr_status_t CatalogDirectoryLock::Lock(const std::string&, unsigned int) { return CR_STATUS_OK; }
+void CatalogDirectoryLock::set_wait_limit_ms(long ms) {
+    g_wait_limit_ms.store(ms > 0 ? ms : 0, std::memory_order_relaxed);
+}
 
-cr_status_t CatalogDirectoryLock::Unlock(const std::string&, unsigned int) { return CR_STATUS_OK; }
+long CatalogDirectoryLock::wait_limit_ms() {
+    const long ms = g_wait_limit_ms.load(std::memory_order_relaxed);
+    if (ms > 0) return ms;
+    return static_cast<long>(sqlitedb::sqlite3_wrapper::transaction_busy_tries) * 1000L;
+}
+
+namespace {
+
+// Takes `dir`, or its nearest existing ancestor while it is missing, for the
+// calling thread. `ancestor` says which was taken.
+cr_status_t take(const std::string& dir, bool allow_ancestor, dir_key* key, bool* ancestor) {
+    const steady::time_point deadline =
+        steady::now() + std::chrono::milliseconds(CatalogDirectoryLock::wait_limit_ms());
+    for (;;) {
+        const std::string target = lock_target(dir, ancestor);
+        if (*ancestor && !allow_ancestor) return CR_STATUS_MISSING;
+        cr_status_t status = CR_STATUS_OK;
+        const acquire_result result = acquire(target, deadline, key, &status);
+        if (result == acquire_result::failed) return status;
+        if (result == acquire_result::retry) continue;
+        if (*ancestor) {
+            // Someone may have created the directory while we waited; then it
+            // is the directory that must be locked.
+            struct stat st;
+            if (stat_dir(dir, &st)) {
+                release(*key);
+                continue;
+            }
+        }
+        return CR_STATUS_OK;
+    }
+}
+
+}  // namespace
+
+cr_status_t CatalogDirectoryLock::Lock(const std::string& dir, unsigned int) {
+    dir_key key;
+    bool ancestor = false;
+    const cr_status_t status = take(dir, true, &key, &ancestor);
+    if (status != CR_STATUS_OK) return status;
+    std::lock_guard<std::mutex> guard(frames_mutex());
+    frames()[frame_owner(std::this_thread::get_id(), dir)].push_back(
+        frame{this, std::vector<dir_key>(1, key), ancestor});
+    return CR_STATUS_OK;
+}
+
+cr_status_t CatalogDirectoryLock::LockCreated(const std::string& dir) {
+    const frame_owner who(std::this_thread::get_id(), dir);
+    size_t standing_in = 0;
+    {
+        std::lock_guard<std::mutex> guard(frames_mutex());
+        auto it = frames().find(who);
+        if (it != frames().end()) {
+            for (const frame& f : it->second) standing_in += f.on_ancestor ? 1 : 0;
+        }
+    }
+    if (standing_in == 0) return CR_STATUS_OK;
+    dir_key key;
+    bool ancestor = false;
+    const cr_status_t status = take(dir, false, &key, &ancestor);
+    if (status == CR_STATUS_MISSING) {
+        ErrorA(status, "Directory %s to lock is missing", dir.c_str());
+        return status;
+    }
+    if (status != CR_STATUS_OK) return status;
+    // Every stand-in lock of this thread now holds the directory too: one
+    // count each, so it stays locked until the outermost of them ends.
+    std::lock_guard<std::mutex> guard(frames_mutex());
+    size_t extended = 0;
+    auto it = frames().find(who);
+    if (it != frames().end()) {
+        for (frame& f : it->second) {
+            if (!f.on_ancestor) continue;
+            if (extended > 0) count_up(key);
+            f.keys.push_back(key);
+            f.on_ancestor = false;
+            ++extended;
+        }
+    }
+    if (extended == 0) release(key);
+    return CR_STATUS_OK;
+}
+
+cr_status_t CatalogDirectoryLock::Unlock(const std::string& dir, unsigned int) {
+    std::vector<dir_key> keys;
+    {
+        std::lock_guard<std::mutex> guard(frames_mutex());
+        auto it = frames().find(frame_owner(std::this_thread::get_id(), dir));
+        auto f = it == frames().end() ? std::vector<frame>::reverse_iterator()
+                                      : std::find_if(it->second.rbegin(), it->second.rend(),
+                                                     [this](const frame& x) { return x.object == this; });
+        if (it == frames().end() || f == it->second.rend()) {
+            __TraceA("Unlock of directory %s that this thread does not hold", dir.c_str());
+            return CR_STATUS_OK;
+        }
+        keys = std::move(f->keys);
+        it->second.erase(std::next(f).base());
+        if (it->second.empty()) frames().erase(it);
+    }
+    // Released in the reverse order of acquisition.
+    for (auto k = keys.rbegin(); k != keys.rend(); ++k) release(*k);
+    return CR_STATUS_OK;
+}

@@ -1,17 +1,15 @@
 // Directory locks: the hook through which every component that works on one
-// database directory serialises that work. In this system Lock and Unlock take no
-// lock at all; every caller still goes through them so that a real lock can be
-// placed behind the same calls.
-//
-// What this means for an embedding service: two operations on one database at
-// the same moment are kept apart by the open-database cache (which refuses the
-// second with 4) and two processes by SQLite's own file locking, not by this
-// lock. A DirectoryLock handed to CatalogShadowContext is owned by it; the
-// catalog applications that the factory builds each own theirs.
+// database directory serialises that work. The base DirectoryLock takes no lock;
+// CatalogDirectoryLock takes a real one (see below). A DirectoryLock handed to
+// CatalogShadowContext is owned by it; the catalog applications that the
+// factory builds each own theirs.
 #ifndef CATALOG_SHADOW_DIRECTORYLOCK_H_
 #define CATALOG_SHADOW_DIRECTORYLOCK_H_
 
+#include <sys/types.h>
+
 #include <string>
+#include <utility>
 
 #include "dct/status.h"
 
@@ -28,7 +26,8 @@ public:
     virtual cr_status_t Unlock(const std::string& dir, unsigned int mode);
 
     // Holds the lock on one directory for one scope: GetLockString then Lock at
-    // construction, Unlock at destruction (on the same lock object).
+    // construction, Unlock at destruction (on the same lock object) when the
+    // Lock call returned 0.
     class ScopedLock {
     public:
         ScopedLock(DirectoryLock* lock, const std::string& dir);
@@ -51,13 +50,56 @@ public:
     };
 };
 
-// The lock of the catalog: owner "kavrel", mode 2; Lock and Unlock do nothing.
+// The lock of the catalog: owner "kavrel", mode 2. Lock(dir) takes an
+// exclusive flock on a descriptor of `dir` opened read-only, so it needs only
+// read access, creates no file and is released by the kernel when the process
+// dies. Each acquisition has its own open file description: two lock objects,
+// two threads or two processes exclude each other alike.
+//
+// - Re-entrant per thread: a thread that already holds a directory (through any
+//   CatalogDirectoryLock object) only counts up; each Unlock releases what the
+//   matching Lock of the same object and thread acquired.
+// - A missing `dir` (a writer is about to create it) locks its nearest existing
+//   ancestor instead. Whoever creates `dir` under that lock calls
+//   LockCreated(dir) on the same thread right after creating it, and then
+//   re-checks whether the database exists (another process may have made it
+//   in the gap).
+// - Waiting polls with a short growing real-time sleep, bounded by the busy
+//   limit of the database layer (transaction_busy_tries seconds) or by
+//   set_wait_limit_ms. Timeout: 11 and one error record naming the directory;
+//   a directory that cannot be opened: its mapped status (106, 2, ...) and one
+//   record.
+// - Lock order: a directory lock is taken before any mutex of the open-database
+//   cache, never while holding one.
+// Thread-safe; objects may be shared between threads.
 class CatalogDirectoryLock : public DirectoryLock {
 public:
+    CatalogDirectoryLock() = default;
+    // Releases whatever this object still holds.
+    ~CatalogDirectoryLock() override;
+    CatalogDirectoryLock(const CatalogDirectoryLock&) = delete;
+    CatalogDirectoryLock& operator=(const CatalogDirectoryLock&) = delete;
+
     cr_status_t GetLockString(const std::string& dir, std::string* owner,
                               unsigned int* mode) const override;
     cr_status_t Lock(const std::string& dir, unsigned int mode) override;
     cr_status_t Unlock(const std::string& dir, unsigned int mode) override;
+
+    // Longest wait for one lock, in milliseconds, process-wide; a value <= 0
+    // restores the default (the database layer's busy limit). Lowering it
+    // lets tests provoke the timeout quickly.
+    static void set_wait_limit_ms(long ms);
+    static long wait_limit_ms();
+
+    // Called by whoever has just created `dir` while this thread held a lock
+    // that stood in for it (its nearest existing ancestor, because `dir` was
+    // missing): also locks `dir`, for as long as each such lock is held, so
+    // that nobody enters the new directory before its creator is done. Does
+    // nothing (0) when this thread holds no such lock. Statuses as Lock.
+    static cr_status_t LockCreated(const std::string& dir);
+
+    // (st_dev, st_ino) of a locked directory.
+    using dir_key = std::pair<dev_t, ino_t>;
 };
 
 #endif  // CATALOG_SHADOW_DIRECTORYLOCK_H_

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <zlib.h>
 
@@ -144,7 +145,39 @@ void PODBShadow::load_all() {
         if (exist(*type)) {
             load_versions(*type, true);
         } else {
-            initialize(*type);
+            // A query must leave nothing behind: no directory, no file.
+            TypeState& s = state_(*type);
+            s.journal.reset();
+            s.mark = JournalMark();
+            s.versions.reset(new ShadowVersionList);
+            s.on_disk.clear();
         }
+    }
+}
+
+cr_status_t PODBShadow::refresh_from_disk(const std::string& type, bool reset_if_damaged) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    try {
+        TypeState& s = state_(type);
+        const std::string path = shadow_dir_ + "/" + chksum_file(type);
+        std::string text;
+        const bool present = read_small_file(path, &text);
+        bool changed = text != s.on_disk || (!present && !s.versions->empty());
+        if (!changed && s.journal) {
+            struct stat st;
+            changed = wa_stat(s.journal->path(), &st) != 0 ||
+                      static_cast<uint64_t>(st.st_size) != s.journal->size();
+        }
+        if (!changed) return CR_STATUS_OK;
+        InfoA(CR_STATUS_OK, "Shadow %s of %s changed on disk, reload it", shadow_dir_.c_str(), type.c_str());
+        if (present) return load_versions(type, reset_if_damaged);
+        s.journal.reset();
+        s.mark = JournalMark();
+        s.versions.reset(new ShadowVersionList);
+        s.on_disk.clear();
+        return CR_STATUS_OK;
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "refresh_from_disk", e);
+        return CR_STATUS_FAILED;
     }
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <memory>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
@@ -63,6 +64,18 @@ int write_all(int fd, const std::string& data) {
 }
 
 }  // namespace
+
+bool read_small_file(const std::string& path, std::string* text) {
+    std::ifstream in(path.c_str(), std::ios::in | std::ios::binary);
+    if (!in.is_open()) {
+        text->clear();
+        return false;
+    }
+    std::ostringstream out;
+    out << in.rdbuf();
+    *text = out.str();
+    return true;
+}
 
 void PODBShadow::getline_parse(std::string& line, std::istream& in, const std::string& key, CRC& crc,
                                uint64_t& value) {
@@ -148,6 +161,9 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
         ErrorA(status, "can't persist version info file %s.", path.c_str());
         return status;
     }
+    // The file now holds this text, whether or not the directory sync below
+    // succeeds; what this object believes stays authoritative meanwhile.
+    state_(type).on_disk = content;
     if (wa_syncdir(shadow_dir_) != 0) {
         cr_status_t status = _crMapError("persist_chksum", __FILE__, __LINE__);
         ErrorA(status, "can't persist version info file %s.", path.c_str());
@@ -173,8 +189,9 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
 }
 
 void PODBShadow::load_versions_from_(const std::string& type, const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::in | std::ios::binary);
-    if (!in.is_open()) throw std::string("open file ") + path + " failed.";
+    std::string text;
+    if (!read_small_file(path, &text)) throw std::string("open file ") + path + " failed.";
+    std::istringstream in(text);
 
     CRC crc;
     std::string line;
@@ -202,6 +219,7 @@ void PODBShadow::load_versions_from_(const std::string& type, const std::string&
     TypeState& s = state_(type);
     s.versions.reset(list.release());
     s.current = current;
+    s.on_disk = text;
 }
 
 uint64_t PODBShadow::highest_version_on_disk_(const std::string& type) const {
@@ -277,6 +295,7 @@ cr_status_t PODBShadow::load_versions(const std::string& type, bool reset_if_dam
         ErrorA(CR_STATUS_CORRUPT, "failed to load chksum file %s", path.c_str());
     }
     s->versions.reset(new ShadowVersionList);
+    s->on_disk.clear();
     WarningA(CR_STATUS_CORRUPT, "%s: checksum file for shadow %s corrupted or missing.", "load_versions",
              shadow_dir_.c_str());
     if (reset_if_damaged) {

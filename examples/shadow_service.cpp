@@ -11,9 +11,16 @@
 //
 // and then does what a backup service does with its catalog: records the items
 // of two backups, looks them up, expires the first backup, takes a shadow
-// backup, records a third backup, and finally loses the database file. The
+// backup, records a third backup, then records two more at the same moment
+// from two processes (a second process of the service with its own context
+// and catalog on the same pool), and finally loses the database file. The
 // next query notices the loss, rebuilds the database from the newest shadow
 // copy plus its journal, and finds every item that was acknowledged.
+//
+// Several processes may work on one pool: every operation on a database
+// directory holds that directory's lock (CatalogDirectoryLock) from its first
+// read to its last write, so the processes take turns per database, and each
+// finds the shadow as the others left it.
 //
 // Exit status 0 when the catalog answered as expected at every step. Errors
 // and warnings of the library are printed through a log sink, in line with
@@ -23,6 +30,7 @@
 // the way to its recovery.
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -215,6 +223,31 @@ int main(int argc, char** argv) {
     check(shadow.backup(db_dir, PODBShadow::_appdb_type_) == CR_STATUS_OK, "shadow backup taken");
     check(record_backup(*catalog, third, 1700172800), "backup 3 recorded");
 
+    printf("recording backups 4 and 5 at once from two processes\n");
+    const std::string fourth = std::string(kClient) + "_1700259200";
+    const std::string fifth = std::string(kClient) + "_1700345600";
+    fflush(stdout);
+    const pid_t other = fork();
+    if (other == 0) {
+        // The second process: a context and a catalog of its own, as a second
+        // instance of the service would have. Nothing is shared but the disk.
+        CatalogShadowContext its_shadow(new MailShadowProxy(config, databases), new CatalogDirectoryLock());
+        if (its_shadow.init() != CR_STATUS_OK) _exit(1);
+        std::unique_ptr<appdb::catalog_application> its_catalog(appdb::catalog_application_factory::create_catalog(
+            kDataStore, databases, appdb::APP_D_CATALOG_SHADOW, &its_shadow, kCacheSize));
+        const bool ok = its_catalog && record_backup(*its_catalog, fourth, 1700259200);
+        its_catalog.reset();
+        fflush(stdout);
+        _exit(ok ? 0 : 1);
+    }
+    const bool mine = record_backup(*catalog, fifth, 1700345600);
+    int other_status = 1;
+    const bool waited = other > 0 && waitpid(other, &other_status, 0) == other;
+    check(mine, "backup 5 recorded by this process");
+    check(waited && WIFEXITED(other_status) && WEXITSTATUS(other_status) == 0,
+          "backup 4 recorded by the second process meanwhile");
+    check(count_items(*catalog) == 12, "12 items found");
+
     printf("losing the database file\n");
     // Close the cached connection first: an open connection would keep the
     // deleted file alive.
@@ -222,10 +255,12 @@ int main(int argc, char** argv) {
     check(unlink(db_file.c_str()) == 0, "app.db removed");
 
     printf("querying again: the catalog recovers the database from its shadow\n");
-    check(count_items(*catalog) == 6, "6 items found after recovery");
+    check(count_items(*catalog) == 12, "12 items found after recovery");
     check(access(db_file.c_str(), F_OK) == 0, "app.db is back");
     check(catalog->find_by_file_name(kClient, kPolicy, third + "_C1_HDR", found, true) == CR_STATUS_OK,
           "backup 3 (journalled after the shadow backup) is there");
+    check(catalog->find_by_file_name(kClient, kPolicy, fourth + "_C1_F2", found, true) == CR_STATUS_OK,
+          "backup 4 (the second process's) is there");
 
     // Connections close when the application is destroyed; the context goes
     // after every application that uses it.

@@ -29,7 +29,7 @@ RUNS=${BENCH_RUNS:-$([ -n "$QUICK" ] && echo 5 || echo 7)}
 B="$BUILD_DIR/bench"
 KAVREL="$BUILD_DIR/tool/kavrel"
 PROGRAMS="gen_catalog gen_shadow bench_runner baseline_list baseline_insert baseline_query baseline_openclose
-          kavrel_insert kavrel_query kavrel_cache kavrel_backup kavrel_recover"
+          kavrel_insert kavrel_insert_procs kavrel_query kavrel_cache kavrel_backup kavrel_recover"
 missing=""
 for p in $PROGRAMS; do [ -x "$B/$p" ] || missing="$missing $p"; done
 [ -x "$KAVREL" ] || missing="$missing kavrel"
@@ -61,6 +61,7 @@ if [ -n "$QUICK" ]; then
   Q_ID=200 Q_GLOB=20 Q_NAME=500 Q_RANGE=3
   CACHE_OPS=5000
   INS_DISK=20 INS_SHM=200
+  INS_PROCS=40
   RECOVER_BASE=5000 RECOVER_MAIN=5000
   RECOVER_SERIES="100 500 2000 10000"
 else
@@ -73,6 +74,7 @@ else
   Q_ID=2000 Q_GLOB=200 Q_NAME=5000 Q_RANGE=3
   CACHE_OPS=20000
   INS_DISK=200 INS_SHM=2000
+  INS_PROCS=400
   RECOVER_BASE=100000 RECOVER_MAIN=100000
   RECOVER_SERIES="1000 5000 20000 100000"
 fi
@@ -224,6 +226,38 @@ if [ -n "$SHM" ]; then
   insert_rows "$SHM/insert" "$INS_SHM" "tmpfs" "$RUNS" no
   rm -rf "$SHM"
 fi
+
+# ---- inserts from several processes ----
+
+# The same rows shared out between 1, 2 and 4 processes, each with its own
+# catalog and shadow context, on one database and on four: the time is for all
+# of them, so a ratio below 1 is throughput gained. Each point next to the
+# plain catalog doing the same; then the shadow-protected points against one
+# process.
+procs_rows() {  # ROOT COUNT WHERE
+  local root=$1 count=$2 where=$3
+  [ -f "$root/.generated" ] || "$B/gen_catalog" "$root" 0 0
+  local prep kp
+  prep="rm -rf $(q "$root/databases") $(q "$root/storage")"
+  kp="exec $(q "$B/kavrel_insert_procs")"
+  for point in 1:1 2:1 4:1 2:2 4:4; do
+    local p=${point%%:*} d=${point##*:}
+    compare --runs "$INS_RUNS" --op "update_catalog from $p processes on $d database(s), shadow vs plain" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      --note "kavrel's plain catalog (type 1), same processes" \
+      --kavrel "$kp 2 $(q "$root") $count $p $d" --baseline "$kp 1 $(q "$root") $count $p $d"
+  done
+  for point in 2:1 4:1 2:2 4:4; do
+    local p=${point%%:*} d=${point##*:} target="--target 1"
+    [ "$point" = 4:4 ] && target="--target 0.56"
+    # shellcheck disable=SC2086
+    compare --runs "$INS_RUNS" --op "shadow-protected inserts, $p processes on $d database(s) vs 1 process" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      $target --note "one process, one database, same rows" \
+      --kavrel "$kp 2 $(q "$root") $count $p $d" --baseline "$kp 2 $(q "$root") $count 1 1"
+  done
+}
+procs_rows "$DATA/insert-procs" "$INS_PROCS" "disk"
 
 # ---- backup ----
 

@@ -19,8 +19,6 @@ namespace {
 
 // Every connection waits this long for a lock before a statement reports busy.
 const int kBusyTimeoutMs = 10000;
-// Transaction statements are retried this often while busy, one second apart.
-const int kTransactionBusyTries = 60;
 // Closes made on the way (destructor, reopen, failed open, drop) retry this often.
 const unsigned long kCloseRetries = 3;
 // A failing statement longer than this is logged cut short.
@@ -232,7 +230,7 @@ cr_status_t sqlite3_wrapper::run_transaction_statement(const char* function, con
             const cr_status_t status = exec(sql, nullptr);
             if (status != CR_STATUS_BUSY) return status;
             DctSleep(1);
-            if (attempt >= kTransactionBusyTries) return CR_STATUS_BUSY;
+            if (attempt >= static_cast<int>(transaction_busy_tries)) return CR_STATUS_BUSY;
         }
     } catch (const db_exception& e) {
         ErrorA(e.cr_status(), "%s: Catch sqlite database runtime exception [%d]: %s", function,

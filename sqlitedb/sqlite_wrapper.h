@@ -55,6 +55,10 @@ class sqlite3_wrapper {
 public:
     // Most rows a single query hands back.
     static constexpr unsigned int max_record_count_per_query = 10240;
+    // Transaction statements are retried this often while busy, one second
+    // apart; other waits on a busy database (the directory lock) are bounded by
+    // the same total.
+    static constexpr unsigned int transaction_busy_tries = 60;
 
     // Stores `path`; no connection is made.
     explicit sqlite3_wrapper(const std::string& path);

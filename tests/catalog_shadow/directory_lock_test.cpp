@@ -55,7 +55,7 @@ TEST(CatalogDirectoryLock, OwnerKavrelModeTwoForAnyDirectory) {
 TEST(CatalogDirectoryLock, LockAndUnlockSucceed) {
     CatalogDirectoryLock lock;
     EXPECT_EQ(lock.Lock("/x", 2), CR_STATUS_OK);
-    EXPECT_EQ(lock.Lock("/x", 2), CR_STATUS_OK);  // taking it twice is fine: it holds nothing
+    EXPECT_EQ(lock.Lock("/x", 2), CR_STATUS_OK);  // taking it twice in one thread only counts up
     EXPECT_EQ(lock.Unlock("/x", 2), CR_STATUS_OK);
     EXPECT_EQ(lock.Unlock("/x", 2), CR_STATUS_OK);
     EXPECT_EQ(lock.Unlock("", 0), CR_STATUS_OK);
@@ -124,8 +124,10 @@ TEST(ScopedLock, KeepsTheStatusesOfLockStringAndLock) {
         EXPECT_EQ(guard.GetLockStringStatus(), CR_STATUS_NOT_FOUND);
         EXPECT_EQ(guard.GetStatus(), CR_STATUS_BUSY);
     }
-    ASSERT_EQ(lock.calls.size(), 3u);
-    EXPECT_EQ(lock.calls[2].op, "Unlock");
+    // A lock that was not had is not released: the release could end an
+    // outer holder's lock on the same directory.
+    ASSERT_EQ(lock.calls.size(), 2u);
+    EXPECT_EQ(lock.calls[1].op, "Lock");
 }
 
 TEST(ScopedLock, NestedGuardsReleaseInReverseOrder) {

@@ -1,0 +1,291 @@
+// The catalog's directory lock as a real lock: between processes, between
+// objects and threads of one process, re-entrant in one thread, released by
+// the kernel, read-only, bounded, and invisible on disk.
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "catalog_shadow/DirectoryLock.h"
+#include "common/test_util.h"
+#include "sqlitedb/sqlite_wrapper.h"
+
+namespace {
+
+// Restores the default wait limit when a test ends.
+class WaitLimit {
+public:
+    explicit WaitLimit(long ms) { CatalogDirectoryLock::set_wait_limit_ms(ms); }
+    ~WaitLimit() { CatalogDirectoryLock::set_wait_limit_ms(0); }
+};
+
+// Runs `body` in a forked child and returns its exit code (-signal when killed).
+template <typename Body>
+int run_child(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFSIGNALED(status)) return -WTERMSIG(status);
+    return WEXITSTATUS(status);
+}
+
+// The status a fresh lock object in a child process gets for `dir`, waiting
+// at most `ms` milliseconds.
+int child_lock_status(const std::string& dir, long ms) {
+    return run_child([&dir, ms]() {
+        CatalogDirectoryLock::set_wait_limit_ms(ms);
+        CatalogDirectoryLock lock;
+        const cr_status_t status = lock.Lock(dir, 2);
+        if (status == CR_STATUS_OK) lock.Unlock(dir, 2);
+        return static_cast<int>(status);
+    });
+}
+
+// Every entry below `dir`, relative to it, depth first.
+void list_tree(const std::string& dir, const std::string& prefix, std::vector<std::string>* out) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    while (struct dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name == "." || name == "..") continue;
+        out->push_back(prefix + name);
+        list_tree(dir + "/" + name, prefix + name + "/", out);
+    }
+    closedir(d);
+}
+
+}  // namespace
+
+TEST(CatalogDirectoryLockProcess, DefaultWaitIsTheDatabaseBusyLimit) {
+    CatalogDirectoryLock::set_wait_limit_ms(0);
+    EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(),
+              static_cast<long>(sqlitedb::sqlite3_wrapper::transaction_busy_tries) * 1000L);
+    {
+        WaitLimit limit(250);
+        EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(), 250);
+    }
+    EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(), 60000);
+}
+
+TEST(CatalogDirectoryLockProcess, ExcludesAnotherProcessUntilUnlocked) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(tmp.path(), 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 100), static_cast<int>(CR_STATUS_BUSY));
+    ASSERT_EQ(lock.Unlock(tmp.path(), 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 100), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, TimeoutGivesBusyAndOneRecordNamingTheDirectory) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock holder;
+    ASSERT_EQ(holder.Lock(tmp.path(), 2), CR_STATUS_OK);
+    std::atomic<cr_status_t> status{CR_STATUS_OK};
+    kt::LogCapture log;
+    {
+        WaitLimit limit(50);
+        std::thread other([&tmp, &status]() {
+            CatalogDirectoryLock lock;
+            status = lock.Lock(tmp.path(), 2);
+        });
+        other.join();
+    }
+    EXPECT_EQ(status.load(), CR_STATUS_BUSY);
+    EXPECT_EQ(log.count(dct::log_level::error, CR_STATUS_BUSY,
+                        "Timed out waiting for the lock on directory " + tmp.path()),
+              1u)
+        << log.dump();
+    EXPECT_EQ(log.records().size(), 1u) << log.dump();
+    holder.Unlock(tmp.path(), 2);
+}
+
+TEST(CatalogDirectoryLockProcess, TwoObjectsInTwoThreadsWaitForEachOther) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock first;
+    CatalogDirectoryLock second;
+    ASSERT_EQ(first.Lock(tmp.path(), 2), CR_STATUS_OK);
+    std::atomic<bool> released{false};
+    std::atomic<bool> got_before_release{false};
+    std::atomic<cr_status_t> status{CR_STATUS_FAILED};
+    std::thread waiter([&]() {
+        status = second.Lock(tmp.path(), 2);
+        if (!released.load()) got_before_release = true;
+        second.Unlock(tmp.path(), 2);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    released = true;
+    first.Unlock(tmp.path(), 2);
+    waiter.join();
+    EXPECT_EQ(status.load(), CR_STATUS_OK);
+    EXPECT_FALSE(got_before_release.load());
+}
+
+TEST(CatalogDirectoryLockProcess, ReentrantInOneThreadAcrossObjects) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock a;
+    CatalogDirectoryLock b;
+    {
+        DirectoryLock::ScopedLock outer(&a, tmp.path());
+        DirectoryLock::ScopedLock same_object(&a, tmp.path());
+        DirectoryLock::ScopedLock other_object(&b, tmp.path());
+        EXPECT_EQ(outer.GetStatus(), CR_STATUS_OK);
+        EXPECT_EQ(same_object.GetStatus(), CR_STATUS_OK);
+        EXPECT_EQ(other_object.GetStatus(), CR_STATUS_OK);
+        EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_BUSY));
+    }
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, InnerUnlockKeepsTheOuterHold) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock a;
+    CatalogDirectoryLock b;
+    ASSERT_EQ(a.Lock(tmp.path(), 2), CR_STATUS_OK);
+    ASSERT_EQ(b.Lock(tmp.path(), 2), CR_STATUS_OK);
+    ASSERT_EQ(b.Unlock(tmp.path(), 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_BUSY));
+    ASSERT_EQ(a.Unlock(tmp.path(), 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, ReleasedWhenTheHolderIsKilled) {
+    kt::TempDir tmp;
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(ready[0]);
+        CatalogDirectoryLock lock;
+        const char byte = lock.Lock(tmp.path(), 2) == CR_STATUS_OK ? 'y' : 'n';
+        if (write(ready[1], &byte, 1) != 1) _exit(3);
+        for (;;) pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    ASSERT_EQ(byte, 'y');
+    {
+        WaitLimit limit(50);
+        CatalogDirectoryLock lock;
+        kt::LogCapture log;
+        EXPECT_EQ(lock.Lock(tmp.path(), 2), CR_STATUS_BUSY);
+    }
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    WaitLimit limit(1000);
+    CatalogDirectoryLock lock;
+    EXPECT_EQ(lock.Lock(tmp.path(), 2), CR_STATUS_OK);
+    lock.Unlock(tmp.path(), 2);
+    // Nothing to clean up: the directory holds no lock file.
+    std::vector<std::string> entries;
+    list_tree(tmp.path(), "", &entries);
+    EXPECT_TRUE(entries.empty());
+}
+
+TEST(CatalogDirectoryLockProcess, NeedsOnlyReadAccess) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to run a child as nobody";
+    kt::TempDir tmp;
+    const std::string readable = tmp.file("readable");
+    const std::string closed = tmp.file("closed");
+    ASSERT_EQ(mkdir(readable.c_str(), 0555), 0);
+    ASSERT_EQ(mkdir(closed.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(tmp.path().c_str(), 0755), 0);
+    const int code = run_child([&]() {
+        if (setgid(65534) != 0) return 101;
+        if (setuid(65534) != 0) return 102;
+        CatalogDirectoryLock::set_wait_limit_ms(200);
+        kt::LogCapture log;
+        CatalogDirectoryLock lock;
+        if (lock.Lock(readable, 2) != CR_STATUS_OK) return 103;
+        lock.Unlock(readable, 2);
+        if (lock.Lock(closed, 2) != CR_STATUS_ACCESS_DENIED) return 104;
+        if (log.records().size() != 1) return 105;
+        if (log.count(dct::log_level::error, CR_STATUS_ACCESS_DENIED,
+                      "Failed to open directory " + closed + " to lock it") != 1)
+            return 106;
+        return 0;
+    });
+    EXPECT_EQ(code, 0);
+}
+
+TEST(CatalogDirectoryLockProcess, MissingDirectoryLocksItsAncestorAndCreatesNothing) {
+    kt::TempDir tmp;
+    const std::string db_dir = tmp.file("7/client/policy");
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(db_dir, 2), CR_STATUS_OK);
+    std::vector<std::string> entries;
+    list_tree(tmp.path(), "", &entries);
+    EXPECT_TRUE(entries.empty());
+    // Another process wanting the same missing directory waits, and so does
+    // one wanting the ancestor itself.
+    EXPECT_EQ(child_lock_status(db_dir, 50), static_cast<int>(CR_STATUS_BUSY));
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_BUSY));
+    ASSERT_EQ(lock.Unlock(db_dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(db_dir, 50), static_cast<int>(CR_STATUS_OK));
+    entries.clear();
+    list_tree(tmp.path(), "", &entries);
+    EXPECT_TRUE(entries.empty());
+}
+
+TEST(CatalogDirectoryLockProcess, CreatorLocksTheNewDirectoryUntilItsLockEnds) {
+    kt::TempDir tmp;
+    const std::string db_dir = tmp.file("policy");
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(db_dir, 2), CR_STATUS_OK);
+    ASSERT_EQ(mkdir(db_dir.c_str(), 0750), 0);
+    ASSERT_EQ(CatalogDirectoryLock::LockCreated(db_dir), CR_STATUS_OK);
+    // The new directory is held, not only the ancestor.
+    EXPECT_EQ(child_lock_status(db_dir, 50), static_cast<int>(CR_STATUS_BUSY));
+    ASSERT_EQ(lock.Unlock(db_dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(db_dir, 50), static_cast<int>(CR_STATUS_OK));
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, LockCreatedWithoutAStandInDoesNothing) {
+    kt::TempDir tmp;
+    EXPECT_EQ(CatalogDirectoryLock::LockCreated(tmp.path()), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, DirectoryReplacedWhileWaitingIsLockedAnew) {
+    kt::TempDir tmp;
+    const std::string dir = tmp.file("d");
+    ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+    CatalogDirectoryLock holder;
+    ASSERT_EQ(holder.Lock(dir, 2), CR_STATUS_OK);
+    std::atomic<cr_status_t> status{CR_STATUS_FAILED};
+    std::atomic<bool> locked{false};
+    std::atomic<bool> done{false};
+    std::thread waiter([&]() {
+        CatalogDirectoryLock lock;
+        status = lock.Lock(dir, 2);
+        locked = true;
+        while (!done.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (status.load() == CR_STATUS_OK) lock.Unlock(dir, 2);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // The holder replaces the directory before it lets go: the waiter must
+    // end up holding the new one, which a third party then cannot take.
+    ASSERT_EQ(rename(dir.c_str(), tmp.file("old").c_str()), 0);
+    ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+    holder.Unlock(dir, 2);
+    while (!locked.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(status.load(), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(dir, 50), static_cast<int>(CR_STATUS_BUSY));
+    EXPECT_EQ(child_lock_status(tmp.file("old"), 50), static_cast<int>(CR_STATUS_OK));
+    done = true;
+    waiter.join();
+}
