@@ -11,6 +11,7 @@
 // Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -122,7 +123,13 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
         *error = "backup needs a database directory or --all";
         return false;
     }
-    if (o->dir.empty()) o->all = true;
+    if (o->dir.empty()) {
+        o->all = true;
+    } else if (o->dir[0] != '/') {
+        // Directories are compared with the configured roots, which are absolute.
+        char cwd[4096];
+        if (getcwd(cwd, sizeof(cwd)) != nullptr) o->dir = std::string(cwd) + "/" + o->dir;
+    }
     return true;
 }
 
@@ -175,7 +182,6 @@ void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
     if (a.status == CR_STATUS_OK) {
         a.result = "recovered";
         a.version = before.recovery.base_version;
-        a.detail = "from version " + std::to_string(a.version);
     } else {
         a.result = "failed";
         a.detail = before.recovery.possible ? "see the log" : before.recovery.reason;

@@ -285,7 +285,7 @@ std::string database_text(const std::string& command, const DatabaseReport& r) {
     const Action& a = r.action;
     if (!a.name.empty()) {
         std::string at = a.result;
-        if (a.version != 0) at += " version " + std::to_string(a.version);
+        if (a.version != 0) at += (a.name == "recover" ? " from version " : " version ") + std::to_string(a.version);
         if (!a.detail.empty()) at += " (" + a.detail + ")";
         if (a.status != 0) at += " [status " + std::to_string(a.status) + "]";
         out += line(a.name, at);
