@@ -24,6 +24,22 @@ public:
     void value(int64_t number);
     void value(bool flag);
     void null();
+    // A member: key(name) then the value.
+    template <typename T>
+    void member(const std::string& name, const T& v) {
+        key(name);
+        value(v);
+    }
+    // A member whose value is null unless `present`.
+    template <typename T>
+    void member_or_null(const std::string& name, bool present, const T& v) {
+        key(name);
+        if (present) {
+            value(v);
+        } else {
+            null();
+        }
+    }
     // Adds an already written JSON value.
     void raw(const std::string& json);
 

@@ -31,79 +31,41 @@ std::string age_text(int64_t seconds) {
 
 void write_live(JsonWriter& w, const DatabaseReport& r) {
     w.begin_object();
-    w.key("path");
-    w.value(r.target.db_path);
-    w.key("exists");
-    w.value(r.live.exists);
-    w.key("size");
-    w.value(r.live.size);
-    w.key("rows");
-    if (r.live.rows_known) {
-        w.value(r.live.rows);
-    } else {
-        w.null();
-    }
-    w.key("integrity");
-    w.value(r.live.integrity);
-    w.key("row_checksums");
-    w.value(r.live.row_checksums);
+    w.member("path", r.target.db_path);
+    w.member("exists", r.live.exists);
+    w.member("size", r.live.size);
+    w.member_or_null("rows", r.live.rows_known, r.live.rows);
+    w.member("integrity", r.live.integrity);
+    w.member("row_checksums", r.live.row_checksums);
     w.end_object();
 }
 
 void write_version(JsonWriter& w, const VersionState& v) {
     w.begin_object();
-    w.key("version");
-    w.value(v.number);
-    w.key("path");
-    w.value(v.path);
-    w.key("exists");
-    w.value(v.exists);
-    w.key("size");
-    w.value(v.size);
-    w.key("age_seconds");
-    w.value(v.age_seconds);
-    w.key("checksum");
-    w.value(v.checksum);
+    w.member("version", v.number);
+    w.member("path", v.path);
+    w.member("exists", v.exists);
+    w.member("size", v.size);
+    w.member("age_seconds", v.age_seconds);
+    w.member("checksum", v.checksum);
     w.key("journal");
     w.begin_object();
-    w.key("path");
-    w.value(v.journal_path);
-    w.key("lines");
-    w.value(static_cast<uint64_t>(v.journal_lines));
-    w.key("recorded_lines");
-    w.value(static_cast<uint64_t>(v.journal_recorded_lines));
-    w.key("checksum");
-    w.value(v.journal);
+    w.member("path", v.journal_path);
+    w.member("lines", static_cast<uint64_t>(v.journal_lines));
+    w.member("recorded_lines", static_cast<uint64_t>(v.journal_recorded_lines));
+    w.member("checksum", v.journal);
     w.end_object();
-    w.key("integrity");
-    w.value(v.integrity);
+    w.member("integrity", v.integrity);
     w.end_object();
 }
 
 void write_recovery(JsonWriter& w, const RecoveryPlan& p) {
     w.begin_object();
-    w.key("possible");
-    w.value(p.possible);
-    w.key("base_version");
-    if (p.base_version != 0) {
-        w.value(p.base_version);
-    } else {
-        w.null();
-    }
-    w.key("base_path");
-    if (!p.base_path.empty()) {
-        w.value(p.base_path);
-    } else {
-        w.null();
-    }
-    w.key("journal_lines");
-    w.value(p.journal_lines);
-    w.key("rows_after");
-    if (p.rows_known) {
-        w.value(p.rows_after);
-    } else {
-        w.null();
-    }
+    w.member("possible", p.possible);
+    w.member_or_null("base_version", p.base_version != 0, p.base_version);
+    w.member_or_null("base_path", !p.base_path.empty(), p.base_path);
+    w.member("journal_lines", p.journal_lines);
+    w.member_or_null("rows_after", p.rows_known, p.rows_after);
     w.key("passed_over");
     w.begin_array();
     for (uint64_t n : p.passed_over) w.value(n);
@@ -112,12 +74,7 @@ void write_recovery(JsonWriter& w, const RecoveryPlan& p) {
     w.begin_array();
     for (const std::string& path : p.set_aside) w.value(path);
     w.end_array();
-    w.key("reason");
-    if (p.reason.empty()) {
-        w.null();
-    } else {
-        w.value(p.reason);
-    }
+    w.member_or_null("reason", !p.reason.empty(), p.reason);
     w.end_object();
 }
 
@@ -127,43 +84,27 @@ void write_action(JsonWriter& w, const Action& a) {
         return;
     }
     w.begin_object();
-    w.key("name");
-    w.value(a.name);
-    w.key("result");
-    w.value(a.result);
-    w.key("status");
-    w.value(static_cast<uint64_t>(a.status));
-    w.key("version");
-    if (a.version != 0) {
-        w.value(a.version);
-    } else {
-        w.null();
-    }
-    w.key("detail");
-    w.value(a.detail);
+    w.member("name", a.name);
+    w.member("result", a.result);
+    w.member("status", static_cast<uint64_t>(a.status));
+    w.member_or_null("version", a.version != 0, a.version);
+    w.member("detail", a.detail);
     w.end_object();
 }
 
 void write_summary(JsonWriter& w, const Summary& s) {
     w.begin_object();
-    w.key("databases");
-    w.value(s.databases);
-    w.key("with_problems");
-    w.value(s.with_problems);
-    w.key("problems");
-    w.value(s.problems);
-    w.key("recoverable");
-    w.value(s.recoverable);
-    w.key("exit_code");
-    w.value(static_cast<int64_t>(s.exit_code));
+    w.member("databases", s.databases);
+    w.member("with_problems", s.with_problems);
+    w.member("problems", s.problems);
+    w.member("recoverable", s.recoverable);
+    w.member("exit_code", static_cast<int64_t>(s.exit_code));
     w.end_object();
 }
 
 void write_head(JsonWriter& w, const std::string& command) {
-    w.key("schema");
-    w.value(static_cast<int64_t>(kJsonSchema));
-    w.key("command");
-    w.value(command);
+    w.member("schema", static_cast<int64_t>(kJsonSchema));
+    w.member("command", command);
 }
 
 }  // namespace
@@ -182,36 +123,25 @@ Summary summarize(const std::vector<DatabaseReport>& reports) {
 std::string database_json(const DatabaseReport& r) {
     JsonWriter w;
     w.begin_object();
-    w.key("dir");
-    w.value(r.target.dir);
-    w.key("type");
-    w.value(r.target.type);
+    w.member("dir", r.target.dir);
+    w.member("type", r.target.type);
     w.key("live");
     write_live(w, r);
-    w.key("checksum_file");
-    w.value(r.checksum_file);
+    w.member("checksum_file", r.checksum_file);
     w.key("versions");
     w.begin_array();
     for (const VersionState& v : r.versions) write_version(w, v);
     w.end_array();
-    w.key("journal_lines_since_newest");
-    w.value(static_cast<uint64_t>(r.journal_lines_since_newest));
-    w.key("newest_age_seconds");
-    if (r.newest_age_seconds >= 0) {
-        w.value(r.newest_age_seconds);
-    } else {
-        w.null();
-    }
+    w.member("journal_lines_since_newest", static_cast<uint64_t>(r.journal_lines_since_newest));
+    w.member_or_null("newest_age_seconds", r.newest_age_seconds >= 0, r.newest_age_seconds);
     w.key("recovery");
     write_recovery(w, r.recovery);
     w.key("problems");
     w.begin_array();
     for (const Problem& p : r.problems) {
         w.begin_object();
-        w.key("path");
-        w.value(p.path);
-        w.key("problem");
-        w.value(p.what);
+        w.member("path", p.path);
+        w.member("problem", p.what);
         w.end_object();
     }
     w.end_array();
