@@ -6,6 +6,7 @@
 #include <exception>
 #include <new>
 
+#include "appdb/catalog_row_check.h"
 #include "appdb/catalog_table.h"
 #include "dct/log.h"
 #include "dct/sleep.h"
@@ -807,6 +808,72 @@ bool catalog_application_base::db_intergartion_check(const std::string& client,
                                                      const std::string& policy) {
     std::string result;
     return run_pragma(client, policy, "PRAGMA integrity_check;", "ok", &result);
+}
+
+}  // namespace appdb
+
+// ---- whole-table checks ----
+
+namespace appdb {
+
+namespace {
+
+// Steps `sql` on `db`, handing each row to `row`. 0 or the mapped status
+// (logged with `fn`).
+template <typename RowFn>
+cr_status_t step_all(sqlite3* db, const std::string& name, const char* fn, const char* sql, RowFn row) {
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+    if (rc != SQLITE_OK) {
+        sqlite3_finalize(stmt);
+        cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+        ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(), sql, rc,
+               sqlite3_errstr(rc));
+        return status;
+    }
+    auto_release<sqlite3_stmt> stmt_guard(stmt);
+    for (;;) {
+        rc = sqlite3_step(stmt);
+        if (rc == SQLITE_DONE) return CR_STATUS_OK;
+        if (rc != SQLITE_ROW) {
+            cr_status_t status = catalog_application_base::dberr_to_crstatus(rc);
+            ErrorA(status, "%s: DB[%s] failed to step [%s] (%d, %s).", fn, name.c_str(), sql, rc,
+                   sqlite3_errmsg(db));
+            return status;
+        }
+        row(stmt);
+    }
+}
+
+}  // namespace
+
+cr_status_t count_catalog_rows(sqlite3* db, const std::string& name, uint64_t* rows) {
+    *rows = 0;
+    return step_all(db, name, "count_catalog_rows", "SELECT count(*) FROM catalog;",
+                    [rows](sqlite3_stmt* stmt) { *rows = static_cast<uint64_t>(sqlite3_column_int64(stmt, 0)); });
+}
+
+cr_status_t check_catalog_rows(sqlite3* db, const std::string& name, uint64_t* rows,
+                               std::vector<std::string>* bad_items) {
+    const char* const fn = "check_catalog_rows";
+    *rows = 0;
+    bad_items->clear();
+    try {
+        return step_all(db, name, fn, "SELECT * FROM catalog;", [&](sqlite3_stmt* stmt) {
+            ++*rows;
+            app_catalog_item item;
+            decode_row(stmt, item);
+            const uint32_t stored = static_cast<uint32_t>(sqlite3_column_int(stmt, catalog_column_count - 1));
+            if (sqlite3_column_count(stmt) != catalog_column_count ||
+                stored != catalog_application_base::crc_value(item)) {
+                const std::string text = item.to_string();
+                ErrorA(CR_STATUS_NONE, "%s: crc mismatch for app cat item %s", fn, text.c_str());
+                bad_items->push_back(text);
+            }
+        });
+    } catch (...) {
+        return exception_status(fn);
+    }
 }
 
 }  // namespace appdb

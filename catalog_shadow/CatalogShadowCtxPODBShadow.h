@@ -79,6 +79,30 @@ public:
     // process configuration). 1 when the journal matches.
     int check_crc_journal();
 
+    // What one read of the journal file found: whether it could be opened,
+    // its lines, the Adler-32 of all of them, and the Adler-32 and byte
+    // position after the first journal_lines lines (1 and 0 when it has fewer).
+    struct JournalScan {
+        bool exists = false;
+        uint32_t lines = 0;
+        uint32_t crc = 1;
+        uint32_t crc_at_recorded = 1;
+        uint64_t position_at_recorded = 0;
+        // The checksum a check compares: that of the recorded prefix when
+        // lines follow it and the prefix matches `recorded_crc`, else crc.
+        uint32_t effective_crc(uint32_t recorded_lines, uint32_t recorded_crc) const;
+    };
+    // Reads the journal; changes nothing.
+    JournalScan scan_journal() const;
+
+    // check_crc_journal without its repairs, for programs that only inspect:
+    // lines beyond the recorded count are accepted when the recorded prefix
+    // matches (a check would cut them away), nothing is written and
+    // journal_lines is left as it is. 1 when the journal matches; a mismatch
+    // logs as check_crc_journal does. `scan`, when given, receives what was
+    // read.
+    int verify_journal(JournalScan* scan = nullptr) const;
+
     // Truncates the journal file to `length` bytes. 1 on success, 0 on failure.
     int fix_journal(uint64_t length);
 
@@ -161,6 +185,15 @@ public:
     // get_max_version_count() above the highest number in use, and a fresh
     // checksum file is written (initialize). 0 when loaded, 67 when damaged.
     cr_status_t load_versions(const std::string& type, bool reset_if_damaged);
+
+    // Reads the checksum file of `type` in `shadow_dir` (or a lone legacy
+    // ".chksum") without touching anything on disk or in a shadow: for
+    // programs that only inspect. Fills `current` and `list` (newest first).
+    // 0 when read; 2 when there is no checksum file; 67 (logged "failed to
+    // load chksum file %s: %s") when it is damaged, with the reason in
+    // `reason`; 4 for an unknown type.
+    static cr_status_t read_chksum(const std::string& shadow_dir, const std::string& type,
+                                   uint64_t* current, ShadowVersionList* list, std::string* reason);
 
     // Reads one line of `in` into `line`; it must be `key` "=" followed by a
     // decimal number, which is stored in `value`; the line's text is appended
@@ -285,6 +318,11 @@ private:
 
     cr_status_t persist_chksum_status_(const std::string& type);
     std::string compose_chksum_(const std::string& type) const;
+    // Parses the checksum file at `path`; throws the reason on damage. The
+    // file's bytes go to `text` unless it is null.
+    static void parse_chksum_file(const std::string& path, const std::string& shadow_dir,
+                                  const std::string& type, uint64_t* current, ShadowVersionList* list,
+                                  std::string* text);
     void load_versions_from_(const std::string& type, const std::string& path);
     uint64_t highest_version_on_disk_(const std::string& type) const;
     cr_status_t open_active_journal_(const std::string& type, ShadowVersion& newest);

@@ -188,7 +188,9 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
     return CR_STATUS_OK;
 }
 
-void PODBShadow::load_versions_from_(const std::string& type, const std::string& path) {
+void PODBShadow::parse_chksum_file(const std::string& path, const std::string& shadow_dir,
+                                   const std::string& type, uint64_t* current_out,
+                                   ShadowVersionList* list_out, std::string* text_out) {
     std::string text;
     if (!read_small_file(path, &text)) throw std::string("open file ") + path + " failed.";
     std::istringstream in(text);
@@ -203,19 +205,61 @@ void PODBShadow::load_versions_from_(const std::string& type, const std::string&
     // Version numbers start at 1, so no more than `current` can be listed.
     const uint64_t count = read_field(in, "count", crc, current < UINT32_MAX ? current : UINT32_MAX);
 
-    std::unique_ptr<ShadowVersionList> list(new ShadowVersionList);
+    ShadowVersionList list;
     for (uint64_t i = 0; i < count; ++i) {
-        ShadowVersion v(shadow_dir_, type, current - i);
+        ShadowVersion v(shadow_dir, type, current - i);
         v.db_crc = static_cast<uint32_t>(read_field(in, v.db_name, crc, UINT32_MAX));
         v.journal_crc = static_cast<uint32_t>(read_field(in, v.journal_name, crc, UINT32_MAX));
         v.journal_lines = static_cast<uint32_t>(read_field(in, v.journal_name + ".len", crc, UINT32_MAX));
-        list->push_back(v);
+        list.push_back(v);
     }
 
     CRC ignored;
     const uint64_t self = read_field(in, "self", ignored, UINT32_MAX);
     if (self != crc.value()) throw std::string("CRC mismatch for ") + path;
 
+    *current_out = current;
+    list_out->swap(list);
+    if (text_out != nullptr) text_out->swap(text);
+}
+
+cr_status_t PODBShadow::read_chksum(const std::string& shadow_dir, const std::string& type,
+                                    uint64_t* current, ShadowVersionList* list, std::string* reason) {
+    list->clear();
+    *current = 0;
+    if (!is_valid_type(type)) {
+        *reason = "bad parameter";
+        return CR_STATUS_FAILED;
+    }
+    std::string path = shadow_dir + "/" + chksum_file(type);
+    // load_versions would migrate a lone legacy file to the typed name.
+    const std::string legacy = shadow_dir + "/.chksum";
+    if (wa_access(path, 0) != 0 && wa_access(legacy, 0) == 0) path = legacy;
+    if (wa_access(path, 0) != 0) {
+        *reason = "missing";
+        return CR_STATUS_MISSING;
+    }
+    try {
+        parse_chksum_file(path, shadow_dir, type, current, list, nullptr);
+        return CR_STATUS_OK;
+    } catch (const char* e) {
+        *reason = e;
+    } catch (const std::string& e) {
+        *reason = e;
+    } catch (...) {
+        *reason = "unknown error";
+    }
+    list->clear();
+    *current = 0;
+    ErrorA(CR_STATUS_CORRUPT, "failed to load chksum file %s: %s", path.c_str(), reason->c_str());
+    return CR_STATUS_CORRUPT;
+}
+
+void PODBShadow::load_versions_from_(const std::string& type, const std::string& path) {
+    uint64_t current = 0;
+    std::unique_ptr<ShadowVersionList> list(new ShadowVersionList);
+    std::string text;
+    parse_chksum_file(path, shadow_dir_, type, &current, list.get(), &text);
     TypeState& s = state_(type);
     s.versions.reset(list.release());
     s.current = current;

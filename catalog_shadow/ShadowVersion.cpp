@@ -79,41 +79,54 @@ int ShadowVersion::check_crc_db() {
     return 1;
 }
 
-int ShadowVersion::check_crc_journal() {
-    journal_verified = false;
+ShadowVersion::JournalScan ShadowVersion::scan_journal() const {
+    JournalScan scan;
     PODBShadow::CRC crc;
-    uint32_t lines = 0;
     uint64_t position = 0;
-    uint32_t crc_at_recorded = 1;
-    uint64_t position_at_recorded = 0;
-    {
-        std::ifstream in(journal_path.c_str(), std::ios::in | std::ios::binary);
-        std::string line;
-        while (std::getline(in, line)) {
-            crc.append(line);
-            ++lines;
-            position += line.size() + (in.eof() ? 0 : 1);
-            if (lines == journal_lines) {
-                crc_at_recorded = crc.value();
-                position_at_recorded = position;
-            }
+    std::ifstream in(journal_path.c_str(), std::ios::in | std::ios::binary);
+    scan.exists = in.is_open();
+    std::string line;
+    while (std::getline(in, line)) {
+        crc.append(line);
+        ++scan.lines;
+        position += line.size() + (in.eof() ? 0 : 1);
+        if (scan.lines == journal_lines) {
+            scan.crc_at_recorded = crc.value();
+            scan.position_at_recorded = position;
         }
     }
+    scan.crc = crc.value();
+    return scan;
+}
 
-    uint32_t result = crc.value();
-    if (journal_lines != 0 && lines > journal_lines) {
+// What the journal's checksum comes to once lines beyond the recorded count
+// are left out, when the recorded prefix is intact (the repair would cut them).
+uint32_t ShadowVersion::JournalScan::effective_crc(uint32_t recorded_lines, uint32_t recorded_crc) const {
+    if (recorded_lines != 0 && lines > recorded_lines && crc_at_recorded == recorded_crc &&
+        position_at_recorded > 0) {
+        return crc_at_recorded;
+    }
+    return crc;
+}
+
+int ShadowVersion::check_crc_journal() {
+    journal_verified = false;
+    const JournalScan scan = scan_journal();
+    uint32_t result = scan.crc;
+    if (journal_lines != 0 && scan.lines > journal_lines) {
         // Lines appended after the checksum file was last persisted: a crash
         // between the journal sync and the checksum file. Cut them away when
         // the recorded part is still intact.
-        if (crc_at_recorded == journal_crc && position_at_recorded > 0 && fix_journal(position_at_recorded)) {
+        if (scan.crc_at_recorded == journal_crc && scan.position_at_recorded > 0 &&
+            fix_journal(scan.position_at_recorded)) {
             WarningA(CR_STATUS_NONE, "Journal file %s was corrupted, and it was fixed by truncation.",
                      journal_path.c_str());
-            result = crc_at_recorded;
+            result = scan.crc_at_recorded;
         } else {
             ErrorA(CR_STATUS_NONE, "Journal file %s was corrupted, tried to fix but failed.", journal_path.c_str());
         }
     }
-    if (journal_lines == 0 && auto_fix_journal()) journal_lines = lines;
+    if (journal_lines == 0 && auto_fix_journal()) journal_lines = scan.lines;
 
     if (result != journal_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", journal_path.c_str(),
@@ -121,6 +134,18 @@ int ShadowVersion::check_crc_journal() {
         return 0;
     }
     journal_verified = true;
+    return 1;
+}
+
+int ShadowVersion::verify_journal(JournalScan* scan_out) const {
+    const JournalScan scan = scan_journal();
+    if (scan_out != nullptr) *scan_out = scan;
+    const uint32_t result = scan.effective_crc(journal_lines, journal_crc);
+    if (result != journal_crc) {
+        ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", journal_path.c_str(),
+               journal_crc, result);
+        return 0;
+    }
     return 1;
 }
 

@@ -20,6 +20,26 @@ if(TARGET kavrel)
   install(TARGETS kavrel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
+# kavrel-shadow, its man page and the systemd units of its nightly run
+# (installed, not enabled). The service names the installed binary, so it is
+# written at install time, like kavrel.pc below.
+if(TARGET kavrel-shadow)
+  install(TARGETS kavrel-shadow RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
+    set(_shadow_bin "${CMAKE_INSTALL_BINDIR}/kavrel-shadow")
+  else()
+    set(_shadow_bin "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/kavrel-shadow")
+  endif()
+  install(CODE "
+    set(KAVREL_SHADOW_PATH \"${_shadow_bin}\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.service.in\"
+                   \"${PROJECT_BINARY_DIR}/kavrel-shadow.service\" @ONLY)
+  ")
+  install(FILES ${PROJECT_BINARY_DIR}/kavrel-shadow.service ${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.timer
+          DESTINATION lib/systemd/system)
+endif()
+
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/dct
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavrel
         FILES_MATCHING PATTERN "*.h")

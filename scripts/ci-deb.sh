@@ -44,6 +44,10 @@ $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-reco
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 for f in /usr/bin/kavrel \
          /usr/share/man/man1/kavrel.1.gz \
+         /usr/bin/kavrel-shadow \
+         /usr/share/man/man8/kavrel-shadow.8.gz \
+         /usr/lib/systemd/system/kavrel-shadow.service \
+         /usr/lib/systemd/system/kavrel-shadow.timer \
          /usr/include/kavrel/appdb/catalog_application.h \
          /usr/include/kavrel/catalog_shadow/CatalogShadowCtx.h \
          /usr/include/kavrel/dct/log.h \

@@ -7,22 +7,16 @@
 // logged); 255 for a usage error or a missing CR configuration file.
 #include <malloc.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 
 #include "appdb/catalog_list.h"
-#include "appdb/kavrel_config_names.h"
+#include "appdb/kavrel_config.h"
 #include "dct/fileutil.h"
-#include "dct/fs.h"
-#include "dct/inifile.h"
-#include "dct/log.h"
 #include "dct/status.h"
 
 namespace {
-
-const size_t kPathBufferSize = 4096;
 
 // Allocator settings for the listing (see main): blocks up to 16 MiB come
 // from the heap, and up to 32 MiB of free heap is kept.
@@ -48,26 +42,9 @@ int main(int argc, char** argv) {
 
     // The configuration is located before any option is looked at: without
     // it the tool does nothing at all, not even print its usage.
-    char registry[kPathBufferSize];
-    const char* env = getenv(appdb::kRegistryEnv);
-    dctstrcpy(registry, (env != nullptr && *env != '\0') ? env : appdb::kRegistryDefaultPath,
-              sizeof(registry));
-
-    char cr_config[kPathBufferSize];
-    memset(cr_config, 0, kPathBufferSize - 1);
-    cr_config[kPathBufferSize - 1] = '\0';
-    InifileGetPathA(registry, appdb::kRegistrySection, appdb::kRegistryConfigFileKey, nullptr,
-                    cr_config, kPathBufferSize - 1);
-    if (wa_access(cr_config, 0) != 0) {
-        ErrorA(CR_STATUS_MISSING, "Failed to locate CR configuration file");
-        return -1;
-    }
-
-    char config_root[kPathBufferSize];
-    config_root[0] = '\0';
-    InifileGetPathA(cr_config, appdb::kConfigPathsSection, appdb::kConfigDatabaseKey, nullptr,
-                    config_root, kPathBufferSize - 1);
-    std::string root = config_root;
+    std::string cr_config;
+    if (appdb::locate_cr_config(appdb::registry_path(""), &cr_config) != CR_STATUS_OK) return -1;
+    std::string root = appdb::read_database_root(cr_config);
 
     bool listing = false;
     bool verbose = false;

@@ -5,6 +5,8 @@
 // would otherwise look like one lock taken in two orders.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <sstream>
 
 #include "common/test_util.h"
@@ -460,4 +462,62 @@ TEST(ShadowChksum, ShadowDirectoryThatCannotBeCreated) {
                             "checkCreateWorkDir: Failed to create directory " + dir + " (" + strerror(ENOTDIR) + ")"))
         << log.dump();
     EXPECT_FALSE(shadow->exist("appdb"));
+}
+
+// Reading a checksum file to inspect it touches nothing: no migration of a
+// legacy file, no removal of a leftover temporary file, nothing set aside.
+TEST(ShadowChksumInspect, ReadsWithoutTouchingTheDirectory) {
+    ShadowDir d;
+    ASSERT_EQ(0, mkdir(d.dir.c_str(), 0755));
+    const std::string text = chksum_text({"format=1", "current=4", "count=2", "appdb.4=11", "appdb.4.journal=12",
+                                          "appdb.4.journal.len=3", "appdb.3=21", "appdb.3.journal=22",
+                                          "appdb.3.journal.len=0"});
+    kt::write_file(d.file(".chksum.appdb"), text);
+    kt::write_file(d.file(".chksum.appdb.tmp"), "half");
+    const std::vector<std::string> before = kt::list_dir(d.dir);
+    uint64_t current = 0;
+    ShadowVersionList list;
+    std::string reason;
+    kt::LogCapture log;
+    ASSERT_EQ(CR_STATUS_OK, PODBShadow::read_chksum(d.dir, "appdb", &current, &list, &reason));
+    EXPECT_EQ(4u, current);
+    ASSERT_EQ(2u, list.size());
+    EXPECT_EQ(4u, list.front().version);
+    EXPECT_EQ(11u, list.front().db_crc);
+    EXPECT_EQ(12u, list.front().journal_crc);
+    EXPECT_EQ(3u, list.front().journal_lines);
+    EXPECT_EQ(d.file("appdb.3"), list.back().db_path);
+    EXPECT_EQ(before, kt::list_dir(d.dir));
+    EXPECT_EQ(text, kt::read_file(d.file(".chksum.appdb")));
+    EXPECT_EQ(0u, log.records().size()) << log.dump();
+}
+
+TEST(ShadowChksumInspect, DamagedMissingAndLegacyFiles) {
+    ShadowDir d;
+    ASSERT_EQ(0, mkdir(d.dir.c_str(), 0755));
+    uint64_t current = 0;
+    ShadowVersionList list;
+    std::string reason;
+    EXPECT_EQ(CR_STATUS_MISSING, PODBShadow::read_chksum(d.dir, "podb", &current, &list, &reason));
+    EXPECT_EQ(CR_STATUS_FAILED, PODBShadow::read_chksum(d.dir, "nodb", &current, &list, &reason));
+
+    // A self sum off by one is damage: reported, nothing moved aside.
+    std::string text = chksum_text({"format=1", "current=0", "count=0"});
+    const size_t at = text.find("self=") + 5;
+    text = text.substr(0, at) + std::to_string(std::stoul(text.substr(at)) + 1) + "\n";
+    kt::write_file(d.file(".chksum.podb"), text);
+    kt::LogCapture log;
+    EXPECT_EQ(CR_STATUS_CORRUPT, PODBShadow::read_chksum(d.dir, "podb", &current, &list, &reason));
+    EXPECT_EQ("CRC mismatch for " + d.file(".chksum.podb"), reason);
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_CORRUPT,
+                            "failed to load chksum file " + d.file(".chksum.podb") + ": " + reason))
+        << log.dump();
+    EXPECT_EQ(std::vector<std::string>{".chksum.podb"}, kt::list_dir(d.dir));
+
+    // A lone legacy file is read where it is.
+    ASSERT_EQ(0, unlink(d.file(".chksum.podb").c_str()));
+    kt::write_file(d.file(".chksum"), chksum_text({"format=1", "current=2", "count=0"}));
+    EXPECT_EQ(CR_STATUS_OK, PODBShadow::read_chksum(d.dir, "podb", &current, &list, &reason));
+    EXPECT_EQ(2u, current);
+    EXPECT_EQ(std::vector<std::string>{".chksum"}, kt::list_dir(d.dir));
 }

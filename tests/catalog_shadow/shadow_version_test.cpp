@@ -215,3 +215,57 @@ TEST(ShadowVersionJournal, FixJournalOfMissingFile) {
                                 ")"))
         << log.dump();
 }
+
+// The inspecting check never repairs: lines past the recorded count stay, and
+// the recorded count is left as it is.
+TEST(ShadowVersionJournalInspect, ExtraLinesAreAcceptedAndKept) {
+    VersionDir v;
+    const std::string content = "A;\nB;\nC;\nD;\n";
+    kt::write_file(v.version.journal_path, content);
+    v.version.journal_crc = adler("B;", adler("A;"));
+    v.version.journal_lines = 2;
+    kt::LogCapture log;
+    ShadowVersion::JournalScan scan;
+    EXPECT_EQ(1, v.version.verify_journal(&scan));
+    EXPECT_TRUE(scan.exists);
+    EXPECT_EQ(4u, scan.lines);
+    EXPECT_EQ(content, kt::read_file(v.version.journal_path));
+    EXPECT_EQ(2u, v.version.journal_lines);
+    EXPECT_EQ(0u, log.records().size()) << log.dump();
+}
+
+TEST(ShadowVersionJournalInspect, ZeroRecordedLinesTakeTheWholeJournalWithoutFillingIn) {
+    VersionDir v;
+    kt::write_file(v.version.journal_path, "A;\nB;\n");
+    v.version.journal_crc = adler("B;", adler("A;"));
+    EXPECT_EQ(1, v.version.verify_journal());
+    EXPECT_EQ(0u, v.version.journal_lines);
+}
+
+TEST(ShadowVersionJournalInspect, ShortOrDamagedJournalFails) {
+    VersionDir v;
+    kt::write_file(v.version.journal_path, "A;\n");
+    v.version.journal_crc = adler("B;", adler("A;"));
+    v.version.journal_lines = 2;
+    kt::LogCapture log;
+    ShadowVersion::JournalScan scan;
+    EXPECT_EQ(0, v.version.verify_journal(&scan));
+    EXPECT_EQ(1u, scan.lines);
+    EXPECT_EQ("A;\n", kt::read_file(v.version.journal_path));
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE,
+                            "Detected CRC mismatch for " + v.version.journal_path + ". Expected " +
+                                std::to_string(v.version.journal_crc) + ", actually " +
+                                std::to_string(adler("A;")))) << log.dump();
+
+    kt::write_file(v.version.journal_path, "A;\nX;\nC;\n");
+    EXPECT_EQ(0, v.version.verify_journal());
+    EXPECT_EQ("A;\nX;\nC;\n", kt::read_file(v.version.journal_path));
+}
+
+TEST(ShadowVersionJournalInspect, MissingJournalIsAnEmptyOne) {
+    VersionDir v;
+    ShadowVersion::JournalScan scan;
+    EXPECT_EQ(1, v.version.verify_journal(&scan));
+    EXPECT_FALSE(scan.exists);
+    EXPECT_EQ(0u, scan.lines);
+}

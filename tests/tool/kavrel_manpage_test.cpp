@@ -1,4 +1,5 @@
-// The man page of kavrel is valid groff man: no warnings at the strictest level.
+// The man pages of kavrel and kavrel-shadow are valid groff man: no warnings
+// at the strictest level; they name what the commands take.
 #include <unistd.h>
 
 #include <string>
@@ -42,6 +43,42 @@ TEST(KavrelManPage, NamesEveryOptionAndTheUsageLine) {
                                "total app catalog", "255"}) {
         EXPECT_NE(std::string::npos, text.find(option)) << option;
     }
+}
+
+TEST(KavrelShadowManPage, GroffReportsNoWarnings) {
+    const std::string page = source_dir() + "/tool/kavrel-shadow.8";
+    ASSERT_EQ(0, access(page.c_str(), R_OK)) << page;
+    if (!groff_available()) GTEST_SKIP() << "groff is not installed";
+    kt::RunResult r = kt::run_program("/bin/sh", {"-c", "groff -ww -z -man \"$0\"", page});
+    EXPECT_EQ(0, r.exit_status);
+    EXPECT_EQ("", r.err);
+}
+
+TEST(KavrelShadowManPage, NamesEveryCommandOptionAndExitStatus) {
+    const std::string text = kt::read_file(source_dir() + "/tool/kavrel-shadow.8");
+    for (const char* word : {".TH KAVREL\\-SHADOW 8", "status", "verify", "backup", "recover", "\\-\\-dry\\-run",
+                             "\\-\\-missing", "\\-\\-json", "\\-\\-json\\-lines", "\\-\\-registry",
+                             "\\-\\-all", "VELKREGISTRY", "DCT_LOG", "kavrel\\-shadow.timer",
+                             "SUMMARY    {\"databases\", \"with_problems\", \"problems\", \"recoverable\"",
+                             ".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n"}) {
+        EXPECT_NE(std::string::npos, text.find(word)) << word;
+    }
+}
+
+// The nightly units run a backup of every database and then a verify, and
+// the timer is to be enabled by the operator.
+TEST(KavrelShadowUnits, BackupThenVerifyNightly) {
+    const std::string service = kt::read_file(source_dir() + "/tool/kavrel-shadow.service.in");
+    const size_t backup = service.find("ExecStart=@KAVREL_SHADOW_PATH@ backup --all\n");
+    const size_t verify = service.find("ExecStart=@KAVREL_SHADOW_PATH@ verify\n");
+    ASSERT_NE(std::string::npos, backup);
+    ASSERT_NE(std::string::npos, verify);
+    EXPECT_LT(backup, verify);
+    EXPECT_NE(std::string::npos, service.find("Type=oneshot\n"));
+    EXPECT_NE(std::string::npos, service.find("StandardOutput=journal\n"));
+    const std::string timer = kt::read_file(source_dir() + "/tool/kavrel-shadow.timer");
+    EXPECT_NE(std::string::npos, timer.find("OnCalendar=*-*-* 02:30:00\n"));
+    EXPECT_NE(std::string::npos, timer.find("WantedBy=timers.target\n"));
 }
 
 }  // namespace

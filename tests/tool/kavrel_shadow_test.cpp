@@ -1,0 +1,418 @@
+// End-to-end tests of kavrel-shadow: the built binary on pools the tests build
+// through the library (shadow-protected catalogs, factory type 2), healthy and
+// damaged in each of the ways an operator meets: a damaged version, a truncated
+// journal, a missing database, a corrupted live row. Each case checks the exit
+// status, the text and the JSON, and that the read-only commands leave every
+// file as it was, also when run by a user without write access.
+#include <ftw.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "appdb/app_catalog_item.h"
+#include "appdb/catalog_application.h"
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/ConfigFileShadowProxy.h"
+#include "common/test_util.h"
+#include "json_value.h"
+#include "tool_test_util.h"
+
+namespace {
+
+std::string shadow_binary() {
+    const char* dir = getenv("KAVREL_BINARY_DIR");
+    return std::string(dir != nullptr ? dir : "") + "/tool/kavrel-shadow";
+}
+
+// Every file and directory below a root: path -> mode and content.
+std::map<std::string, std::string>* g_tree = nullptr;
+int record_entry(const char* path, const struct stat* st, int flag, struct FTW*) {
+    std::string entry = std::to_string(st->st_mode) + ":";
+    if (flag == FTW_F) entry += kt::read_file(path);
+    (*g_tree)[path] = entry;
+    return 0;
+}
+std::map<std::string, std::string> snapshot(const std::string& root) {
+    std::map<std::string, std::string> tree;
+    g_tree = &tree;
+    nftw(root.c_str(), record_entry, 16, FTW_PHYS);
+    g_tree = nullptr;
+    return tree;
+}
+
+// Makes the tree readable by everyone and writable by no one.
+int make_read_only(const char* path, const struct stat* st, int flag, struct FTW*) {
+    chmod(path, flag == FTW_D ? 0555 : (S_ISREG(st->st_mode) ? 0444 : st->st_mode));
+    return 0;
+}
+int make_writable(const char* path, const struct stat* st, int flag, struct FTW*) {
+    chmod(path, flag == FTW_DP || flag == FTW_D ? 0755 : (S_ISREG(st->st_mode) ? 0644 : st->st_mode));
+    return 0;
+}
+
+int drop_privileges() {
+    if (geteuid() != 0) return 0;
+    if (setgid(65534) != 0) return 1;
+    if (setuid(65534) != 0) return 2;
+    return 0;
+}
+
+// Ages change from run to run; the texts are compared with them masked.
+std::string mask_ages(const std::string& text) {
+    return std::regex_replace(text, std::regex("age [0-9]+[smhd]"), "age N");
+}
+
+appdb::app_catalog_item item(const std::string& client, const std::string& policy, int n) {
+    appdb::app_catalog_item it;
+    it.client = client;
+    it.policy = policy;
+    it.backup_id = client + "_" + std::to_string(1700000000 + n);
+    it.file_name = it.backup_id + "_C1_F1";
+    it.file_len = 4096u * static_cast<uint64_t>(n + 1);
+    it.policy_type = 4;
+    it.frag_nums = 1;
+    it.app_id = "orcl";
+    it.data_object = "DATAFILE";
+    it.backup_start_time = 1700000000 + n;
+    it.backup_stop_time = 1700000600 + n;
+    it.owner = "svc";
+    it.owner_role = appdb::APP_ROLE_APP;
+    return it;
+}
+
+class KavrelShadowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        chmod(pool_.dir().path().c_str(), 0755);
+        storage_ = pool_.dir().file("storage");
+        kt::write_file(pool_.config(), "[Paths]\nDatabase = " + pool_.root() + "\nStorageDatabase = " + pool_.root() +
+                                           "\n[Storage]\nStorage Path = " + storage_ + "\n");
+        shadow_root_ = storage_ + "/catalogshadow";
+        p1_ = pool_.catalog_dir(1, "c1", "p1");
+        p2_ = pool_.catalog_dir(1, "c2", "p2");
+        s1_ = shadow_root_ + "/1/c1/p1";
+        build({{"c1", "p1", 3}, {"c2", "p2", 2}});
+    }
+
+    struct Fill {
+        std::string client, policy;
+        int items;
+    };
+
+    // Makes the catalogs through a shadow-protected catalog application, as
+    // a service does: each database gets its first version when created and a
+    // journal line per item.
+    void build(const std::vector<Fill>& fills) {
+        CatalogShadowContext context(new ConfigFileShadowProxy(pool_.config(), pool_.root()),
+                                     new CatalogDirectoryLock());
+        ASSERT_EQ(CR_STATUS_OK, context.load_configurations());
+        ASSERT_EQ(CR_STATUS_OK, CatalogShadowIdentity(context.shadow_path.c_str()).create_identity());
+        ASSERT_EQ(CR_STATUS_OK, context.init());
+        std::unique_ptr<appdb::catalog_application> catalog(appdb::catalog_application_factory::create_catalog(
+            1, pool_.root() + "/databases", appdb::APP_D_CATALOG_SHADOW, &context, 5));
+        ASSERT_TRUE(catalog);
+        for (const Fill& f : fills) {
+            for (int i = 0; i < f.items; ++i) {
+                ASSERT_EQ(CR_STATUS_OK,
+                          catalog->update_catalog("svc", appdb::APP_ROLE_APP, item(f.client, f.policy, i).to_string()));
+            }
+        }
+    }
+
+    kt::RunResult run(const std::vector<std::string>& args, kt::RunOptions options = kt::RunOptions()) {
+        options.set_env.emplace(appdb::kRegistryEnv, pool_.registry());
+        options.set_env["DCT_LOG"] = "none";
+        return kt::run_program(shadow_binary(), args, options);
+    }
+
+    // Runs a command that must change nothing, and checks that it did not.
+    kt::RunResult run_read_only(const std::vector<std::string>& args) {
+        const auto before = snapshot(pool_.dir().path());
+        kt::RunResult r = run(args);
+        EXPECT_EQ(before, snapshot(pool_.dir().path())) << "changed by " << args[0];
+        return r;
+    }
+
+    std::string live_block(const std::string& dir, const std::string& live) const {
+        return "appdb " + dir + "\n  live          " + live + "\n";
+    }
+
+    kt::TestPool pool_;
+    std::string storage_, shadow_root_, p1_, p2_, s1_;
+};
+
+TEST_F(KavrelShadowTest, HealthyPool) {
+    kt::RunResult r = run_read_only({"status"});
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    EXPECT_EQ("appdb " + p1_ + "\n"
+              "  live          present, 16384 bytes, 3 rows, integrity unknown, row checksums unknown\n"
+              "  checksums     ok\n"
+              "  version 1     16384 bytes, age N, checksum ok, journal ok (3 lines), integrity ok\n"
+              "  journal       3 lines since version 1, age N\n"
+              "  recovery      possible from version 1, 3 journal lines, replaces the live file\n"
+              "\n"
+              "appdb " + p2_ + "\n"
+              "  live          present, 16384 bytes, 2 rows, integrity unknown, row checksums unknown\n"
+              "  checksums     ok\n"
+              "  version 1     16384 bytes, age N, checksum ok, journal ok (2 lines), integrity ok\n"
+              "  journal       2 lines since version 1, age N\n"
+              "  recovery      possible from version 1, 2 journal lines, replaces the live file\n"
+              "\n"
+              "status: 2 databases, 0 with problems, 0 problems, 2 recoverable\n",
+              mask_ages(r.out));
+
+    r = run_read_only({"--json", "verify"});
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    kt::Json doc = kt::JsonParser::parse(r.out);
+    EXPECT_EQ("verify", doc["command"].s);
+    EXPECT_EQ(2u, doc["databases"].items.size());
+    const kt::Json& db = doc["databases"][0];
+    EXPECT_EQ(p1_, db["dir"].s);
+    EXPECT_EQ("ok", db["live"]["integrity"].s);
+    EXPECT_EQ("ok", db["live"]["row_checksums"].s);
+    EXPECT_EQ(3, db["live"]["rows"].n);
+    EXPECT_EQ("ok", db["versions"][0]["integrity"].s);
+    EXPECT_TRUE(db["recovery"]["possible"].b);
+    EXPECT_EQ(3, db["recovery"]["rows_after"].n);
+    EXPECT_EQ(0, doc["summary"]["problems"].n);
+    EXPECT_EQ(0, doc["summary"]["exit_code"].n);
+
+    r = run_read_only({"recover", "--dry-run", p1_});
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos,
+              r.out.find("  plan          would use version 1, 3 journal lines, 3 rows afterwards, replaces the live file\n"))
+        << r.out;
+}
+
+TEST_F(KavrelShadowTest, JsonSchemaIsPinned) {
+    kt::RunResult r = run_read_only({"--json", "status"});
+    ASSERT_EQ(0, r.exit_status) << r.err;
+    EXPECT_EQ(
+        "{schema:number,command:string,databases:[{dir:string,type:string,"
+        "live:{path:string,exists:bool,size:number,rows:number,integrity:string,row_checksums:string},"
+        "checksum_file:string,versions:[{version:number,path:string,exists:bool,size:number,age_seconds:number,"
+        "checksum:string,journal:{path:string,lines:number,recorded_lines:number,checksum:string},integrity:string}],"
+        "journal_lines_since_newest:number,newest_age_seconds:number,"
+        "recovery:{possible:bool,base_version:number,base_path:string,journal_lines:number,rows_after:null,"
+        "passed_over:[],set_aside:[],reason:null},problems:[],action:null}],"
+        "summary:{databases:number,with_problems:number,problems:number,recoverable:number,exit_code:number}}",
+        kt::JsonParser::parse(r.out).shape());
+    EXPECT_EQ(1, kt::JsonParser::parse(r.out)["schema"].n);
+
+    // JSON Lines: one record per database, then the summary.
+    r = run_read_only({"--json-lines", "verify"});
+    ASSERT_EQ(0, r.exit_status) << r.err;
+    std::vector<std::string> lines = kt::split_lines(r.out);
+    ASSERT_EQ(3u, lines.size()) << r.out;
+    EXPECT_EQ(kt::JsonParser::parse(lines[0]).shape(), kt::JsonParser::parse(lines[1]).shape());
+    EXPECT_EQ("{schema:number,command:string,summary:{databases:number,with_problems:number,problems:number,"
+              "recoverable:number,exit_code:number}}",
+              kt::JsonParser::parse(lines[2]).shape());
+
+    // A failed check fills the nullable members with their other kinds.
+    kt::write_file(s1_ + "/appdb.1", "not a database");
+    r = run_read_only({"--json", "verify", p1_});
+    ASSERT_EQ(1, r.exit_status) << r.err;
+    const kt::Json db = kt::JsonParser::parse(r.out)["databases"][0];
+    EXPECT_EQ("{possible:bool,base_version:null,base_path:null,journal_lines:number,rows_after:null,"
+              "passed_over:[number],set_aside:[],reason:string}",
+              db["recovery"].shape());
+    EXPECT_EQ("[{path:string,problem:string}]", db["problems"].shape());
+
+    r = run({"--json", "backup", p2_});
+    ASSERT_EQ(0, r.exit_status) << r.err;
+    EXPECT_EQ("{name:string,result:string,status:number,version:number,detail:string}",
+              kt::JsonParser::parse(r.out)["databases"][0]["action"].shape());
+}
+
+TEST_F(KavrelShadowTest, DamagedVersion) {
+    std::string data = kt::read_file(s1_ + "/appdb.1");
+    data[data.size() / 2] ^= 0x5a;
+    kt::write_file(s1_ + "/appdb.1", data);
+
+    kt::RunResult r = run_read_only({"verify", p1_});
+    EXPECT_EQ(1, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("  version 1     16384 bytes, age ")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find(", checksum bad, journal ok (3 lines), integrity unknown\n")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  recovery      impossible: no usable shadow version\n")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  problem       " + s1_ + "/appdb.1: version checksum mismatch\n"));
+    EXPECT_NE(std::string::npos,
+              r.out.find("  problem       " + s1_ + ": recovery impossible: no usable shadow version\n"));
+    EXPECT_NE(std::string::npos, r.out.find("verify: 1 database, 1 with problems, 2 problems, 0 recoverable\n"));
+
+    r = run_read_only({"--json", "status"});
+    EXPECT_EQ(1, r.exit_status);
+    kt::Json doc = kt::JsonParser::parse(r.out);
+    const kt::Json& db = doc["databases"][0];
+    EXPECT_EQ("bad", db["versions"][0]["checksum"].s);
+    EXPECT_FALSE(db["recovery"]["possible"].b);
+    EXPECT_EQ("no usable shadow version", db["recovery"]["reason"].s);
+    EXPECT_EQ(1, db["recovery"]["passed_over"][0].n);
+    EXPECT_EQ(1, doc["summary"]["with_problems"].n);
+    EXPECT_EQ(1, doc["summary"]["exit_code"].n);
+    EXPECT_TRUE(doc["databases"][1]["recovery"]["possible"].b);
+
+    // A fresh backup gives the database a good version again; the damaged
+    // one is still reported until it ages out.
+    r = run({"backup", p1_});
+    EXPECT_EQ(1, r.exit_status) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("  backup        kept version 2\n")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  recovery      possible from version 2, 0 journal lines")) << r.out;
+}
+
+TEST_F(KavrelShadowTest, TruncatedJournal) {
+    const std::string journal = s1_ + "/appdb.1.journal";
+    std::string text = kt::read_file(journal);
+    text.erase(text.rfind('\n', text.size() - 2) + 1);  // the last line goes
+    kt::write_file(journal, text);
+
+    kt::RunResult r = run_read_only({"status"});
+    EXPECT_EQ(1, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(", checksum ok, journal bad (2 lines), integrity unknown\n")) << r.out;
+    EXPECT_NE(std::string::npos,
+              r.out.find("  problem       " + journal +
+                         ": journal does not match the checksum file (2 lines, 3 recorded)\n"))
+        << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("status: 2 databases, 1 with problems, 2 problems, 1 recoverable\n"));
+
+    r = run_read_only({"--json", "recover", "--dry-run", p1_});
+    EXPECT_EQ(1, r.exit_status);
+    const kt::Json db = kt::JsonParser::parse(r.out)["databases"][0];
+    EXPECT_EQ("bad", db["versions"][0]["journal"]["checksum"].s);
+    EXPECT_EQ(2, db["versions"][0]["journal"]["lines"].n);
+    EXPECT_EQ(3, db["versions"][0]["journal"]["recorded_lines"].n);
+    EXPECT_FALSE(db["recovery"]["possible"].b);
+    // The journal was left as it was found: a check never repairs.
+    EXPECT_EQ(text, kt::read_file(journal));
+}
+
+TEST_F(KavrelShadowTest, MissingDatabase) {
+    ASSERT_EQ(0, unlink((p1_ + "/app.db").c_str()));
+
+    kt::RunResult r = run_read_only({"status"});
+    EXPECT_EQ(1, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(live_block(p1_, "missing"))) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  problem       " + p1_ + "/app.db: live database missing\n"));
+
+    r = run_read_only({"--json", "recover", "--dry-run", p1_});
+    EXPECT_EQ(1, r.exit_status);
+    kt::Json db = kt::JsonParser::parse(r.out)["databases"][0];
+    EXPECT_FALSE(db["live"]["exists"].b);
+    EXPECT_TRUE(db["recovery"]["possible"].b);
+    EXPECT_EQ(1, db["recovery"]["base_version"].n);
+    EXPECT_EQ(3, db["recovery"]["journal_lines"].n);
+    EXPECT_EQ(3, db["recovery"]["rows_after"].n);
+
+    r = run({"recover", "--missing"});
+    EXPECT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_NE(std::string::npos,
+              r.out.find(live_block(p1_, "present, 16384 bytes, 3 rows, integrity ok, row checksums ok")))
+        << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  recover       recovered from version 1\n"));
+    EXPECT_NE(std::string::npos, r.out.find("recover --missing: 1 database, 0 with problems, 0 problems, 1 recoverable\n"));
+    EXPECT_EQ(std::string::npos, r.out.find(p2_)) << "a present database is left alone";
+
+    // Every acknowledged row is back.
+    r = run({"--json", "verify"});
+    EXPECT_EQ(0, r.exit_status) << r.out;
+    EXPECT_EQ(3, kt::JsonParser::parse(r.out)["databases"][0]["live"]["rows"].n);
+}
+
+TEST_F(KavrelShadowTest, CorruptedLiveRow) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open((p1_ + "/app.db").c_str(), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "UPDATE catalog SET description = 'tampered' WHERE rowid = 2;", nullptr,
+                                      nullptr, nullptr));
+    sqlite3_close(db);
+
+    // status reads no rows: the damage shows in verify.
+    kt::RunResult r = run_read_only({"status"});
+    EXPECT_EQ(0, r.exit_status) << r.out;
+    r = run_read_only({"verify"});
+    EXPECT_EQ(1, r.exit_status);
+    EXPECT_NE(std::string::npos,
+              r.out.find(live_block(p1_, "present, 16384 bytes, 3 rows, integrity ok, row checksums bad")))
+        << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  problem       " + p1_ + "/app.db: row checksum mismatch: ")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("verify: 2 databases, 1 with problems, 1 problem, 2 recoverable\n"));
+
+    r = run_read_only({"--json", "verify", p1_});
+    EXPECT_EQ(1, r.exit_status);
+    kt::Json doc = kt::JsonParser::parse(r.out);
+    EXPECT_EQ("bad", doc["databases"][0]["live"]["row_checksums"].s);
+    EXPECT_EQ(1u, doc["databases"][0]["problems"].items.size());
+
+    // Recovery rebuilds it from the shadow, and the check after it passes.
+    r = run({"recover", p1_});
+    EXPECT_EQ(0, r.exit_status) << r.out;
+    EXPECT_NE(std::string::npos,
+              r.out.find(live_block(p1_, "present, 16384 bytes, 3 rows, integrity ok, row checksums ok")))
+        << r.out;
+    EXPECT_EQ(0, run({"verify"}).exit_status);
+}
+
+TEST_F(KavrelShadowTest, ReadOnlyUserChangesNothing) {
+    std::string data = kt::read_file(s1_ + "/appdb.1");
+    data[data.size() / 2] ^= 0x5a;
+    kt::write_file(s1_ + "/appdb.1", data);
+    nftw(pool_.dir().path().c_str(), make_read_only, 16, FTW_PHYS);
+    chmod(pool_.dir().path().c_str(), 0755);
+    const auto before = snapshot(pool_.dir().path());
+    kt::RunOptions o;
+    o.in_child = drop_privileges;
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"status"}, {"verify"}, {"recover", "--dry-run", p1_}, {"recover", "--dry-run", p2_}}) {
+        kt::RunResult r = run(args, o);
+        ASSERT_LT(r.exit_status, 120) << "could not drop privileges";
+        const bool damaged = args.back() != p2_;
+        EXPECT_EQ(damaged ? 1 : 0, r.exit_status) << args[0] << r.out << r.err;
+        EXPECT_EQ(damaged, r.out.find("version checksum mismatch") != std::string::npos) << args[0] << r.out;
+    }
+    kt::RunResult r = run({"--json", "verify", p2_}, o);
+    EXPECT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_EQ(2, kt::JsonParser::parse(r.out)["databases"][0]["recovery"]["rows_after"].n);
+    EXPECT_EQ(before, snapshot(pool_.dir().path()));
+    nftw(pool_.dir().path().c_str(), make_writable, 16, FTW_PHYS | FTW_DEPTH);
+}
+
+TEST_F(KavrelShadowTest, UsageAndCannotRun) {
+    kt::RunResult r = run({});
+    EXPECT_EQ(2, r.exit_status);
+    EXPECT_EQ("", r.out);
+    EXPECT_NE(std::string::npos, r.err.find("kavrel-shadow: no command given\nCheck, back up and restore")) << r.err;
+    EXPECT_EQ(2, run({"frobnicate"}).exit_status);
+    EXPECT_EQ(2, run({"recover"}).exit_status);
+    EXPECT_EQ(2, run({"recover", "--all"}).exit_status);
+    EXPECT_EQ(2, run({"status", "--dry-run"}).exit_status);
+    EXPECT_EQ(2, run({"backup"}).exit_status);
+    EXPECT_EQ(2, run({"status", "/not/below/the/pool"}).exit_status);
+    r = run({"--help"});
+    EXPECT_EQ(0, r.exit_status);
+    EXPECT_NE(std::string::npos, r.out.find("Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.\n"));
+
+    r = run({"--registry", pool_.dir().file("no-such-registry.cfg"), "status"});
+    EXPECT_EQ(3, r.exit_status);
+    EXPECT_NE(std::string::npos, r.err.find("kavrel-shadow: no CR configuration file found through ")) << r.err;
+
+    // A shadow root that lost its identity file is not used.
+    ASSERT_EQ(0, unlink((shadow_root_ + "/" + CatalogShadowIdentity::the_file_name()).c_str()));
+    r = run({"status"});
+    EXPECT_EQ(3, r.exit_status);
+    EXPECT_EQ("", r.out);
+}
+
+TEST_F(KavrelShadowTest, NoProgressLineWhenStderrIsNoTerminal) {
+    kt::RunResult r = run({"verify"}, kt::RunOptions());
+    EXPECT_EQ(0, r.exit_status);
+    EXPECT_EQ("", r.err);
+}
+
+}  // namespace

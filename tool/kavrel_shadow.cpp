@@ -1,0 +1,320 @@
+// kavrel-shadow: the operator's command for the catalog shadow.
+//
+//   kavrel-shadow [--json | --json-lines] [--registry FILE] COMMAND [DATABASE-DIR | --all]
+//
+// status and verify report on the live databases, their shadow versions and
+// journals, and whether a recovery would succeed; they and recover --dry-run
+// change nothing on disk and need only read access. backup takes a version
+// now; recover rebuilds a database from its shadow and checks the result.
+// Every database is worked on under its directory lock, as the services do.
+//
+// Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "appdb/kavrel_config.h"
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/ConfigFileShadowProxy.h"
+#include "catalog_shadow/DirectoryLock.h"
+#include "dct/fs.h"
+#include "dct/log.h"
+#include "tool/progress.h"
+#include "tool/shadow_inspect.h"
+#include "tool/shadow_inventory.h"
+#include "tool/shadow_report.h"
+
+namespace {
+
+using namespace kshadow;
+
+const int kExitOk = 0;
+const int kExitProblems = 1;
+const int kExitUsage = 2;
+const int kExitCannotRun = 3;
+
+const char kUsage[] =
+    "Check, back up and restore the catalog shadow.\n"
+    "Usage:\tkavrel-shadow [--json | --json-lines] [--registry FILE] COMMAND [DATABASE-DIR | --all]\n"
+    "Commands:\n"
+    "\tstatus                 the live databases, their versions and journals (default --all)\n"
+    "\tverify                 reads and checks everything; changes nothing (default --all)\n"
+    "\tbackup                 takes a version now (DATABASE-DIR or --all)\n"
+    "\trecover [--dry-run]    rebuilds DATABASE-DIR from its shadow, or shows the plan\n"
+    "\trecover --missing      rebuilds every database that has a shadow but no live file\n"
+    "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.\n";
+
+enum class Output { text, json, json_lines };
+
+struct Options {
+    Output output = Output::text;
+    std::string registry;
+    std::string command;
+    std::string dir;
+    bool all = false;
+    bool dry_run = false;
+    bool missing = false;
+    bool help = false;
+};
+
+// Parses the arguments; false (with `error` set) on a usage error.
+bool parse_args(int argc, char** argv, Options* o, std::string* error) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--json") {
+            o->output = Output::json;
+        } else if (arg == "--json-lines") {
+            o->output = Output::json_lines;
+        } else if (arg == "--registry") {
+            if (i + 1 >= argc) {
+                *error = "--registry needs a file";
+                return false;
+            }
+            o->registry = argv[++i];
+        } else if (arg == "--all") {
+            o->all = true;
+        } else if (arg == "--dry-run") {
+            o->dry_run = true;
+        } else if (arg == "--missing") {
+            o->missing = true;
+        } else if (arg == "-h" || arg == "--help") {
+            o->help = true;
+        } else if (!arg.empty() && arg[0] == '-') {
+            *error = "unknown option " + arg;
+            return false;
+        } else if (o->command.empty()) {
+            o->command = arg;
+        } else if (o->dir.empty()) {
+            o->dir = arg;
+        } else {
+            *error = "unexpected argument " + arg;
+            return false;
+        }
+    }
+    if (o->help) return true;
+    const std::string& c = o->command;
+    if (c != "status" && c != "verify" && c != "backup" && c != "recover") {
+        *error = c.empty() ? "no command given" : "unknown command " + c;
+        return false;
+    }
+    if (!o->dir.empty() && (o->all || o->missing)) {
+        *error = "give either a database directory or --all / --missing";
+        return false;
+    }
+    if ((o->dry_run || o->missing) && c != "recover") {
+        *error = "--dry-run and --missing belong to recover";
+        return false;
+    }
+    if (c == "recover") {
+        if (o->all) {
+            *error = "recover takes a database directory or --missing, not --all";
+            return false;
+        }
+        if (o->dir.empty() && !o->missing) {
+            *error = "recover needs a database directory or --missing";
+            return false;
+        }
+    }
+    if (c == "backup" && o->dir.empty() && !o->all) {
+        *error = "backup needs a database directory or --all";
+        return false;
+    }
+    if (o->dir.empty()) {
+        o->all = true;
+    } else if (o->dir[0] != '/') {
+        // Directories are compared with the configured roots, which are absolute.
+        char cwd[4096];
+        if (getcwd(cwd, sizeof(cwd)) != nullptr) o->dir = std::string(cwd) + "/" + o->dir;
+    }
+    return true;
+}
+
+// The newest version number the checksum file lists (0: none or unreadable).
+uint64_t newest_version(const Target& t) {
+    uint64_t current = 0;
+    ShadowVersionList list;
+    std::string reason;
+    if (PODBShadow::read_chksum(t.shadow_dir, t.type, &current, &list, &reason) != CR_STATUS_OK || list.empty()) {
+        return 0;
+    }
+    return list.front().version;
+}
+
+void run_backup(CatalogShadowContext& context, DatabaseReport* r) {
+    Action& a = r->action;
+    a.name = "backup";
+    const uint64_t before = newest_version(r->target);
+    a.status = context.backup(r->target.dir, r->target.type);
+    const uint64_t after = newest_version(r->target);
+    if (a.status == CR_STATUS_OK && after != before) {
+        a.result = "kept";
+        a.version = after;
+    } else if (a.status == CR_STATUS_OK) {
+        a.result = "unchanged";
+        a.version = after;
+        a.detail = "no change since the newest version";
+    } else {
+        a.result = "failed";
+        if (a.status == CR_STATUS_MISSING) {
+            a.detail = "the database file is missing";
+        } else if (a.status == CR_STATUS_CORRUPT) {
+            a.detail = "the copy fails the SQLite integrity check; set aside";
+        } else {
+            a.detail = "see the log";
+        }
+        r->problems.push_back(Problem{r->target.db_path, "backup failed: " + a.detail});
+    }
+}
+
+void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
+    DatabaseReport before;
+    before.target = r->target;
+    inspect_database(Depth::status, &before);
+    Action& a = r->action;
+    a.name = "recover";
+    a.status = context.recover(r->target.dir, r->target.type, 0);
+    inspect_database(Depth::status, r);
+    check_live_database(r);
+    if (a.status == CR_STATUS_OK) {
+        a.result = "recovered";
+        a.version = before.recovery.base_version;
+    } else {
+        a.result = "failed";
+        a.detail = before.recovery.possible ? "see the log" : before.recovery.reason;
+        r->problems.push_back(Problem{r->target.db_path, "recovery failed: " + a.detail});
+    }
+}
+
+// The name of the command in reports.
+std::string command_name(const Options& o) {
+    if (o.command == "recover" && o.dry_run) return "recover --dry-run";
+    if (o.command == "recover" && o.missing) return "recover --missing";
+    return o.command;
+}
+
+// Works on one database under its directory lock.
+void work_on(CatalogShadowContext& context, const Options& o, DatabaseReport* r) {
+    // A directory that is gone has no one working in it; recover creates it
+    // under its own lock.
+    CatalogDirectoryLock lock;
+    std::unique_ptr<DirectoryLock::ScopedLock> guard;
+    if (wa_isdir(r->target.dir)) {
+        guard.reset(new DirectoryLock::ScopedLock(&lock, r->target.dir));
+        if (guard->GetStatus() != CR_STATUS_OK) {
+            ErrorA(guard->GetStatus(), "%s: failed to lock %s", "kavrel-shadow", r->target.dir.c_str());
+            r->problems.push_back(Problem{r->target.dir, "directory lock not taken (status " +
+                                                             std::to_string(guard->GetStatus()) + ")"});
+            return;
+        }
+    }
+    if (o.command == "status") {
+        inspect_database(Depth::status, r);
+    } else if (o.command == "verify") {
+        inspect_database(Depth::verify, r);
+    } else if (o.command == "backup") {
+        run_backup(context, r);
+        DatabaseReport after;
+        after.target = r->target;
+        inspect_database(Depth::status, &after);
+        after.action = r->action;
+        after.problems.insert(after.problems.begin(), r->problems.begin(), r->problems.end());
+        *r = after;
+    } else if (o.dry_run) {
+        inspect_database(Depth::plan, r);
+    } else {
+        run_recover(context, r);
+    }
+}
+
+const char* progress_verb(const Options& o) {
+    if (o.command == "backup") return "backing up";
+    if (o.command == "recover" && !o.dry_run) return "recovering";
+    return "checking";
+}
+
+int run(const Options& o) {
+    std::string cr_config;
+    const std::string registry = appdb::registry_path(o.registry);
+    if (appdb::locate_cr_config(registry, &cr_config) != CR_STATUS_OK) {
+        fprintf(stderr, "kavrel-shadow: no CR configuration file found through %s\n", registry.c_str());
+        return kExitCannotRun;
+    }
+    std::string root = appdb::read_database_root(cr_config);
+    if (!root.empty() && root.back() == '/') root.pop_back();
+    if (root.empty()) {
+        fprintf(stderr, "kavrel-shadow: %s names no database root\n", cr_config.c_str());
+        return kExitCannotRun;
+    }
+    CatalogShadowContext context(new ConfigFileShadowProxy(cr_config, root), new CatalogDirectoryLock());
+    if (context.init() != CR_STATUS_OK || !context.enabled) {
+        fprintf(stderr, "kavrel-shadow: the catalog shadow of this pool is disabled or has lost its identity file "
+                        "(see the log)\n");
+        return kExitCannotRun;
+    }
+
+    std::vector<Target> targets;
+    if (o.all) {
+        targets = find_all_databases(context);
+    } else if (find_databases_in(context, o.dir, &targets) != CR_STATUS_OK) {
+        fprintf(stderr, "kavrel-shadow: %s is not a catalog database directory of this pool\n", o.dir.c_str());
+        return kExitUsage;
+    }
+
+    const std::string command = command_name(o);
+    std::vector<DatabaseReport> reports;
+    {
+        Progress progress(progress_verb(o), targets.size());
+        for (size_t i = 0; i < targets.size(); ++i) {
+            if (o.missing && wa_access(targets[i].db_path, 0) == 0) continue;
+            progress.step(i, targets[i].dir);
+            DatabaseReport r;
+            r.target = targets[i];
+            work_on(context, o, &r);
+            reports.push_back(r);
+            if (o.output == Output::json_lines) {
+                printf("%s\n", database_json(r).c_str());
+                fflush(stdout);
+            } else if (o.output == Output::text) {
+                printf("%s\n", database_text(command, r).c_str());
+                fflush(stdout);
+            }
+        }
+    }
+
+    Summary summary = summarize(reports);
+    const bool nothing = !o.all && !o.missing && reports.empty();
+    summary.exit_code = (summary.problems > 0 || nothing) ? kExitProblems : kExitOk;
+    if (nothing) fprintf(stderr, "kavrel-shadow: no catalog database in %s\n", o.dir.c_str());
+    switch (o.output) {
+    case Output::text: fputs(summary_text(command, summary).c_str(), stdout); break;
+    case Output::json: fputs(document_json(command, reports, summary).c_str(), stdout); break;
+    case Output::json_lines: fputs(summary_json_line(command, summary).c_str(), stdout); break;
+    }
+    return summary.exit_code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    std::string error;
+    if (!parse_args(argc, argv, &options, &error)) {
+        fprintf(stderr, "kavrel-shadow: %s\n%s", error.c_str(), kUsage);
+        return kExitUsage;
+    }
+    if (options.help) {
+        fputs(kUsage, stdout);
+        return kExitOk;
+    }
+    try {
+        return run(options);
+    } catch (...) {
+        ErrorA(CR_STATUS_FAILED, "%s: unexpected exception", "kavrel-shadow");
+        fprintf(stderr, "kavrel-shadow: unexpected failure (see the log)\n");
+        return kExitCannotRun;
+    }
+}

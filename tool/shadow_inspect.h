@@ -1,0 +1,36 @@
+// Read-only inspection of one catalog database and its shadow: the live file,
+// the checksum file, every version and journal, and what a recovery would do
+// now. Nothing in the pool is written: the checksum file is parsed with
+// PODBShadow::read_chksum and journals are checked with
+// ShadowVersion::verify_journal, which never repair; a replay that shows the
+// rows a recovery would produce runs on a scratch copy in a private temporary
+// directory, removed afterwards. The caller holds the directory lock.
+#ifndef TOOL_SHADOW_INSPECT_H_
+#define TOOL_SHADOW_INSPECT_H_
+
+#include "tool/shadow_model.h"
+
+namespace kshadow {
+
+enum class Depth {
+    // Sizes, row count, every version's checksums, and the SQLite integrity
+    // check of the version a recovery would start from.
+    status,
+    // status, plus the replay of the recovery on a scratch copy (its rows).
+    plan,
+    // plan, plus the SQLite integrity check of every version and of the live
+    // database, and every live row's checksum.
+    verify,
+};
+
+// Fills `report` (whose target is set) and lists every problem found in
+// report->problems, each with the path it concerns.
+void inspect_database(Depth depth, DatabaseReport* report);
+
+// The live database's integrity and row checksums into report->live (and
+// problems), as verify checks them; used after a recovery.
+void check_live_database(DatabaseReport* report);
+
+}  // namespace kshadow
+
+#endif  // TOOL_SHADOW_INSPECT_H_

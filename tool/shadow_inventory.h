@@ -1,0 +1,30 @@
+// Which catalog databases the shadow command works on: every database of the
+// pool (the PO/UL and application database files below the real roots, and
+// every database whose shadow lists a version, present or not), or those of
+// one real directory. Only reads directories.
+#ifndef TOOL_SHADOW_INVENTORY_H_
+#define TOOL_SHADOW_INVENTORY_H_
+
+#include <string>
+#include <vector>
+
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "dct/status.h"
+#include "tool/shadow_model.h"
+
+namespace kshadow {
+
+// Every database of the pool, ordered by directory, then type word. A shadow
+// whose checksum file is damaged counts as listing a version.
+std::vector<Target> find_all_databases(CatalogShadowContext& context);
+
+// The databases of real directory `dir` (a trailing "/" is dropped): each type
+// of the directory's tree whose database file exists or whose shadow holds a
+// checksum file that is damaged or lists a version. 0, or 4 (logged "%s: %s is
+// not a catalog database directory") when `dir` lies below neither real root.
+cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& dir,
+                              std::vector<Target>* targets);
+
+}  // namespace kshadow
+
+#endif  // TOOL_SHADOW_INVENTORY_H_

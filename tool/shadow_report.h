@@ -1,0 +1,60 @@
+// How the shadow command prints what it found: aligned text for people, or
+// JSON (one document per command, or one record per line) for programs.
+//
+// JSON schema 1 (the names and kinds below are stable; new members may be
+// added, none is renamed or removed without a new schema number):
+//   document    {"schema":1, "command":C, "databases":[DATABASE...], "summary":SUMMARY}
+//   JSON Lines  one DATABASE per line, then {"schema":1,"command":C,"summary":SUMMARY}
+//   DATABASE    {"dir", "type", "live":LIVE, "checksum_file", "versions":[VERSION...],
+//                "journal_lines_since_newest", "newest_age_seconds" (null: no version),
+//                "recovery":RECOVERY, "problems":[{"path","problem"}...], "action":ACTION|null}
+//   LIVE        {"path", "exists", "size", "rows" (null: not counted), "integrity", "row_checksums"}
+//   VERSION     {"version", "path", "exists", "size", "age_seconds", "checksum",
+//                "journal":{"path", "lines", "recorded_lines", "checksum"}, "integrity"}
+//   RECOVERY    {"possible", "base_version" (null: none), "base_path" (null), "journal_lines",
+//                "rows_after" (null: not rehearsed), "passed_over":[N...], "set_aside":[PATH...],
+//                "reason" (null when possible)}
+//   ACTION      {"name", "result", "status", "version" (null: none), "detail"}
+//   SUMMARY     {"databases", "with_problems", "problems", "recoverable", "exit_code"}
+// Check results are "ok", "bad", "missing" or "unknown" (not checked).
+#ifndef TOOL_SHADOW_REPORT_H_
+#define TOOL_SHADOW_REPORT_H_
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "tool/shadow_model.h"
+
+namespace kshadow {
+
+const int kJsonSchema = 1;
+
+struct Summary {
+    uint64_t databases = 0;
+    uint64_t with_problems = 0;
+    uint64_t problems = 0;
+    uint64_t recoverable = 0;
+    int exit_code = 0;
+};
+
+// Counts of `reports`; exit_code is left to the caller.
+Summary summarize(const std::vector<DatabaseReport>& reports);
+
+// One DATABASE record on one line (no newline).
+std::string database_json(const DatabaseReport& report);
+// The whole document of a command, ended by a newline.
+std::string document_json(const std::string& command, const std::vector<DatabaseReport>& reports,
+                          const Summary& summary);
+// The summary record of JSON Lines, ended by a newline.
+std::string summary_json_line(const std::string& command, const Summary& summary);
+
+// The text block of one database, every line ended by a newline.
+std::string database_text(const std::string& command, const DatabaseReport& report);
+// The closing summary line of a command.
+std::string summary_text(const std::string& command, const Summary& summary);
+
+}  // namespace kshadow
+
+#endif  // TOOL_SHADOW_REPORT_H_
