@@ -311,7 +311,17 @@ private:
         // The checksum file's bytes as last persisted or loaded here; empty
         // when there was none.
         std::string on_disk;
+        // The file's identity (inode, size, times) when it was known to hold
+        // on_disk: while it is unchanged the bytes need not be read again.
+        bool signature_known = false;
+        uint64_t signature[6] = {0, 0, 0, 0, 0, 0};
     };
+
+    // The identity of the checksum file of `type` as it is now; false when it
+    // cannot be stat'ed.
+    bool chksum_signature_(const std::string& type, uint64_t (&signature)[6]) const;
+    // Records that the checksum file of `type` now holds on_disk.
+    void remember_chksum_signature_(const std::string& type);
 
     // The slot of a type word; throws "bad parameter" for any other word.
     TypeState& state_(const std::string& type) const;

@@ -71,6 +71,8 @@ public:
 //   record.
 // - Lock order: a directory lock is taken before any mutex of the open-database
 //   cache, never while holding one.
+// - Unlock is called by the thread that locked. A forked child holds none of
+//   its parent's locks (it closes the inherited descriptors without unlocking).
 // Thread-safe; objects may be shared between threads.
 class CatalogDirectoryLock : public DirectoryLock {
 public:

@@ -7,6 +7,8 @@
 
 #include <zlib.h>
 
+#include <algorithm>
+
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -151,8 +153,24 @@ void PODBShadow::load_all() {
             s.mark = JournalMark();
             s.versions.reset(new ShadowVersionList);
             s.on_disk.clear();
+            s.signature_known = false;
         }
     }
+}
+
+bool PODBShadow::chksum_signature_(const std::string& type, uint64_t (&signature)[6]) const {
+    struct stat st;
+    if (wa_stat(shadow_dir_ + "/" + chksum_file(type), &st) != 0) return false;
+    const uint64_t values[6] = {static_cast<uint64_t>(st.st_dev),           static_cast<uint64_t>(st.st_ino),
+                                static_cast<uint64_t>(st.st_size),          static_cast<uint64_t>(st.st_mtim.tv_sec),
+                                static_cast<uint64_t>(st.st_mtim.tv_nsec),  static_cast<uint64_t>(st.st_ctim.tv_nsec)};
+    std::copy(values, values + 6, signature);
+    return true;
+}
+
+void PODBShadow::remember_chksum_signature_(const std::string& type) {
+    TypeState& s = state_(type);
+    s.signature_known = chksum_signature_(type, s.signature);
 }
 
 cr_status_t PODBShadow::refresh_from_disk(const std::string& type, bool reset_if_damaged) {
@@ -160,9 +178,13 @@ cr_status_t PODBShadow::refresh_from_disk(const std::string& type, bool reset_if
     try {
         TypeState& s = state_(type);
         const std::string path = shadow_dir_ + "/" + chksum_file(type);
-        std::string text;
-        const bool present = read_small_file(path, &text);
+        uint64_t now[6];
+        const bool same_file = s.signature_known && chksum_signature_(type, now) &&
+                               std::equal(now, now + 6, s.signature);
+        std::string text = s.on_disk;
+        const bool present = same_file || read_small_file(path, &text);
         bool changed = text != s.on_disk || (!present && !s.versions->empty());
+        if (!changed && present && !same_file) remember_chksum_signature_(type);
         if (!changed && s.journal) {
             struct stat st;
             changed = wa_stat(s.journal->path(), &st) != 0 ||
@@ -175,6 +197,7 @@ cr_status_t PODBShadow::refresh_from_disk(const std::string& type, bool reset_if
         s.mark = JournalMark();
         s.versions.reset(new ShadowVersionList);
         s.on_disk.clear();
+        s.signature_known = false;
         return CR_STATUS_OK;
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "refresh_from_disk", e);

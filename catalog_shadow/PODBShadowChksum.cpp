@@ -164,6 +164,7 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
     // The file now holds this text, whether or not the directory sync below
     // succeeds; what this object believes stays authoritative meanwhile.
     state_(type).on_disk = content;
+    remember_chksum_signature_(type);
     if (wa_syncdir(shadow_dir_) != 0) {
         cr_status_t status = _crMapError("persist_chksum", __FILE__, __LINE__);
         ErrorA(status, "can't persist version info file %s.", path.c_str());
@@ -264,6 +265,7 @@ void PODBShadow::load_versions_from_(const std::string& type, const std::string&
     s.versions.reset(list.release());
     s.current = current;
     s.on_disk = text;
+    remember_chksum_signature_(type);
 }
 
 uint64_t PODBShadow::highest_version_on_disk_(const std::string& type) const {
@@ -340,6 +342,7 @@ cr_status_t PODBShadow::load_versions(const std::string& type, bool reset_if_dam
     }
     s->versions.reset(new ShadowVersionList);
     s->on_disk.clear();
+    s->signature_known = false;
     WarningA(CR_STATUS_CORRUPT, "%s: checksum file for shadow %s corrupted or missing.", "load_versions",
              shadow_dir_.c_str());
     if (reset_if_damaged) {
