@@ -465,6 +465,46 @@ TEST_F(KavrelShadowTest, VerifyBesideAWritingProcess) {
     EXPECT_EQ(3 + kRows, db["recovery"]["journal_lines"].n);
 }
 
+// The pool's PO and UL databases are found below DBROOT/databases/po, backed
+// up like the service backs them up, and reported without a row count (they
+// hold no catalog table).
+TEST_F(KavrelShadowTest, PoolDatabasesAreBackedUpAndReported) {
+    const std::string po_dir = pool_.root() + "/databases/po/1";
+    kt::make_dirs(po_dir);
+    for (const char* name : {"po.db", "ul.db"}) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open((po_dir + "/" + name).c_str(), &db));
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "CREATE TABLE po (basename TEXT); INSERT INTO po VALUES ('a');",
+                                          nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+    }
+    kt::RunResult r = run_read_only({"status", po_dir});
+    EXPECT_EQ(1, r.exit_status) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  recovery      impossible: no shadow version\n")) << r.out;
+
+    r = run({"backup", "--all"});
+    EXPECT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("podb " + po_dir + "\n  live          present, ")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("uldb " + po_dir + "\n")) << r.out;
+    size_t kept = 0;
+    for (size_t at = r.out.find("  backup        kept version 1\n"); at != std::string::npos;
+         at = r.out.find("  backup        kept version 1\n", at + 1)) {
+        ++kept;
+    }
+    EXPECT_EQ(2u, kept) << r.out;  // the two pool databases; the catalogs are unchanged
+    EXPECT_NE(std::string::npos, r.out.find("backup: 4 databases, 0 with problems, 0 problems, 4 recoverable\n"));
+
+    r = run_read_only({"--json", "verify", po_dir});
+    EXPECT_EQ(0, r.exit_status) << r.out;
+    const kt::Json doc = kt::JsonParser::parse(r.out);
+    ASSERT_EQ(2u, doc["databases"].items.size());
+    EXPECT_EQ("podb", doc["databases"][0]["type"].s);
+    EXPECT_EQ("uldb", doc["databases"][1]["type"].s);
+    EXPECT_TRUE(doc["databases"][0]["live"]["rows"].is_null());
+    EXPECT_EQ("ok", doc["databases"][0]["live"]["integrity"].s);
+    EXPECT_TRUE(doc["databases"][0]["recovery"]["possible"].b);
+}
+
 TEST_F(KavrelShadowTest, NoProgressLineWhenStderrIsNoTerminal) {
     kt::RunResult r = run({"verify"}, kt::RunOptions());
     EXPECT_EQ(0, r.exit_status);
