@@ -88,9 +88,15 @@ public:
         uint32_t crc = 1;
         uint32_t crc_at_recorded = 1;
         uint64_t position_at_recorded = 0;
-        // The checksum a check compares: that of the recorded prefix when
-        // lines follow it and the prefix matches `recorded_crc`, else crc.
+        uint64_t bytes = 0;  // length of the file
+        // Lines follow the recorded ones and the recorded prefix matches
+        // `recorded_crc`: a check cuts the journal back to that prefix.
+        bool prefix_repairable(uint32_t recorded_lines, uint32_t recorded_crc) const;
+        // The checksum a check compares: that of the recorded prefix when it
+        // is repairable, else crc.
         uint32_t effective_crc(uint32_t recorded_lines, uint32_t recorded_crc) const;
+        // The bytes a recovery replays: the prefix when repairable, else all.
+        uint64_t replayed_bytes(uint32_t recorded_lines, uint32_t recorded_crc) const;
     };
     // Reads the journal; changes nothing.
     JournalScan scan_journal() const;

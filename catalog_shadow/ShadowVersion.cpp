@@ -96,17 +96,21 @@ ShadowVersion::JournalScan ShadowVersion::scan_journal() const {
         }
     }
     scan.crc = crc.value();
+    scan.bytes = position;
     return scan;
 }
 
-// What the journal's checksum comes to once lines beyond the recorded count
-// are left out, when the recorded prefix is intact (the repair would cut them).
+bool ShadowVersion::JournalScan::prefix_repairable(uint32_t recorded_lines, uint32_t recorded_crc) const {
+    return recorded_lines != 0 && lines > recorded_lines && crc_at_recorded == recorded_crc &&
+           position_at_recorded > 0;
+}
+
 uint32_t ShadowVersion::JournalScan::effective_crc(uint32_t recorded_lines, uint32_t recorded_crc) const {
-    if (recorded_lines != 0 && lines > recorded_lines && crc_at_recorded == recorded_crc &&
-        position_at_recorded > 0) {
-        return crc_at_recorded;
-    }
-    return crc;
+    return prefix_repairable(recorded_lines, recorded_crc) ? crc_at_recorded : crc;
+}
+
+uint64_t ShadowVersion::JournalScan::replayed_bytes(uint32_t recorded_lines, uint32_t recorded_crc) const {
+    return prefix_repairable(recorded_lines, recorded_crc) ? position_at_recorded : bytes;
 }
 
 int ShadowVersion::check_crc_journal() {
@@ -117,8 +121,7 @@ int ShadowVersion::check_crc_journal() {
         // Lines appended after the checksum file was last persisted: a crash
         // between the journal sync and the checksum file. Cut them away when
         // the recorded part is still intact.
-        if (scan.crc_at_recorded == journal_crc && scan.position_at_recorded > 0 &&
-            fix_journal(scan.position_at_recorded)) {
+        if (scan.prefix_repairable(journal_lines, journal_crc) && fix_journal(scan.position_at_recorded)) {
             WarningA(CR_STATUS_NONE, "Journal file %s was corrupted, and it was fixed by truncation.",
                      journal_path.c_str());
             result = scan.crc_at_recorded;

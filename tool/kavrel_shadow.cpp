@@ -10,7 +10,6 @@
 //
 // Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.
 #include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <memory>

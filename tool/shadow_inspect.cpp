@@ -5,7 +5,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <iterator>
+#include <vector>
 
 #include "appdb/catalog_row_check.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
@@ -124,6 +126,19 @@ private:
     std::string path_;
 };
 
+// Copies the first `length` bytes of `from` to `to`; false (logged) on failure.
+bool copy_prefix(const std::string& from, const std::string& to, uint64_t length) {
+    std::ifstream in(from.c_str(), std::ios::in | std::ios::binary);
+    std::ofstream out(to.c_str(), std::ios::out | std::ios::binary | std::ios::trunc);
+    std::vector<char> buffer(static_cast<size_t>(length));
+    if (in.read(buffer.data(), static_cast<std::streamsize>(length)) && out.write(buffer.data(), in.gcount()) &&
+        out.flush()) {
+        return true;
+    }
+    ErrorA(CR_STATUS_IO, "%s: failed to copy %s to %s", "rehearse_recovery", from.c_str(), to.c_str());
+    return false;
+}
+
 // Replays the recovery from `base` onto a scratch copy and counts the rows it
 // gives. False (with the plan's reason set) when the replay fails.
 bool rehearse(const DatabaseReport& report, const ShadowVersionList& list, ShadowVersionList::const_iterator base,
@@ -141,13 +156,26 @@ bool rehearse(const DatabaseReport& report, const ShadowVersionList& list, Shado
         plan->reason = "base version could not be copied";
         return false;
     }
+    // The journals as a recovery replays them, oldest first: each cut back to
+    // its recorded prefix where a recovery's check would cut it.
+    ShadowVersionList replay;
+    for (auto it = std::next(base);; ) {
+        --it;
+        replay.emplace_back(scratch.path(), it->type, it->version);
+        const ShadowVersion::JournalScan scan = it->scan_journal();
+        if (scan.exists && !copy_prefix(it->journal_path, replay.back().journal_path,
+                                        scan.replayed_bytes(it->journal_lines, it->journal_crc))) {
+            plan->reason = "journal could not be copied";
+            return false;
+        }
+        if (it == list.begin()) break;
+    }
     sqlitedb::sqlite3_wrapper db(copy);
     if (db.checkopen() != CR_STATUS_OK || db.begin_transaction() != CR_STATUS_OK) {
         plan->reason = "scratch copy could not be opened";
         return false;
     }
-    ShadowVersionList::const_reverse_iterator first(std::next(base));
-    cr_status_t status = shadow.apply_journals(first, list.crend(), &db);
+    cr_status_t status = shadow.apply_journals(replay.cbegin(), replay.cend(), &db);
     if (status != CR_STATUS_OK) {
         db.rollback_transaction();
         db.close_db(kCloseRetries);

@@ -7,6 +7,7 @@
 #include <ftw.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
@@ -407,6 +408,101 @@ TEST_F(KavrelShadowTest, UsageAndCannotRun) {
     r = run({"status"});
     EXPECT_EQ(3, r.exit_status);
     EXPECT_EQ("", r.out);
+}
+
+// A service process keeps adding rows while verify runs again and again: the
+// journal lines it has not yet counted in the checksum file, and the rows of
+// a transaction in flight, are never taken for damage. Afterwards every row
+// the writer had acknowledged is there, and a rehearsal replays all of them.
+TEST_F(KavrelShadowTest, VerifyBesideAWritingProcess) {
+    const int kRows = 60;
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    fflush(nullptr);
+    pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        close(ready[0]);
+        CatalogShadowContext context(new ConfigFileShadowProxy(pool_.config(), pool_.root()),
+                                     new CatalogDirectoryLock());
+        if (context.init() != CR_STATUS_OK) _exit(2);
+        std::unique_ptr<appdb::catalog_application> catalog(appdb::catalog_application_factory::create_catalog(
+            1, pool_.root() + "/databases", appdb::APP_D_CATALOG_SHADOW, &context, 5));
+        if (!catalog || write(ready[1], "r", 1) != 1) _exit(3);
+        for (int i = 0; i < kRows; ++i) {
+            if (catalog->update_catalog("svc", appdb::APP_ROLE_APP, item("c1", "p1", 100 + i).to_string()) != 0) {
+                _exit(4);
+            }
+        }
+        _exit(0);
+    }
+    close(ready[1]);
+    char c = 0;
+    ASSERT_EQ(1, read(ready[0], &c, 1));
+    close(ready[0]);
+
+    int runs = 0;
+    int status = 0;
+    for (;;) {
+        const bool writer_done = waitpid(writer, &status, WNOHANG) == writer;
+        kt::RunResult r = run({"verify", p1_});
+        ++runs;
+        EXPECT_EQ(0, r.exit_status) << "run " << runs << ":\n" << r.out << r.err;
+        if (writer_done || r.exit_status != 0) break;
+    }
+    RecordProperty("verify_runs", runs);
+    if (!WIFEXITED(status)) {
+        ASSERT_EQ(writer, waitpid(writer, &status, 0));
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(0, WEXITSTATUS(status));
+
+    kt::RunResult r = run({"--json", "verify", p1_});
+    EXPECT_EQ(0, r.exit_status) << r.out;
+    const kt::Json db = kt::JsonParser::parse(r.out)["databases"][0];
+    EXPECT_EQ(3 + kRows, db["live"]["rows"].n);
+    EXPECT_EQ(3 + kRows, db["recovery"]["rows_after"].n);
+    EXPECT_EQ(3 + kRows, db["recovery"]["journal_lines"].n);
+}
+
+// The pool's PO and UL databases are found below DBROOT/databases/po, backed
+// up like the service backs them up, and reported without a row count (they
+// hold no catalog table).
+TEST_F(KavrelShadowTest, PoolDatabasesAreBackedUpAndReported) {
+    const std::string po_dir = pool_.root() + "/databases/po/1";
+    kt::make_dirs(po_dir);
+    for (const char* name : {"po.db", "ul.db"}) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open((po_dir + "/" + name).c_str(), &db));
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "CREATE TABLE po (basename TEXT); INSERT INTO po VALUES ('a');",
+                                          nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+    }
+    kt::RunResult r = run_read_only({"status", po_dir});
+    EXPECT_EQ(1, r.exit_status) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  recovery      impossible: no shadow version\n")) << r.out;
+
+    r = run({"backup", "--all"});
+    EXPECT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("podb " + po_dir + "\n  live          present, ")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("uldb " + po_dir + "\n")) << r.out;
+    size_t kept = 0;
+    for (size_t at = r.out.find("  backup        kept version 1\n"); at != std::string::npos;
+         at = r.out.find("  backup        kept version 1\n", at + 1)) {
+        ++kept;
+    }
+    EXPECT_EQ(2u, kept) << r.out;  // the two pool databases; the catalogs are unchanged
+    EXPECT_NE(std::string::npos, r.out.find("backup: 4 databases, 0 with problems, 0 problems, 4 recoverable\n"));
+
+    r = run_read_only({"--json", "verify", po_dir});
+    EXPECT_EQ(0, r.exit_status) << r.out;
+    const kt::Json doc = kt::JsonParser::parse(r.out);
+    ASSERT_EQ(2u, doc["databases"].items.size());
+    EXPECT_EQ("podb", doc["databases"][0]["type"].s);
+    EXPECT_EQ("uldb", doc["databases"][1]["type"].s);
+    EXPECT_TRUE(doc["databases"][0]["live"]["rows"].is_null());
+    EXPECT_EQ("ok", doc["databases"][0]["live"]["integrity"].s);
+    EXPECT_TRUE(doc["databases"][0]["recovery"]["possible"].b);
 }
 
 TEST_F(KavrelShadowTest, NoProgressLineWhenStderrIsNoTerminal) {
