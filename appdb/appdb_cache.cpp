@@ -299,10 +299,9 @@ void appdb_cache::close_db(const std::string& path) {
 // directory (the cache key is that directory) through a ScopedLock, which
 // releases just what it took itself; the borrower's own hold is left as it is,
 // since releasing it would let another process into a directory whose database
-// is still being written. The paths stay in no_return_cache_, so a borrower
-// that returns its connection later is accepted and the connection is closed
-// with the cache, and no second connection to the same database is registered
-// meanwhile.
+// is still being written. The cache forgets them: a late return_db is refused
+// ("don't find app db path"), and the borrower closes its connection itself
+// (Auto_Return_DB does).
 //
 // Directory locks come before the cache's mutex: an operation holds its
 // directory and then calls into the cache. So the idle connections are taken
@@ -316,11 +315,10 @@ void appdb_cache::close_all_db() {
         InfoA(0, "%s: cache app db size %u", __func__, static_cast<unsigned>(cache_.size()));
         idle.swap(cache_);
         clear_cache_priority();
-        if (!no_return_cache_.empty()) {
-            ErrorA(0, "%s: no_return_cache_ size %u", __func__,
-                   static_cast<unsigned>(no_return_cache_.size()));
-            borrowed.assign(no_return_cache_.begin(), no_return_cache_.end());
-        }
+        InfoA(0, "%s: no_return_cache_ size %u", __func__,
+              static_cast<unsigned>(no_return_cache_.size()));
+        borrowed.assign(no_return_cache_.begin(), no_return_cache_.end());
+        no_return_cache_.clear();
     }
     for (auto& entry : idle) {
         DirectoryLock::ScopedLock dir_lock(dir_lock_, entry.first);
@@ -387,6 +385,11 @@ size_t appdb_cache::idle_count() const {
 size_t appdb_cache::handed_out_count() const {
     scoped_mutex lock(&mutex_);
     return no_return_cache_.size();
+}
+
+bool appdb_cache::is_handed_out(const std::string& path) const {
+    scoped_mutex lock(&mutex_);
+    return no_return_cache_.count(path) != 0;
 }
 
 size_t appdb_cache::priority_time_count() const {

@@ -66,8 +66,9 @@ public:
     // Closes the idle connection of `path`; a handed-out one is left alone.
     void close_db(const std::string& path);
 
-    // Closes every idle connection. Handed-out connections are not closed:
-    // their borrowers still own them and may return them later.
+    // Closes every idle connection and forgets the handed-out ones: their
+    // borrowers own them, a later return_db of one is refused, and the
+    // borrower closes it (Auto_Return_DB does so).
     void close_all_db();
 
     // Closes `db`, retrying a busy close: three close calls at most, one
@@ -78,6 +79,8 @@ public:
     bool check_invariant() const;
     size_t idle_count() const;
     size_t handed_out_count() const;
+    // Whether `path` is handed out at this moment.
+    bool is_handed_out(const std::string& path) const;
     size_t priority_time_count() const;
     unsigned int capacity() const { return capacity_; }
 

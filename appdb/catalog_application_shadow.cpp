@@ -113,6 +113,13 @@ bool catalog_application_impl_shadow::need_recover_after_db_operation(cr_status_
 bool catalog_application_impl_shadow::may_recover(cr_status_t status, const std::string& client,
                                                   const std::string& policy) {
     if (!need_recover_after_db_operation(status, client, policy)) return false;
+    // With automatic recovery switched off the operation keeps its status;
+    // an operator recovers through the context's explicit calls.
+    if (shadow_ctx != nullptr && !shadow_ctx->auto_recovery) {
+        WarningA(status, "%s: catalog auto recovery is disabled, app db c %s p %s is not recovered",
+                 "may_recover", client.c_str(), policy.c_str());
+        return false;
+    }
     // A helper called on its own, outside any public operation, is an
     // operation of its own.
     if (operation_depth > 0 && operation_recovered) {

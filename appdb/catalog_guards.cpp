@@ -12,11 +12,15 @@ Auto_Return_DB::Auto_Return_DB(appdb_cache* cache, const std::string& path, appd
 Auto_Return_DB::~Auto_Return_DB() {
     if (cache_ == nullptr || value_ == nullptr) return;
     try {
-        // A refused return has been logged by the cache. The cache refuses
-        // only when its books disagree with this borrow (or memory ran out,
-        // and then it closed the connection itself); the connection is not
-        // touched here, since the two cases cannot be told apart.
-        cache_->return_db(path_, value_);
+        // A refused return has been logged by the cache. A borrow the cache
+        // no longer knows (close_all_db forgot it) leaves the connection
+        // ours, and it is closed here; otherwise the refusal came from a
+        // failure that has closed it already (memory ran out).
+        const bool known = cache_->is_handed_out(path_);
+        if (!cache_->return_db(path_, value_) && !known) {
+            appdb_cache::close_sqlite3_db(value_->db, path_);
+            delete value_;
+        }
     } catch (const std::bad_alloc&) {
         ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "~Auto_Return_DB");
     }

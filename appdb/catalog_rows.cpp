@@ -252,7 +252,6 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
                                                       const std::string& sql_in) {
     const char* const fn = "try_do_db_query";
     try {
-        items.clear();
         if (!shadow_copy_exist(query.client, query.policy)) {
             InfoA(CR_STATUS_OK, "%s: no app.db shadow for %s %s", fn, query.client.c_str(),
                   query.policy.c_str());
@@ -262,11 +261,10 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
                 return CR_STATUS_OK;
             }
         }
+        // A type without a statement prepares the empty text; it is refused
+        // below, where the parameters are bound.
         std::string sql = sql_in;
-        if (sql.empty() && !query.query_sql(sql)) {
-            ErrorA(CR_STATUS_FAILED, "%s: unsupported app query type %u", fn, query.type);
-            return CR_STATUS_FAILED;
-        }
+        if (sql.empty()) query.query_sql(sql);
         const std::string name = to_db_full_name(query.client, query.policy);
         appdb_value* value = nullptr;
         cr_status_t status = open_db_with_cached(query.client, query.policy, &value);
@@ -397,8 +395,9 @@ cr_status_t catalog_application_base::do_db_query(const app_query& query,
     try {
         const std::string name = to_db_full_name(query.client, query.policy);
         for (unsigned int busy = 0;;) {
-            // Every attempt starts from an empty result (try_do_db_query
-            // clears it), so a retried query never returns rows twice.
+            // try_do_db_query appends: every attempt starts from an empty
+            // result, so a retried query never returns rows twice.
+            items.clear();
             const cr_status_t status = try_do_db_query(query, items, sql);
             if (status == CR_STATUS_OK) return status;
             if (status != CR_STATUS_BUSY) {

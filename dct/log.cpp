@@ -26,11 +26,15 @@ public:
     }
     void write(dct::log_level level, cr_status_t status, const std::string& message) {
         if (f_ == nullptr) return;
+        // The message is written by its length: a byte inside it (even a
+        // NUL) never cuts the record short.
         if (level == dct::log_level::trace) {
-            fprintf(f_, "%s %s\n", dct::log_level_name(level), message.c_str());
+            fprintf(f_, "%s ", dct::log_level_name(level));
         } else {
-            fprintf(f_, "%s [%u] %s\n", dct::log_level_name(level), status, message.c_str());
+            fprintf(f_, "%s [%u] ", dct::log_level_name(level), status);
         }
+        fwrite(message.data(), 1, message.size(), f_);
+        fputc('\n', f_);
         fflush(f_);
     }
 
@@ -38,6 +42,20 @@ private:
     FILE* f_;
     bool owned_;
 };
+
+std::string without_nul(const std::string& message) {
+    if (message.find('\0') == std::string::npos) return message;
+    std::string text;
+    text.reserve(message.size() + 8);
+    for (char c : message) {
+        if (c == '\0') {
+            text += "\\0";
+        } else {
+            text += c;
+        }
+    }
+    return text;
+}
 
 dct::log_sink make_default_sink() {
     const char* env_value = getenv("DCT_LOG");
@@ -66,10 +84,13 @@ dct::log_sink make_default_sink() {
             case dct::log_level::info: prio = LOG_INFO; break;
             case dct::log_level::trace: prio = LOG_DEBUG; break;
         }
+        // syslog takes C strings: a NUL inside the message is written as the
+        // characters backslash and zero, so that the rest of the record is kept.
+        const std::string text = without_nul(message);
         if (level == dct::log_level::trace) {
-            syslog(prio, "%s %s", dct::log_level_name(level), message.c_str());
+            syslog(prio, "%s %s", dct::log_level_name(level), text.c_str());
         } else {
-            syslog(prio, "%s [%u] %s", dct::log_level_name(level), status, message.c_str());
+            syslog(prio, "%s [%u] %s", dct::log_level_name(level), status, text.c_str());
         }
     };
 }

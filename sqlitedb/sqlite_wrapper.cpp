@@ -316,13 +316,13 @@ cr_status_t sqlite3_wrapper::close_db(unsigned long retries) {
 
 cr_status_t sqlite3_wrapper::drop_db() {
     close_db(kCloseRetries);
-    if (wa_deletefile(path) == 0) {
+    const int rc = wa_deletefile(path);
+    if (rc == 0) {
         InfoA(0, "Drop database %s.", path.c_str());
         return CR_STATUS_OK;
     }
-    const cr_status_t status = _crMapError("drop_db", "kesh/podb/sqlite_wrapper", __LINE__);
-    ErrorA(status, "Failed to delete database file %s.", path.c_str());
-    return status;
+    ErrorA(static_cast<cr_status_t>(rc), "Failed to delete database file %s.", path.c_str());
+    return static_cast<cr_status_t>(rc);
 }
 
 cr_status_t sqlite3_wrapper::on_db_error(int rc) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "appdb/appdb_cache.h"
+#include "appdb/catalog_guards.h"
 #include "cache_fixtures.h"
 #include "common/test_util.h"
 #include "dct/log.h"
@@ -394,9 +395,11 @@ TEST_F(CacheTest, CloseAllClosesIdleAndKeepsBorrowedOnes) {
     EXPECT_EQ(1, conns_.live(c));
     EXPECT_EQ(0u, cache.idle_count());
     EXPECT_EQ(0u, cache.priority_time_count());
-    EXPECT_EQ(1u, cache.handed_out_count());
+    // The handed-out connection is forgotten, not closed.
+    EXPECT_EQ(0u, cache.handed_out_count());
+    EXPECT_FALSE(cache.is_handed_out(c));
     EXPECT_TRUE(log_.contains(log_level::info, 0, "close_all_db: cache app db size 2"));
-    EXPECT_TRUE(log_.contains(log_level::error, 0, "close_all_db: no_return_cache_ size 1"));
+    EXPECT_TRUE(log_.contains(log_level::info, 0, "close_all_db: no_return_cache_ size 1"));
     EXPECT_EQ(0u, log_.count_containing("lock status"));
     // log_state ran first, with the state before the closes.
     EXPECT_TRUE(log_.contains(log_level::trace, CR_STATUS_NONE, "log_state: cache size 2"));
@@ -409,18 +412,42 @@ TEST_F(CacheTest, CloseAllClosesIdleAndKeepsBorrowedOnes) {
     EXPECT_TRUE(log_.contains(log_level::trace, CR_STATUS_NONE, "log_state: no return cache size 1"));
     EXPECT_TRUE(log_.contains(log_level::trace, CR_STATUS_NONE,
                               "log_state: \t\tno return cache file path " + c));
-    // The borrower may still give its connection back; it is then cached.
-    give_back(cache, c, vc);
-    EXPECT_EQ(1u, cache.idle_count());
+    // A late return of the forgotten connection is refused and it stays the
+    // borrower's.
+    log_.clear();
+    EXPECT_FALSE(cache.return_db(c, vc));
+    EXPECT_TRUE(log_.contains(log_level::error, CR_STATUS_NONE,
+                              "return_db: don't find app db path " + c + " in no_return_cache"));
+    EXPECT_EQ(0u, cache.idle_count());
     EXPECT_EQ(1, conns_.live(c));
+    // The path is no longer reserved: a new connection to it is registered.
+    appdb_value* again = create(cache, c);
+    ASSERT_NE(nullptr, again);
+    EXPECT_EQ(0u, log_.count_containing("dup app db 2"));
+    give_back(cache, c, again);
+    appdb_cache::close_sqlite3_db(vc->db, c);
+    delete vc;
 }
 
-TEST_F(CacheTest, CloseAllWithNothingHandedOutSaysNothingAboutIt) {
+TEST_F(CacheTest, CloseAllWithNothingHandedOutLogsAnEmptyNoReturnCache) {
     appdb_cache cache(5);
     give_back(cache, db("a.db"), create(cache, db("a.db")));
     cache.close_all_db();
-    EXPECT_EQ(0u, log_.count_containing("no_return_cache_ size"));
+    EXPECT_TRUE(log_.contains(log_level::info, 0, "close_all_db: no_return_cache_ size 0"));
     EXPECT_EQ(0, conns_.live());
+}
+
+TEST_F(CacheTest, ForgottenBorrowIsClosedByItsGuard) {
+    appdb_cache cache(5);
+    const std::string a = db("a.db");
+    {
+        appdb::Auto_Return_DB guard(&cache, a, create(cache, a));
+        cache.close_all_db();
+    }
+    EXPECT_EQ(0, conns_.live(a));
+    EXPECT_EQ(0u, cache.idle_count());
+    EXPECT_TRUE(log_.contains(log_level::error, CR_STATUS_NONE,
+                              "return_db: don't find app db path " + a + " in no_return_cache"));
 }
 
 TEST_F(CacheTest, DestructorClosesEveryIdleConnection) {

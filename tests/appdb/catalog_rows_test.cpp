@@ -315,6 +315,39 @@ TEST_F(CatalogRows, UnsupportedQueryTypeIsRefused) {
         << log.dump();
 }
 
+TEST_F(CatalogRows, UnsupportedQueryTypeIsRefusedAfterTheDatabaseIsOpened) {
+    app_query q;
+    q.client = "c";
+    q.policy = "p";
+    q.type = 0;
+    std::vector<app_catalog_item> out;
+    // No database: nothing to refuse, no rows.
+    EXPECT_EQ(0u, app->try_do_db_query(q, out, ""));
+    EXPECT_EQ(0u, log.count_containing("unsupported app query type")) << log.dump();
+    insert(make_item("c", "p", "f", "B1"));
+    app->cache->close_all_db();
+    log.clear();
+    EXPECT_EQ(4u, app->try_do_db_query(q, out, ""));
+    EXPECT_EQ(1u, log.count(log_level::error, 4, "try_do_db_query: unsupported app query type 0"))
+        << log.dump();
+    // The database was opened (and given back) before the type was refused.
+    EXPECT_EQ(1u, app->cache->idle_count());
+}
+
+TEST_F(CatalogRows, OneQueryAttemptAppendsToTheCallersRows) {
+    insert(make_item("c", "p", "f1", "B1", 100));
+    insert(make_item("c", "p", "f2", "B1", 200));
+    std::string sql;
+    app_query q = query("backup_id|c,p,B1", sql);
+    std::vector<app_catalog_item> out(1);
+    out[0].file_name = "kept";
+    ASSERT_EQ(0u, app->try_do_db_query(q, out, sql));
+    EXPECT_EQ((std::vector<std::string>{"kept", "f1", "f2"}), names(out));
+    // The retrying form starts each attempt from an empty result.
+    ASSERT_EQ(0u, app->do_db_query(q, out, sql));
+    EXPECT_EQ((std::vector<std::string>{"f1", "f2"}), names(out));
+}
+
 TEST_F(CatalogRows, NullTextColumnReadsAsEmpty) {
     app_catalog_item item = make_item("c", "p", "f", "B1");
     item.description.clear();

@@ -285,3 +285,56 @@ TEST_F(ShadowRecover, OneOperationNeverRecoversTwice) {
 }
 
 }  // namespace
+
+namespace {
+
+// The same pool with "CatalogAutoRecovery = false".
+class ShadowNoAutoRecovery : public shadowt::shadow_fixture {
+protected:
+    void SetUp() override {
+        pool.prepare("CatalogAutoRecovery = false\n");
+        ctx = pool.context();
+        ASSERT_TRUE(ctx->enabled.load()) << log.dump();
+        ASSERT_FALSE(ctx->auto_recovery.load());
+        app = make_shadow_app(pool, ctx.get());
+        ASSERT_NE(nullptr, app);
+        log.clear();
+    }
+};
+
+TEST_F(ShadowNoAutoRecovery, ADamagedDatabaseKeepsItsStatusUntilRecoveredExplicitly) {
+    for (int i = 0; i < 3; ++i) insert(make_item("c", "p", "f" + std::to_string(i), "c_1", 100 + i));
+    restart_app();
+    sqlite3* raw = catt::raw_open(db_file("c", "p"));
+    catt::raw_exec(raw, "UPDATE catalog SET crc = crc + 1 WHERE name = 'f1'");
+    sqlite3_close(raw);
+    log.clear();
+
+    std::vector<app_catalog_item> found;
+    EXPECT_EQ(67u, app->find_catalog("admin", 1, appdb::to_query_by_backup_id("c", "p", "c_*"), found));
+    EXPECT_EQ(0u, log.count_containing("corrupt, to do recover from shadow")) << log.dump();
+    EXPECT_EQ(1u, log.count(log_level::warning, 67,
+                            "may_recover: catalog auto recovery is disabled, app db c c p p is not recovered"))
+        << log.dump();
+    // An insert is refused the same way and the database is left as it was.
+    EXPECT_EQ(0u, log.count_containing("Recover database"));
+
+    // The explicit call still recovers.
+    restart_app();
+    ASSERT_EQ(0u, ctx->recover(db_dir("c", "p"), PODBShadow::_appdb_type_, 0)) << log.dump();
+    restart_app();
+    ASSERT_EQ(0u, app->find_catalog("admin", 1, appdb::to_query_by_backup_id("c", "p", "c_*"), found));
+    EXPECT_EQ(3u, found.size());
+}
+
+TEST_F(ShadowNoAutoRecovery, AMissingDatabaseIsNotRecreatedNorRecovered) {
+    insert(make_item("c", "p", "f0", "c_1", 100));
+    restart_app();
+    shadowt::delete_database(db_file("c", "p"));
+    log.clear();
+    EXPECT_EQ(21u, app->update_catalog("admin", 1, make_item("c", "p", "f1", "c_1").to_string()));
+    EXPECT_EQ(0u, log.count_containing("corrupt, to do recover from shadow")) << log.dump();
+    EXPECT_FALSE(kt::file_exists(db_file("c", "p")));
+}
+
+}  // namespace

@@ -231,3 +231,26 @@ TEST(DefaultSink, TraceSwitchOffWithoutDctTrace) {
     ASSERT_EQ(unset.status, 0);
     EXPECT_EQ(unset.err, "INFO [0] end\n");
 }
+
+namespace {
+
+// A record whose message holds a NUL byte, with text after it.
+void log_record_with_nul() { InfoA(CR_STATUS_OK, "before %c after", '\0'); }
+
+}  // namespace
+
+TEST(DefaultSink, StderrWritesARecordWithANulWhole) {
+    child_side(log_record_with_nul);
+    ChildResult r = run_child({"DCT_LOG=stderr"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, std::string("INFO [0] before ") + '\0' + " after\n");
+}
+
+TEST(DefaultSink, FileWritesARecordWithANulWhole) {
+    child_side(log_record_with_nul);
+    kt::TempDir here;
+    std::string path = here.file("nul.log");
+    ChildResult r = run_child({"DCT_LOG=file:" + path});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(kt::read_file(path), std::string("INFO [0] before ") + '\0' + " after\n");
+}

@@ -223,8 +223,10 @@ TEST_F(KavrelListingTest, OnlyCatalogDirectoriesAreListedOthersTraced) {
          }) {
         EXPECT_NE(std::string::npos, r.err.find(line)) << line << "\nin:\n" << r.err;
     }
-    // The application directory itself: no character follows its name.
-    EXPECT_NE(std::string::npos, r.err.find("TRACE path " + app + " database_app_root " + app + " "))
+    // The application directory itself: the character at the start is the
+    // terminator, and the record is written whole, its newline included.
+    EXPECT_NE(std::string::npos,
+              r.err.find("TRACE path " + app + " database_app_root " + app + " " + '\0' + "\n"))
         << r.err;
     // Files are not offered to parse_path.
     EXPECT_EQ(std::string::npos, r.err.find("app.db policy is not correct")) << r.err;
