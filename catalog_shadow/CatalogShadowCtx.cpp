@@ -118,6 +118,16 @@ bool CatalogShadowContext::has_shadow_copy(const std::string& dir, const std::st
     }
 }
 
+bool CatalogShadowContext::shadow_history_lost(const std::string& dir, const std::string& type) {
+    if (!enabled || !pool) return false;
+    try {
+        return pool->get(dir)->history_lost(type);
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "shadow_history_lost", e);
+        return false;
+    }
+}
+
 cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
     if (!enabled) return CR_STATUS_OK;
     if (!pool || !podb) {
@@ -138,8 +148,12 @@ cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
                 break;
             }
         }
+        // The lines written before a failed one stay: their changes are in
+        // the database as well.
         cr_status_t status = shadow->flush_journal(PODBShadow::_podb_type_);
-        return result != CR_STATUS_OK ? result : status;
+        if (result == CR_STATUS_OK) result = status;
+        if (result == CR_STATUS_OK) return CR_STATUS_OK;
+        return protect_by_backup_(podb->get_dir(), PODBShadow::_podb_type_, result);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
         return CR_STATUS_FAILED;
@@ -157,12 +171,26 @@ cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const st
         boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
         std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
         cr_status_t status = shadow->write_journal(type, statement);
-        if (status != CR_STATUS_OK) return status;
-        return shadow->flush_journal(type);
+        if (status == CR_STATUS_OK) status = shadow->flush_journal(type);
+        if (status == CR_STATUS_OK) return CR_STATUS_OK;
+        return protect_by_backup_(dir, type, status);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
         return CR_STATUS_FAILED;
     }
+}
+
+// A change that is in the database but could not be journalled is protected
+// by a new version that holds it; that version's journal starts clean, so a
+// journal that failed its check is left behind as well.
+cr_status_t CatalogShadowContext::protect_by_backup_(const std::string& dir, const std::string& type,
+                                                     cr_status_t failure) {
+    InfoA(CR_STATUS_OK, "%s: journal of %s in %s not written, taking a new shadow copy", "write_journal",
+          type.c_str(), dir.c_str());
+    if (backup_unlocked(dir, type, 0) == CR_STATUS_OK) return CR_STATUS_OK;
+    ErrorA(failure, "%s: the change to %s in %s is in the database but not protected by its shadow",
+           "write_journal", type.c_str(), dir.c_str());
+    return failure;
 }
 
 cr_status_t CatalogShadowContext::reload_podb(const std::string& dir) {

@@ -172,6 +172,13 @@ public:
     // Both the shadow directory and the type's checksum file are present.
     bool exist(const std::string& type) const;
 
+    // True when the type lists no version although version numbers were
+    // handed out before: its history was found damaged and set aside
+    // (load_versions), and no copy has been taken since. Numbers start at 1
+    // and only a damaged checksum file empties a list, so this holds across
+    // restarts through the checksum file itself.
+    bool history_lost(const std::string& type) const;
+
     // For "podb", "uldb", "appdb" in turn: load_versions(type, true) when
     // exist(type), else initialize(type). Used when the shadow enters the pool
     // and when it is reloaded.

@@ -9,6 +9,7 @@
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "dct/config.h"
+#include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 
@@ -101,7 +102,20 @@ int ShadowVersion::check_crc_journal() {
     }
 
     uint32_t result = crc.value();
-    if (journal_lines != 0 && lines > journal_lines) {
+    if (journal_lines == 0 && journal_crc == 1 && lines > 0) {
+        // The checksum file counts no line at all: the version's first lines
+        // were written and the writer died before the checksum file counted
+        // them, so none of them was acknowledged. Cut them all away; a journal
+        // recorded as empty stays empty.
+        if (fix_journal(0)) {
+            WarningA(CR_STATUS_NONE, "Journal file %s was corrupted, and it was fixed by truncation.",
+                     journal_path.c_str());
+            result = 1;
+            lines = 0;
+        } else {
+            ErrorA(CR_STATUS_NONE, "Journal file %s was corrupted, tried to fix but failed.", journal_path.c_str());
+        }
+    } else if (journal_lines != 0 && lines > journal_lines) {
         // Lines appended after the checksum file was last persisted: a crash
         // between the journal sync and the checksum file. Cut them away when
         // the recorded part is still intact.
@@ -136,6 +150,15 @@ int ShadowVersion::fix_journal(uint64_t length) {
         int e = errno;
         cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
         ErrorA(status, "%s: ftruncate file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
+        ::close(fd);
+        return 0;
+    }
+    // The cut must reach the disk before anything counts on it: a checksum
+    // file written later describes the journal as it is now.
+    if (dct::fault_point(dct::fault_op::fsync, journal_path.c_str()) != 0 || safe_fsync(fd) != 0) {
+        int e = errno;
+        cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
+        ErrorA(status, "%s: fsync file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
         ::close(fd);
         return 0;
     }
