@@ -70,12 +70,16 @@ public:
 
     // Checks the journal against journal_crc / journal_lines. Lines written
     // after the checksum file was last persisted are cut away when the
-    // recorded prefix still matches. With journal_lines 0 the whole journal is
-    // taken and journal_lines filled in (unless auto-fix is disabled in the
-    // process configuration). 1 when the journal matches.
+    // recorded prefix still matches. A recorded count of 0 with journal_crc 1
+    // is an empty journal: every line found is cut away (synced), since the
+    // writer died before any was counted. With journal_lines 0 and another
+    // checksum the whole journal is taken and journal_lines filled in (unless
+    // auto-fix is disabled in the process configuration). 1 when the journal
+    // matches.
     int check_crc_journal();
 
-    // Truncates the journal file to `length` bytes. 1 on success, 0 on failure.
+    // Truncates the journal file to `length` bytes and syncs it. 1 on success,
+    // 0 on failure.
     int fix_journal(uint64_t length);
 
     uint64_t version;
@@ -192,7 +196,9 @@ public:
     // Appends statement ";" "\n" to the newest version's journal and advances
     // its journal_crc / journal_lines. With no version, logs that there is no
     // active shadow and returns 0 without writing. A journal that fails its
-    // check when first opened is refused ("journal corrupted"). 0 or a status.
+    // check when first opened is refused ("journal corrupted"). A line that
+    // cannot be written leaves no part of it behind; the lines before it stay.
+    // 0 or a status.
     cr_status_t write_journal(const std::string& type, const std::string& statement);
 
     // Syncs the active journal, then persists the checksum file that counts its

@@ -22,8 +22,16 @@ protected:
         app = shadowt::make_shadow_app(pool, ctx.get());
     }
 
-    void damage_checksum_file() {
+    // One row in a protected database; then, service stopped, its checksum
+    // file damaged and (when asked) the database lost; then a new start.
+    void lose_history(bool lose_database) {
+        insert(make_item("c", "p", "f0", "c_1"));
+        app.reset();
+        ctx.reset();
         kt::write_file(shadow_dir("c", "p") + "/.chksum.appdb", "format=1\ncurrent=garbage\n");
+        if (lose_database) shadowt::delete_database(db_file("c", "p"));
+        restart_service();
+        log.clear();
     }
 
     std::string refusal() const {
@@ -39,13 +47,7 @@ protected:
 };
 
 TEST_F(ShadowLostHistory, MissingDatabaseIsNotCreatedEmpty) {
-    insert(make_item("c", "p", "f0", "c_1"));
-    app.reset();
-    ctx.reset();
-    damage_checksum_file();
-    shadowt::delete_database(db_file("c", "p"));
-    restart_service();
-    log.clear();
+    lose_history(true);
 
     EXPECT_EQ(CR_STATUS_CORRUPT, app->update_catalog("admin", 1, make_item("c", "p", "f1", "c_1").to_string()));
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_CORRUPT, refusal())) << log.dump();
@@ -63,12 +65,7 @@ TEST_F(ShadowLostHistory, MissingDatabaseIsNotCreatedEmpty) {
 }
 
 TEST_F(ShadowLostHistory, DatabaseThatIsThereStartsANewHistory) {
-    insert(make_item("c", "p", "f0", "c_1"));
-    app.reset();
-    ctx.reset();
-    damage_checksum_file();
-    restart_service();
-    log.clear();
+    lose_history(false);
 
     insert(make_item("c", "p", "f1", "c_1"));
     EXPECT_EQ(0u, log.count_message(refusal())) << log.dump();
@@ -80,13 +77,7 @@ TEST_F(ShadowLostHistory, DatabaseThatIsThereStartsANewHistory) {
 }
 
 TEST_F(ShadowLostHistory, QueriesOnTheMissingDatabaseRecoverNothing) {
-    insert(make_item("c", "p", "f0", "c_1"));
-    app.reset();
-    ctx.reset();
-    damage_checksum_file();
-    shadowt::delete_database(db_file("c", "p"));
-    restart_service();
-    log.clear();
+    lose_history(true);
     cr_status_t status = 0;
     EXPECT_TRUE(shadowt::read_back(*app, "c", "p", &status).empty());
     EXPECT_EQ(0u, log.count_containing("to do recover from shadow")) << log.dump();
