@@ -136,23 +136,27 @@ cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
     }
     try {
         boost::shared_ptr<PODBShadow> shadow = pool->get(podb->get_dir());
-        // The handle's statements go in as one run, not mixed with other lines.
-        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-        const std::vector<std::string> statements = podb->get_pending_statements();
         cr_status_t result = CR_STATUS_OK;
-        for (const std::string& statement : statements) {
-            cr_status_t status = shadow->write_journal(PODBShadow::_podb_type_, statement);
-            if (status != CR_STATUS_OK) {
-                ErrorA(status, "%s: failed to write journal line [%s]", "write_journal", statement.c_str());
-                result = status;
-                break;
+        {
+            // The handle's statements go in as one run, not mixed with other
+            // lines.
+            std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+            const std::vector<std::string> statements = podb->get_pending_statements();
+            for (const std::string& statement : statements) {
+                cr_status_t status = shadow->write_journal(PODBShadow::_podb_type_, statement);
+                if (status != CR_STATUS_OK) {
+                    ErrorA(status, "%s: failed to write journal line [%s]", "write_journal", statement.c_str());
+                    result = status;
+                    break;
+                }
             }
+            // The lines written before a failed one stay: their changes are
+            // in the database as well.
+            cr_status_t status = shadow->flush_journal(PODBShadow::_podb_type_);
+            if (result == CR_STATUS_OK) result = status;
         }
-        // The lines written before a failed one stay: their changes are in
-        // the database as well.
-        cr_status_t status = shadow->flush_journal(PODBShadow::_podb_type_);
-        if (result == CR_STATUS_OK) result = status;
         if (result == CR_STATUS_OK) return CR_STATUS_OK;
+        // Outside the shadow's mutex: the backup takes the pool's first.
         return protect_by_backup_(podb->get_dir(), PODBShadow::_podb_type_, result);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
@@ -169,10 +173,14 @@ cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const st
     }
     try {
         boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
-        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-        cr_status_t status = shadow->write_journal(type, statement);
-        if (status == CR_STATUS_OK) status = shadow->flush_journal(type);
+        cr_status_t status;
+        {
+            std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+            status = shadow->write_journal(type, statement);
+            if (status == CR_STATUS_OK) status = shadow->flush_journal(type);
+        }
         if (status == CR_STATUS_OK) return CR_STATUS_OK;
+        // Outside the shadow's mutex: the backup takes the pool's first.
         return protect_by_backup_(dir, type, status);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
