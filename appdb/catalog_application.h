@@ -436,7 +436,10 @@ public:
 //                         journal); a database found corrupt is reported (67)
 //                         and stays so.
 //   APP_D_CATALOG_SHADOW  in addition the change is in the database's shadow
-//                         journal, fsynced, before the call returns; a corrupt
+//                         journal, fsynced, before the call returns (or, when
+//                         the journal could not take it, in a new shadow copy
+//                         taken at once; when that fails too the call returns
+//                         the failure although the change is made); a corrupt
 //                         or missing database is rebuilt from its newest good
 //                         shadow copy plus the journals, and the operation is
 //                         tried once more (catalog_application_shadow.h).

@@ -110,8 +110,17 @@ bool catalog_application_impl_shadow::need_recover_after_db_operation(cr_status_
     return recover;
 }
 
+bool catalog_application_impl_shadow::history_lost(const std::string& client,
+                                                   const std::string& policy) {
+    return shadow_ctx != nullptr &&
+           shadow_ctx->shadow_history_lost(to_db_full_path(client, policy), db_type) &&
+           !db_existed(client, policy);
+}
+
 bool catalog_application_impl_shadow::may_recover(cr_status_t status, const std::string& client,
                                                   const std::string& policy) {
+    // A shadow without any version has nothing to recover from.
+    if (history_lost(client, policy)) return false;
     if (!need_recover_after_db_operation(status, client, policy)) return false;
     // With automatic recovery switched off the operation keeps its status;
     // an operator recovers through the context's explicit calls.
@@ -156,6 +165,15 @@ cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
     const app_catalog_item& item) {
     const char* const fn = "shadow_protected_db_insert";
     const std::string path = to_db_full_path(item.client, item.policy);
+    if (history_lost(item.client, item.policy)) {
+        // Neither a good copy nor the database: an empty database created
+        // here would pass for the real one. The operator decides.
+        ErrorA(CR_STATUS_CORRUPT,
+               "%s: app db %s is missing and its shadow history was found damaged; nothing is created "
+               "until it is recovered",
+               fn, path.c_str());
+        return CR_STATUS_CORRUPT;
+    }
     bool created = false;
     cr_status_t status = need_create_db(item, created);
     if (status != CR_STATUS_OK) {
@@ -197,8 +215,10 @@ cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
     }
     if (status == CR_STATUS_OK) {
         __TraceA("%s: insert db success for %s", "do_db_insert", item.file_name.c_str());
-        // The row is in the database whatever the journal says.
-        write_journal(path, statement);
+        // The row is in the database whatever the journal says; it is
+        // acknowledged only when the journal (or a new shadow copy taken in
+        // its place) protects it.
+        return write_journal(path, statement);
     } else {
         ErrorA(status, "%s: failed to insert %s to db %s", fn, item.file_name.c_str(),
                path.c_str());
@@ -228,8 +248,8 @@ cr_status_t catalog_application_impl_shadow::change_with_recovery(
         }
     }
     // A checked removal that removed nothing has no statement to replay.
-    if (!statement.empty()) write_journal(to_db_full_path(client, policy), statement);
-    return CR_STATUS_OK;
+    if (statement.empty()) return CR_STATUS_OK;
+    return write_journal(to_db_full_path(client, policy), statement);
 }
 
 cr_status_t catalog_application_impl_shadow::shadow_protected_expire_catalog(

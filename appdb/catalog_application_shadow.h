@@ -77,8 +77,11 @@ public:
 
     // Takes a new shadow copy of the database in `path`. 0 with no context.
     cr_status_t backup_shadow(const std::string& path);
-    // Appends `statement` to the database's journal and makes it durable.
-    // 0 with no context, and for an empty statement (nothing was changed).
+    // Appends `statement` to the database's journal and makes it durable; a
+    // line that cannot be journalled is protected by a new shadow copy
+    // instead (CatalogShadowContext::write_journal). 0 with no context, and
+    // for an empty statement (nothing was changed); otherwise the failure of
+    // both, when the change is in the database but unprotected.
     cr_status_t write_journal(const std::string& path, const std::string& statement);
     // Rebuilds the database of client and policy from its shadow. 4 at once
     // with no context.
@@ -92,8 +95,9 @@ public:
 
     // Creates the database when it has never existed (with its first shadow
     // copy), inserts with busy retries (60 tries, DctSleep(1) after each busy
-    // one) and journals the insert. A journal failure is logged only: the row
-    // is in the database either way. Returns the insert's status.
+    // one) and journals the insert. Returns the insert's status, or, when
+    // neither the journal nor a new shadow copy could protect the inserted
+    // row, the journal's status (the row is in the database, unprotected).
     cr_status_t shadow_protected_db_insert(const app_catalog_item& item);
 
     // Deletes the records of a header image's backup (with a `check`, those
@@ -138,11 +142,15 @@ private:
     // (logged).
     cr_status_t recover_db(const char* function, cr_status_t status, const std::string& client,
                            const std::string& policy);
+    // The database is missing and its shadow lost its history to a damaged
+    // checksum file (CatalogShadowContext::shadow_history_lost).
+    bool history_lost(const std::string& client, const std::string& policy);
     // need_recover_after_db_operation, and the operation has not recovered yet.
     bool may_recover(cr_status_t status, const std::string& client, const std::string& policy);
     // Runs the change `run` (it hands back the statement it ran); when its
     // failure calls for it, recovers the database once and runs it again.
-    // The statement of the change that succeeded is journaled. A failure that
+    // The statement of the change that succeeded is journaled (its failure,
+    // when no new shadow copy could stand in, is returned). A failure that
     // is not recovered is logged with `failed_format` (operation, key).
     cr_status_t change_with_recovery(const char* function, const char* failed_format,
                                      const std::string& client, const std::string& policy,

@@ -70,7 +70,7 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
             return CR_STATUS_MISSING;
         }
         const std::string& shadow_dir = shadow->get_shadow_dir();
-        if (wa_access(shadow_dir, 0) != 0 && wa_createtree(shadow_dir, 0755) != 0) {
+        if (wa_access(shadow_dir, 0) != 0 && wa_createtree_synced(shadow_dir, 0755) != 0) {
             int e = errno;
             cr_status_t status = _crMapError("backup_unlocked", __FILE__, __LINE__);
             ErrorA(status, "%s: Failed to create directory %s (%s)", "backup_unlocked", shadow_dir.c_str(),

@@ -123,6 +123,16 @@ bool CatalogShadowContext::has_shadow_copy(const std::string& dir, const std::st
     }
 }
 
+bool CatalogShadowContext::shadow_history_lost(const std::string& dir, const std::string& type) {
+    if (!enabled || !pool) return false;
+    try {
+        return pool->get(dir)->history_lost(type);
+    } catch (const char* e) {
+        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "shadow_history_lost", e);
+        return false;
+    }
+}
+
 cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
     if (!enabled) return CR_STATUS_OK;
     if (!pool || !podb) {
@@ -131,21 +141,31 @@ cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
     }
     try {
         boost::shared_ptr<PODBShadow> shadow = pool->get(podb->get_dir());
-        // The handle's statements go in as one run, not mixed with other lines.
-        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-        const std::vector<std::string> statements = podb->get_pending_statements();
-        cr_status_t result = shadow->refresh_from_disk(PODBShadow::_podb_type_, true);
-        if (result != CR_STATUS_OK) return result;
-        for (const std::string& statement : statements) {
-            cr_status_t status = shadow->write_journal(PODBShadow::_podb_type_, statement);
-            if (status != CR_STATUS_OK) {
-                ErrorA(status, "%s: failed to write journal line [%s]", "write_journal", statement.c_str());
-                result = status;
-                break;
+        cr_status_t result = CR_STATUS_OK;
+        {
+            // The handle's statements go in as one run, not mixed with other
+            // lines.
+            std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+            const std::vector<std::string> statements = podb->get_pending_statements();
+            // Never append after lines another process wrote without counting
+            // them.
+            result = shadow->refresh_from_disk(PODBShadow::_podb_type_, true);
+            for (size_t i = 0; result == CR_STATUS_OK && i < statements.size(); ++i) {
+                const std::string& statement = statements[i];
+                cr_status_t status = shadow->write_journal(PODBShadow::_podb_type_, statement);
+                if (status != CR_STATUS_OK) {
+                    ErrorA(status, "%s: failed to write journal line [%s]", "write_journal", statement.c_str());
+                    result = status;
+                }
             }
+            // The lines written before a failed one stay: their changes are
+            // in the database as well.
+            cr_status_t status = shadow->flush_journal(PODBShadow::_podb_type_);
+            if (result == CR_STATUS_OK) result = status;
         }
-        cr_status_t status = shadow->flush_journal(PODBShadow::_podb_type_);
-        return result != CR_STATUS_OK ? result : status;
+        if (result == CR_STATUS_OK) return CR_STATUS_OK;
+        // Outside the shadow's mutex: the backup takes the pool's first.
+        return protect_by_backup_(podb->get_dir(), PODBShadow::_podb_type_, result);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
         return CR_STATUS_FAILED;
@@ -161,17 +181,35 @@ cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const st
     }
     try {
         boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
-        std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-        // Never append after lines another process wrote without counting them.
-        cr_status_t status = shadow->refresh_from_disk(type, true);
-        if (status != CR_STATUS_OK) return status;
-        status = shadow->write_journal(type, statement);
-        if (status != CR_STATUS_OK) return status;
-        return shadow->flush_journal(type);
+        cr_status_t status;
+        {
+            std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
+            // Never append after lines another process wrote without counting
+            // them.
+            status = shadow->refresh_from_disk(type, true);
+            if (status == CR_STATUS_OK) status = shadow->write_journal(type, statement);
+            if (status == CR_STATUS_OK) status = shadow->flush_journal(type);
+        }
+        if (status == CR_STATUS_OK) return CR_STATUS_OK;
+        // Outside the shadow's mutex: the backup takes the pool's first.
+        return protect_by_backup_(dir, type, status);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
         return CR_STATUS_FAILED;
     }
+}
+
+// A change that is in the database but could not be journalled is protected
+// by a new version that holds it; that version's journal starts clean, so a
+// journal that failed its check is left behind as well.
+cr_status_t CatalogShadowContext::protect_by_backup_(const std::string& dir, const std::string& type,
+                                                     cr_status_t failure) {
+    InfoA(CR_STATUS_OK, "%s: journal of %s in %s not written, taking a new shadow copy", "write_journal",
+          type.c_str(), dir.c_str());
+    if (backup_unlocked(dir, type, 0) == CR_STATUS_OK) return CR_STATUS_OK;
+    ErrorA(failure, "%s: the change to %s in %s is in the database but not protected by its shadow",
+           "write_journal", type.c_str(), dir.c_str());
+    return failure;
 }
 
 cr_status_t CatalogShadowContext::reload_podb(const std::string& dir) {

@@ -166,12 +166,26 @@ public:
     // (first form) or of `type`. False when the feature is off.
     bool has_shadow_copy(const std::string& dir);
     bool has_shadow_copy(const std::string& dir, const std::string& type);
+    // Whether the shadow of `dir` lost the history of `type` to a damaged
+    // checksum file and holds no version taken since (PODBShadow::
+    // history_lost). A database of `type` that is missing then has nothing
+    // to be rebuilt from and must not be created empty in its place either.
+    // False when the feature is off.
+    bool shadow_history_lost(const std::string& dir, const std::string& type);
 
     // Journals every pending statement of a PO database handle, then flushes.
     // 0 at once when the feature is off.
+    // When a line cannot be written (the write or the sync fails, or the
+    // journal fails its check), the lines written before it stay and a new
+    // version of the database is taken at once (backup_unlocked; the caller
+    // holds the directory lock), so that the change is protected and the
+    // journal starts clean: 0 then. Only when that backup fails too is the
+    // journal's status returned, with the error "%s: the change to %s in %s
+    // is in the database but not protected by its shadow".
     cr_status_t write_journal(boost::shared_ptr<PODB> podb);
     // Journals one statement of database `type` in real directory `dir` and
-    // makes it durable before returning. 0 at once when the feature is off.
+    // makes it durable before returning, falling back to a new version as
+    // above. 0 at once when the feature is off.
     cr_status_t write_journal(const std::string& dir, const std::string& type,
                               const std::string& statement);
 
@@ -256,6 +270,9 @@ public:
     boost::scoped_ptr<DirectoryLock> dir_lock;
 
 private:
+    // After a failed journal line: backup_unlocked(dir, type); 0 when it
+    // succeeded, else `failure`, logged as an unprotected change.
+    cr_status_t protect_by_backup_(const std::string& dir, const std::string& type, cr_status_t failure);
     // The proxy's roots; "" without a proxy (an empty root matches nothing).
     std::string podb_root_() const;
     std::string app_db_root_() const;

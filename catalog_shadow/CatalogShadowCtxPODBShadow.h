@@ -74,9 +74,12 @@ public:
 
     // Checks the journal against journal_crc / journal_lines. Lines written
     // after the checksum file was last persisted are cut away when the
-    // recorded prefix still matches. With journal_lines 0 the whole journal is
-    // taken and journal_lines filled in (unless auto-fix is disabled in the
-    // process configuration). 1 when the journal matches.
+    // recorded prefix still matches. A recorded count of 0 with journal_crc 1
+    // is an empty journal: every line found is cut away (synced), since the
+    // writer died before any was counted. With journal_lines 0 and another
+    // checksum the whole journal is taken and journal_lines filled in (unless
+    // auto-fix is disabled in the process configuration). 1 when the journal
+    // matches.
     int check_crc_journal();
 
     // What one read of the journal file found: whether it could be opened,
@@ -90,7 +93,8 @@ public:
         uint64_t position_at_recorded = 0;
         uint64_t bytes = 0;  // length of the file
         // Lines follow the recorded ones and the recorded prefix matches
-        // `recorded_crc`: a check cuts the journal back to that prefix.
+        // `recorded_crc` (or none was recorded, with crc 1): a check cuts the
+        // journal back to that prefix.
         bool prefix_repairable(uint32_t recorded_lines, uint32_t recorded_crc) const;
         // The checksum a check compares: that of the recorded prefix when it
         // is repairable, else crc.
@@ -109,7 +113,8 @@ public:
     // read.
     int verify_journal(JournalScan* scan = nullptr) const;
 
-    // Truncates the journal file to `length` bytes. 1 on success, 0 on failure.
+    // Truncates the journal file to `length` bytes and syncs it. 1 on success,
+    // 0 on failure.
     int fix_journal(uint64_t length);
 
     uint64_t version;
@@ -215,6 +220,13 @@ public:
     // Both the shadow directory and the type's checksum file are present.
     bool exist(const std::string& type) const;
 
+    // True when the type lists no version although version numbers were
+    // handed out before: its history was found damaged and set aside
+    // (load_versions), and no copy has been taken since. Numbers start at 1
+    // and only a damaged checksum file empties a list, so this holds across
+    // restarts through the checksum file itself.
+    bool history_lost(const std::string& type) const;
+
     // For "podb", "uldb", "appdb" in turn: load_versions(type, true) when
     // exist(type), else an empty history in memory only (nothing is written:
     // the shadow directory and checksum file are made by the first backup).
@@ -240,7 +252,9 @@ public:
     // Appends statement ";" "\n" to the newest version's journal and advances
     // its journal_crc / journal_lines. With no version, logs that there is no
     // active shadow and returns 0 without writing. A journal that fails its
-    // check when first opened is refused ("journal corrupted"). 0 or a status.
+    // check when first opened is refused ("journal corrupted"). A line that
+    // cannot be written leaves no part of it behind; the lines before it stay.
+    // 0 or a status.
     cr_status_t write_journal(const std::string& type, const std::string& statement);
 
     // Syncs the active journal, then persists the checksum file that counts its

@@ -66,7 +66,7 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
     const std::string real = dir + "/" + PODBShadow::db_file_name(type);
     const std::string target = real + ".tmp";
     cr_status_t status = CR_STATUS_OK;
-    if (wa_access(dir, 0) != 0 && wa_createtree(dir, 0755) != 0) {
+    if (wa_access(dir, 0) != 0 && wa_createtree_synced(dir, 0755) != 0) {
         status = _crMapError("recover_unlocked", __FILE__, __LINE__);
         ErrorA(status, "%s: %s could not be created", "recover_unlocked", dir.c_str());
     } else {

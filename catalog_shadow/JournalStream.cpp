@@ -66,5 +66,7 @@ int JournalStream::sync() {
 int JournalStream::truncate(uint64_t length) {
     if (safe_ftruncate(fd_, static_cast<off_t>(length)) != 0) return -1;
     size_ = length;
-    return 0;
+    // A cut that a power loss could undo would bring back lines that no
+    // checksum file counts.
+    return sync();
 }

@@ -32,7 +32,8 @@ public:
     // journal's path, then safe_fsync). 0, or -1 with errno set.
     int sync();
 
-    // Cuts the file back to `length` bytes (safe_ftruncate). 0 or -1.
+    // Cuts the file back to `length` bytes (safe_ftruncate) and syncs the cut.
+    // 0 or -1.
     int truncate(uint64_t length);
 
     int fd() const { return fd_; }

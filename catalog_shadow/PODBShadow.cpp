@@ -111,9 +111,15 @@ bool PODBShadow::exist(const std::string& type) const {
     return wa_access(shadow_dir_, 0) == 0 && wa_access(shadow_dir_ + "/" + chksum_file(type), 0) == 0;
 }
 
+bool PODBShadow::history_lost(const std::string& type) const {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    const TypeState& s = state_(type);
+    return s.versions->empty() && s.current > 0;
+}
+
 cr_status_t PODBShadow::checkCreateWorkDir() {
     if (wa_access(shadow_dir_, 0) == 0) return CR_STATUS_OK;
-    if (wa_createtree(shadow_dir_, 0755) != 0) {
+    if (wa_createtree_synced(shadow_dir_, 0755) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("checkCreateWorkDir", __FILE__, __LINE__);
         ErrorA(status, "%s: Failed to create directory %s (%s)", "checkCreateWorkDir",

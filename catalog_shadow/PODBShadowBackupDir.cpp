@@ -43,7 +43,7 @@ int OpMoveFile::operator()(const DirItem& item) {
 cr_status_t PODBShadow::new_backup_dir(const std::string& type, std::string* dir) {
     const std::string path =
         shadow_dir_ + "/" + _corrupt_prefix_ + type + "_" + std::to_string(static_cast<long long>(time(nullptr)));
-    if (wa_createtree(path, 0755) != 0) {
+    if (wa_createtree_synced(path, 0755) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("new_backup_dir", __FILE__, __LINE__);
         ErrorA(status, "Failed to create directory %s (%s)", path.c_str(), strerror(e));

@@ -95,7 +95,9 @@ cr_status_t PODBShadow::write_journal(const std::string& type, const std::string
         const std::string text = statement + ";";
         if (s.journal->append(text + "\n") != 0) {
             ErrorA(CR_STATUS_IO, "failed to write \"%s\" to journal file", statement.c_str());
-            abandon_journal_(type);
+            // The stream took back the torn part; the lines before it stay,
+            // for their changes are in the database.
+            s.journal.reset();
             return CR_STATUS_IO;
         }
         // Count the line as check_crc_journal reads it back: a statement that

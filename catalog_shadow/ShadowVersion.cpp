@@ -9,6 +9,7 @@
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "dct/config.h"
+#include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 
@@ -101,8 +102,11 @@ ShadowVersion::JournalScan ShadowVersion::scan_journal() const {
 }
 
 bool ShadowVersion::JournalScan::prefix_repairable(uint32_t recorded_lines, uint32_t recorded_crc) const {
-    return recorded_lines != 0 && lines > recorded_lines && crc_at_recorded == recorded_crc &&
-           position_at_recorded > 0;
+    if (lines <= recorded_lines) return false;
+    // Nothing counted yet: every line found was written by a writer that died
+    // before the checksum file counted it, so none was acknowledged.
+    if (recorded_lines == 0) return recorded_crc == 1;
+    return crc_at_recorded == recorded_crc && position_at_recorded > 0;
 }
 
 uint32_t ShadowVersion::JournalScan::effective_crc(uint32_t recorded_lines, uint32_t recorded_crc) const {
@@ -117,19 +121,23 @@ int ShadowVersion::check_crc_journal() {
     journal_verified = false;
     const JournalScan scan = scan_journal();
     uint32_t result = scan.crc;
-    if (journal_lines != 0 && scan.lines > journal_lines) {
+    uint32_t lines = scan.lines;
+    if (scan.prefix_repairable(journal_lines, journal_crc)) {
         // Lines appended after the checksum file was last persisted: a crash
-        // between the journal sync and the checksum file. Cut them away when
-        // the recorded part is still intact.
-        if (scan.prefix_repairable(journal_lines, journal_crc) && fix_journal(scan.position_at_recorded)) {
+        // between the journal sync and the checksum file. Cut them away (all
+        // of them when none was counted yet); the recorded part is intact.
+        if (fix_journal(scan.position_at_recorded)) {
             WarningA(CR_STATUS_NONE, "Journal file %s was corrupted, and it was fixed by truncation.",
                      journal_path.c_str());
             result = scan.crc_at_recorded;
+            lines = journal_lines;
         } else {
             ErrorA(CR_STATUS_NONE, "Journal file %s was corrupted, tried to fix but failed.", journal_path.c_str());
         }
+    } else if (journal_lines != 0 && scan.lines > journal_lines) {
+        ErrorA(CR_STATUS_NONE, "Journal file %s was corrupted, tried to fix but failed.", journal_path.c_str());
     }
-    if (journal_lines == 0 && auto_fix_journal()) journal_lines = scan.lines;
+    if (journal_lines == 0 && auto_fix_journal()) journal_lines = lines;
 
     if (result != journal_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", journal_path.c_str(),
@@ -164,6 +172,15 @@ int ShadowVersion::fix_journal(uint64_t length) {
         int e = errno;
         cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
         ErrorA(status, "%s: ftruncate file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
+        ::close(fd);
+        return 0;
+    }
+    // The cut must reach the disk before anything counts on it: a checksum
+    // file written later describes the journal as it is now.
+    if (dct::fault_point(dct::fault_op::fsync, journal_path.c_str()) != 0 || safe_fsync(fd) != 0) {
+        int e = errno;
+        cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
+        ErrorA(status, "%s: fsync file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
         ::close(fd);
         return 0;
     }

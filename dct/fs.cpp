@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <string>
+#include <vector>
 
 #include "dct/fault.h"
 
@@ -114,6 +116,25 @@ int wa_createtree(const char* path, mode_t mode) {
     return 0;
 }
 int wa_createtree(const std::string& path, mode_t mode) { return wa_createtree(path.c_str(), mode); }
+
+int wa_createtree_synced(const std::string& path, mode_t mode) {
+    // The components missing now are the ones whose names must be made
+    // durable in their parents once they exist.
+    std::vector<std::string> missing;
+    for (std::string p = path; !p.empty() && p != "/" && access(p.c_str(), F_OK) != 0;) {
+        missing.push_back(p);
+        size_t slash = p.find_last_of('/');
+        if (slash == std::string::npos) break;
+        p = p.substr(0, slash);
+    }
+    if (wa_createtree(path, mode) != 0) return -1;
+    for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+        size_t slash = it->find_last_of('/');
+        const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : it->substr(0, slash);
+        if (wa_syncdir(parent) != 0) return -1;
+    }
+    return 0;
+}
 
 bool wa_isdir(const char* path) {
     struct stat st;

@@ -23,6 +23,10 @@ DIR* wa_opendir(const std::string& path);
 // success, an existing non-directory fails with ENOTDIR/EEXIST.
 int wa_createtree(const char* path, mode_t mode);
 int wa_createtree(const std::string& path, mode_t mode);
+// wa_createtree, then syncs the parent of every directory it created, top
+// down, so that the new directories survive a power loss. 0, or -1 with errno
+// set by the failed step.
+int wa_createtree_synced(const std::string& path, mode_t mode);
 // True when `path` is a directory (links followed).
 bool wa_isdir(const char* path);
 bool wa_isdir(const std::string& path);

@@ -433,7 +433,7 @@ TEST(ShadowJournalContext, PoHandleStatementsAreJournalledInOrder) {
     EXPECT_EQ(2u, loaded.get_db_versions_("podb")->front().journal_lines);
 }
 
-TEST(ShadowJournalContext, PoHandleStopsAtTheFirstFailure) {
+TEST(ShadowJournalContext, PoHandleStopsAtTheFirstFailureAndKeepsTheLinesBefore) {
     PoolLayout l;
     std::unique_ptr<CatalogShadowContext> ctx = l.context();
     const std::string dir = l.po_dir("3");
@@ -454,10 +454,52 @@ TEST(ShadowJournalContext, PoHandleStopsAtTheFirstFailure) {
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_IO, "write_journal: failed to write journal line [S2]"))
         << log.dump();
     EXPECT_EQ(0u, log.count_containing("[S3]"));
-    // The run failed as a whole: the journal holds what was flushed before it.
-    EXPECT_EQ("FIRST;\n", kt::read_file(journal));
+    // No database to copy in place of the journal: the change is reported
+    // unprotected, once.
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_IO,
+                            "write_journal: the change to podb in " + dir +
+                                " is in the database but not protected by its shadow"))
+        << log.dump();
+    // The line written before the failed one stays: its change is made.
+    EXPECT_EQ("FIRST;\nS1;\n", kt::read_file(journal));
     EXPECT_EQ(0u, ctx->write_journal(dir, "podb", "NEXT"));
-    EXPECT_EQ("FIRST;\nNEXT;\n", kt::read_file(journal));
+    EXPECT_EQ("FIRST;\nS1;\nNEXT;\n", kt::read_file(journal));
+}
+
+// A failed line of a PO handle's run is protected by a new version of the
+// database instead, whose journal starts clean.
+TEST(ShadowJournalContext, PoHandleFailureTakesANewVersion) {
+    PoolLayout l;
+    std::unique_ptr<CatalogShadowContext> ctx = l.context();
+    const std::string dir = l.po_dir("3");
+    ASSERT_EQ(0, wa_createtree(dir, 0755));
+    {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open((dir + "/" + PODBShadow::db_file_name("podb")).c_str(), &db));
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "CREATE TABLE po(basename TEXT);", nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+    }
+    ASSERT_EQ(0u, ctx->backup(dir, "podb"));
+    {
+        // The handle's change, made in the database.
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open((dir + "/" + PODBShadow::db_file_name("podb")).c_str(), &db));
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "INSERT INTO po VALUES('S1');", nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+    }
+    const std::string journal = l.shadow + "/3/podb.1.journal";
+    dct::set_fault_hook([&](dct::fault_op op, const char* path) {
+        return op == dct::fault_op::write && journal == path ? EIO : 0;
+    });
+    kt::LogCapture log;
+    boost::shared_ptr<PODB> handle(new FakePODB(dir, {"S1"}));
+    EXPECT_EQ(0u, ctx->write_journal(handle)) << log.dump();
+    dct::set_fault_hook(nullptr);
+    EXPECT_EQ(1u, log.count(log_level::info, CR_STATUS_OK,
+                            "write_journal: journal of podb in " + dir + " not written, taking a new shadow copy"))
+        << log.dump();
+    EXPECT_EQ(0u, log.count_containing("not protected"));
+    EXPECT_EQ(2u, ctx->pool->get(dir)->get_version_count("podb"));
 }
 
 // Threads sharing one directory's shadow: every line lands whole, and the

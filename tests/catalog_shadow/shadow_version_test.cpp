@@ -1,6 +1,9 @@
 // Verifying a version's database and journal against the checksum file.
+#include <errno.h>
+
 #include <gtest/gtest.h>
 
+#include "common/power_loss.h"
 #include "common/test_util.h"
 #include "dct/config.h"
 #include "dct/fault.h"
@@ -176,6 +179,61 @@ TEST(ShadowVersionJournal, ZeroRecordedLinesTakesTheWholeJournalAndFillsTheCount
     EXPECT_EQ(1, v.version.check_crc_journal());
     EXPECT_EQ(3u, v.version.journal_lines);
     EXPECT_EQ("A;\nB;\nC;\n", kt::read_file(v.version.journal_path));
+}
+
+// A recorded count of 0 with the starting checksum 1 describes an empty
+// journal: lines found in it were written after that (a writer that died
+// before its first line was counted) and were never acknowledged.
+TEST(ShadowVersionJournal, EmptyRecordedJournalCutsEveryLine) {
+    VersionDir v;
+    kt::write_file(v.version.journal_path, "A;\nB;\n");
+    v.version.journal_crc = 1;
+    v.version.journal_lines = 0;
+    kt::LogCapture log;
+    EXPECT_EQ(1, v.version.check_crc_journal()) << log.dump();
+    EXPECT_EQ(0u, v.version.journal_lines);
+    EXPECT_EQ("", kt::read_file(v.version.journal_path));
+    EXPECT_EQ(1u, log.count(log_level::warning, CR_STATUS_NONE,
+                            "Journal file " + v.version.journal_path +
+                                " was corrupted, and it was fixed by truncation."))
+        << log.dump();
+}
+
+TEST(ShadowVersionJournal, EmptyRecordedJournalThatCannotBeCutFails) {
+    VersionDir v;
+    kt::write_file(v.version.journal_path, "A;\n");
+    v.version.journal_crc = 1;
+    v.version.journal_lines = 0;
+    kt::LogCapture log;
+    dct::set_fault_hook([](dct::fault_op op, const char*) { return op == dct::fault_op::ftruncate ? EIO : 0; });
+    EXPECT_EQ(0, v.version.check_crc_journal());
+    dct::set_fault_hook(nullptr);
+    EXPECT_EQ(1u, log.count_message("Journal file " + v.version.journal_path +
+                                    " was corrupted, tried to fix but failed."))
+        << log.dump();
+    EXPECT_EQ("A;\n", kt::read_file(v.version.journal_path));
+}
+
+TEST(ShadowVersionJournal, EmptyRecordedJournalStaysEmpty) {
+    VersionDir v;
+    kt::write_file(v.version.journal_path, "");
+    v.version.journal_crc = 1;
+    v.version.journal_lines = 0;
+    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_EQ("", kt::read_file(v.version.journal_path));
+}
+
+// The cut is synced: a power loss right after it keeps it.
+TEST(ShadowVersionJournal, TruncationSurvivesAPowerLoss) {
+    VersionDir v;
+    kt::write_file(v.version.journal_path, "A;\nB;\nC;\n");
+    v.version.journal_crc = adler("A;");
+    v.version.journal_lines = 1;
+    kt::PowerLossModel model({v.dir});
+    EXPECT_EQ(1, v.version.check_crc_journal());
+    model.restore();  // the disk as a power loss now would leave it
+    EXPECT_EQ("A;\n", kt::read_file(v.version.journal_path));
+    EXPECT_EQ(0, model.unattributed_syncs());
 }
 
 TEST(ShadowVersionJournal, ZeroRecordedLinesStayZeroWithAutoFixDisabled) {

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "common/sqlite_test_vfs.h"
@@ -49,7 +50,11 @@ void walk(const std::string& dir, const std::function<void(const std::string&, b
 PowerLossModel::PowerLossModel(std::vector<std::string> roots) : roots_(std::move(roots)) {
     for (const std::string& root : roots_) {
         walk(root, [this](const std::string& path, bool dir) {
-            if (!dir) durable_[path] = read_file(path);
+            if (dir) {
+                durable_dirs_.insert(path);
+            } else {
+                durable_[path] = read_file(path);
+            }
         });
     }
     dct::set_fault_hook(
@@ -76,6 +81,11 @@ PowerLossModel::PowerLossModel(std::vector<std::string> roots) : roots_(std::mov
 PowerLossModel::~PowerLossModel() {
     dct::set_fault_hook(nullptr);
     SqliteTestVfs::set_hooks(nullptr, nullptr);
+}
+
+void PowerLossModel::dirs_need_parent_sync(bool on) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    dirs_need_parent_sync_ = on;
 }
 
 void PowerLossModel::crash_at(long n) {
@@ -113,7 +123,20 @@ bool PowerLossModel::below_roots(const std::string& path) const {
 }
 
 void PowerLossModel::sync_file(const std::string& path) {
-    if (!is_regular(path)) return;  // a directory sync: entries are durable anyway
+    if (!is_regular(path)) {
+        // A directory sync makes the names of its subdirectories durable.
+        DIR* d = opendir(path.c_str());
+        if (d == nullptr) return;
+        while (struct dirent* e = readdir(d)) {
+            const std::string name = e->d_name;
+            if (name == "." || name == "..") continue;
+            struct stat st;
+            const std::string child = path + "/" + name;
+            if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) durable_dirs_.insert(child);
+        }
+        closedir(d);
+        return;
+    }
     durable_[path] = read_file(path);
     ++syncs_;
 }
@@ -172,8 +195,18 @@ void PowerLossModel::on_event(bool counts) {
 
 PowerLossModel::picture PowerLossModel::take_picture() {
     picture p;
+    // A path survives when every directory on its way below the root does.
+    auto reachable = [this](const std::string& root, const std::string& path, bool dir) {
+        if (!dirs_need_parent_sync_) return true;
+        for (size_t slash = path.find('/', root.size() + 1); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            if (durable_dirs_.count(path.substr(0, slash)) == 0) return false;
+        }
+        return !dir || durable_dirs_.count(path) != 0;
+    };
     for (const std::string& root : roots_) {
         walk(root, [&](const std::string& path, bool dir) {
+            if (!reachable(root, path, dir)) return;
             if (dir) {
                 p.dirs.push_back(path);
             } else {
@@ -200,8 +233,10 @@ int PowerLossModel::on_fault_point(int raw_op, const char* cpath) {
             break;
         case dct::fault_op::fsync:
             if (!path.empty()) {
-                last_path_ = ours ? path : std::string();
-                if (ours) sync_file(path);
+                // A root's own sync counts for the directories made in it.
+                const bool root = std::find(roots_.begin(), roots_.end(), path) != roots_.end();
+                last_path_ = ours || root ? path : std::string();
+                if (ours || root) sync_file(path);
             } else if (!last_path_.empty()) {
                 sync_file(last_path_);
             } else {

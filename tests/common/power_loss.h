@@ -3,7 +3,10 @@
 // a machine that lost power then would find on disk. Every file below the
 // watched roots is in that picture with its content at its last sync (empty
 // when it was never synced); directory entries (creations, renames, removals)
-// count as durable at once.
+// count as durable at once, except, when asked for (dirs_need_parent_sync),
+// new directories: those are in the picture only once their parent directory
+// was synced after they were made, and everything below a lost directory is
+// lost with it.
 //
 // It learns about syncs from the platform layer's fault seam (dct/fault.h:
 // fsync with a path, or right after an open_write / write of a path) and from
@@ -23,6 +26,7 @@
 
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,6 +42,8 @@ public:
 
     // Takes the picture just before event `n` (1 is the first; 0 never).
     void crash_at(long n);
+    // New directories survive only when their parent was synced (see above).
+    void dirs_need_parent_sync(bool on);
     long events() const;
     bool crashed() const;
     // Syncs whose file could not be told (should stay 0: then every sync of
@@ -72,6 +78,8 @@ private:
     std::vector<std::string> roots_;
     mutable std::mutex mutex_;
     std::map<std::string, std::string> durable_;
+    std::set<std::string> durable_dirs_;
+    bool dirs_need_parent_sync_ = false;
     std::vector<pending_move> moves_;
     std::vector<std::string> deletes_;
     std::string last_path_;

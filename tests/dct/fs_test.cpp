@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "common/test_util.h"
+#include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/podb_names.h"
 
@@ -23,6 +24,32 @@ mode_t mode_of(const std::string& path) {
 }
 
 }  // namespace
+
+// Each new level's name is synced in its parent, top down; levels that
+// existed already are not synced.
+TEST(CreateTreeSynced, SyncsTheParentOfEveryLevelItCreates) {
+    kt::TempDir tmp;
+    const std::string top = tmp.file("a");
+    const std::string leaf = top + "/b/c";
+    std::vector<std::string> synced;
+    dct::set_fault_hook([&synced](dct::fault_op op, const char* path) {
+        if (op == dct::fault_op::fsync && *path != '\0') synced.push_back(path);
+        return 0;
+    });
+    EXPECT_EQ(0, wa_createtree_synced(leaf, 0755));
+    EXPECT_EQ(0, wa_createtree_synced(leaf, 0755));  // nothing new: nothing synced
+    dct::set_fault_hook(nullptr);
+    EXPECT_TRUE(wa_isdir(leaf));
+    EXPECT_EQ((std::vector<std::string>{tmp.path(), top, top + "/b"}), synced);
+}
+
+TEST(CreateTreeSynced, FailedSyncFails) {
+    kt::TempDir tmp;
+    dct::set_fault_hook([](dct::fault_op op, const char*) { return op == dct::fault_op::fsync ? EIO : 0; });
+    EXPECT_EQ(-1, wa_createtree_synced(tmp.file("x"), 0755));
+    EXPECT_EQ(EIO, errno);
+    dct::set_fault_hook(nullptr);
+}
 
 TEST(CreateTree, CreatesEveryMissingLevel) {
     kt::TempDir dir;
