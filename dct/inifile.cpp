@@ -87,7 +87,10 @@ cr_status_t find_value(const char* file, const char* section, const char* key, f
     } catch (const std::exception&) {
         broken = true;  // a line too large for memory: nothing after it can be trusted
     }
-    if (broken || in.bad()) {
+    // A read error (a directory, a failing disk) ends the loop before the
+    // partial line is looked at: the file then reads as one without the key,
+    // like an unreadable one.
+    if (broken) {
         ErrorA(CR_STATUS_FAILED, "Configuration file %s, line %u cannot be read whole", file, number + 1);
         return CR_STATUS_FAILED;
     }

@@ -1,6 +1,7 @@
 // The ini reader: lookups, kinds of values, and what is missing.
 #include <stdint.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -417,4 +418,15 @@ TEST_F(IniFile, ValueWithANulByteIsRefusedByEveryReader) {
 TEST_F(IniFile, CrLfLinesAndByteOrderMarkAreRead) {
     ini("\xEF\xBB\xBF[A]\r\nk = v\r\n");
     EXPECT_EQ(value("A", "k"), "v");
+}
+
+TEST_F(IniFile, DirectoryReadsAsAMissingFileWithoutARecord) {
+    const std::string dir = dir_.file("a-directory");
+    ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+    path_ = dir;
+    kt::LogCapture log;
+    cr_status_t st;
+    EXPECT_EQ(value("A", "k", "DEF", &st), "DEF");
+    EXPECT_EQ(st, CR_STATUS_NOT_FOUND);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
 }
