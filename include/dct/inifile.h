@@ -23,8 +23,9 @@
 
 // Text value. `buf` receives the whole value, NUL-terminated; a value of
 // `capacity` characters or more, or one holding a NUL byte, is never cut but
-// refused with CR_STATUS_FAILED (the default is stored, cut to fit). `defval` may be null: then a missing
-// key leaves "" in `buf`. A present but empty value yields "" and 0.
+// refused with CR_STATUS_FAILED (the default is stored, cut to fit).
+// `defval` may be null: then a missing key leaves "" in `buf`. A present but
+// empty value yields "" and 0.
 cr_status_t InifileGetValueA(const char* file, const char* section, const char* key,
                              const char* defval, char* buf, size_t capacity);
 
