@@ -16,7 +16,7 @@ CTEST_JOBS ?= 2
 
 # Debian packages the build and the tests need.
 DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev \
-                libinih-dev libgtest-dev libgmock-dev libbenchmark-dev
+                libgtest-dev libgmock-dev libbenchmark-dev
 
 CMAKE ?= cmake
 CTEST ?= ctest

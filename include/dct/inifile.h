@@ -1,15 +1,18 @@
-// Configuration reader for ini files (parsed with inih).
+// Configuration reader for ini files.
 //
 // Files hold "[Section]" headers and "key = value" lines; comments start with ';'
 // or '#'; keys may contain blanks ("Storage Path"); surrounding blanks are
 // trimmed; section and key names compare case-insensitively; the first matching
-// key of the first matching section wins. Lines are limited to 200 bytes by the
-// parser. A missing or unreadable file reads as an empty one. Nothing throws.
+// key of the first matching section wins. A ';' after a blank starts a remark.
+// Lines are read whole, whatever their length. A missing or unreadable file
+// reads as an empty one. Nothing throws.
 //
 // Return values: 0 when the key was found and its value used;
 // CR_STATUS_NOT_FOUND (72) when the file, section or key is missing (the default
 // is stored when one is given); CR_STATUS_FAILED (4) for a value that is not of
-// the requested kind (the default is stored) or a bad argument.
+// the requested kind, a value the caller cannot take whole, or a line that
+// cannot be read (the default is stored; each of these is logged once, naming
+// the file and line), or a bad argument.
 #ifndef DCT_INIFILE_H_
 #define DCT_INIFILE_H_
 
@@ -18,9 +21,11 @@
 
 #include "dct/status.h"
 
-// Text value. `buf` receives at most `capacity - 1` characters and is always
-// NUL-terminated (a longer value is cut). `defval` may be null: then a missing
-// key leaves "" in `buf`. A present but empty value yields "" and 0.
+// Text value. `buf` receives the whole value, NUL-terminated; a value of
+// `capacity` characters or more, or one holding a NUL byte, is never cut but
+// refused with CR_STATUS_FAILED (the default is stored, cut to fit).
+// `defval` may be null: then a missing key leaves "" in `buf`. A present but
+// empty value yields "" and 0.
 cr_status_t InifileGetValueA(const char* file, const char* section, const char* key,
                              const char* defval, char* buf, size_t capacity);
 

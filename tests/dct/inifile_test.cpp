@@ -1,6 +1,7 @@
 // The ini reader: lookups, kinds of values, and what is missing.
 #include <stdint.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -8,6 +9,7 @@
 
 #include "common/test_util.h"
 #include "dct/inifile.h"
+#include "dct/log.h"
 #include "dct/status.h"
 
 namespace {
@@ -139,12 +141,27 @@ TEST_F(IniFile, EmptyValueIsFoundAndEmpty) {
     EXPECT_EQ(st, CR_STATUS_OK);
 }
 
-TEST_F(IniFile, ValueLongerThanCapacityIsCutAndTerminated) {
-    ini("[A]\nk = 0123456789abcdef\n");
+TEST_F(IniFile, ValueLongerThanCapacityIsRefusedNotCut) {
+    ini("[A]\nother = 1\nk = 0123456789abcdef\n");
+    kt::LogCapture log;
     char buf[9];
     memset(buf, 'x', sizeof(buf));
+    EXPECT_EQ(InifileGetValueA(path_.c_str(), "A", "k", "dflt", buf, sizeof(buf)), CR_STATUS_FAILED);
+    EXPECT_STREQ(buf, "dflt");
+    ASSERT_EQ(log.records().size(), 1u) << log.dump();
+    EXPECT_TRUE(log.contains(dct::log_level::error, CR_STATUS_FAILED,
+                             "Configuration file " + path_ +
+                                 ", line 3: the value of k is 16 characters long, more than the 8 that can be read"))
+        << log.dump();
+}
+
+TEST_F(IniFile, ValueThatFillsTheBufferExactlyIsTakenWhole) {
+    ini("[A]\nk = 01234567\n");
+    kt::LogCapture log;
+    char buf[9];
     EXPECT_EQ(InifileGetValueA(path_.c_str(), "A", "k", nullptr, buf, sizeof(buf)), CR_STATUS_OK);
     EXPECT_STREQ(buf, "01234567");
+    EXPECT_TRUE(log.records().empty()) << log.dump();
 }
 
 TEST_F(IniFile, DefaultLongerThanCapacityIsCutToo) {
@@ -154,11 +171,16 @@ TEST_F(IniFile, DefaultLongerThanCapacityIsCutToo) {
     EXPECT_STREQ(buf, "abc");
 }
 
-TEST_F(IniFile, CapacityOfOneHoldsOnlyTheTerminator) {
-    ini("[A]\nk = v\n");
+TEST_F(IniFile, CapacityOfOneHoldsOnlyTheEmptyValue) {
+    ini("[A]\nk = v\ne =\n");
+    kt::LogCapture log;
     char buf[1] = {'x'};
-    EXPECT_EQ(InifileGetValueA(path_.c_str(), "A", "k", nullptr, buf, sizeof(buf)), CR_STATUS_OK);
+    EXPECT_EQ(InifileGetValueA(path_.c_str(), "A", "e", nullptr, buf, sizeof(buf)), CR_STATUS_OK);
     EXPECT_EQ(buf[0], '\0');
+    buf[0] = 'x';
+    EXPECT_EQ(InifileGetValueA(path_.c_str(), "A", "k", nullptr, buf, sizeof(buf)), CR_STATUS_FAILED);
+    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(log.records().size(), 1u) << log.dump();
 }
 
 TEST_F(IniFile, BadBufferArgumentsFail) {
@@ -290,4 +312,121 @@ TEST_F(IniFile, LargestSizeThatFits) {
     EXPECT_EQ(out, 17179869183ull << 30);
     EXPECT_EQ(InifileGetSizeA(path_.c_str(), "S", "over", 0, &out), CR_STATUS_FAILED);
     EXPECT_EQ(out, 0u);
+}
+
+// Long lines: values of up to 4095 characters are read whole, and no part of
+// a long line is ever read as a line of its own.
+
+namespace {
+
+// A path of exactly `length` characters: "/" then directory names of 50.
+std::string long_path(size_t length) {
+    std::string p;
+    while (p.size() < length) p += (p.size() % 51 == 0) ? '/' : static_cast<char>('a' + p.size() % 26);
+    return p;
+}
+
+std::string big_value(const std::string& path, const char* section, const char* key) {
+    std::string buf(5000, 'x');
+    cr_status_t st = InifileGetValueA(path.c_str(), section, key, "DEF", &buf[0], 4096);
+    EXPECT_EQ(st, CR_STATUS_OK) << key;
+    return buf.c_str();
+}
+
+}  // namespace
+
+TEST_F(IniFile, PathsOfSeveralHundredCharactersAreReadWhole) {
+    const std::string registry_path = long_path(183);
+    const std::string database_dir = long_path(187);
+    ini("[Config]\nConfigFile = " + registry_path + "\n[Paths]\nDatabase = " + database_dir + "\n");
+    kt::LogCapture log;
+    EXPECT_EQ(big_value(path_, "Config", "ConfigFile"), registry_path);
+    EXPECT_EQ(big_value(path_, "Paths", "Database"), database_dir);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+}
+
+TEST_F(IniFile, TailOfALongLineIsNotAKey) {
+    // Cut at 199 characters, the rest of this line would read "Database = /elsewhere".
+    std::string head = "StorageDatabase = /srv/";
+    head += std::string(199 - head.size(), 's');
+    const std::string line = head + "Database = /elsewhere";
+    ini("[Paths]\n" + line + "\nAfter = yes\n");
+    kt::LogCapture log;
+    cr_status_t st;
+    char buf[4096];
+    EXPECT_EQ(InifileGetValueA(path_.c_str(), "Paths", "StorageDatabase", nullptr, buf, sizeof(buf)),
+              CR_STATUS_OK);
+    EXPECT_EQ(std::string(buf), line.substr(strlen("StorageDatabase = ")));
+    EXPECT_EQ(value("Paths", "Database", "DEF", &st), "DEF");
+    EXPECT_EQ(st, CR_STATUS_NOT_FOUND);
+    bool after = false;
+    EXPECT_EQ(InifileGetBooleanA(path_.c_str(), "Paths", "After", false, &after), CR_STATUS_OK);
+    EXPECT_TRUE(after);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+}
+
+TEST_F(IniFile, ValuesOf4095CharactersAreReadWholeInEveryPlace) {
+    const std::string v1 = long_path(4095);
+    std::string v2(4095, 'q');
+    v2[0] = '/';
+    v2[4094] = 'z';
+    // A huge comment and a huge unrelated line before, keys after.
+    ini("; " + std::string(100000, 'c') + "\n[Paths]\nnoise = " + std::string(70000, 'n') +
+        "\nDatabase = " + v1 + "   \n  StorageDatabase=" + v2 + "\nCount = 7\n");
+    kt::LogCapture log;
+    EXPECT_EQ(big_value(path_, "Paths", "Database"), v1);
+    EXPECT_EQ(big_value(path_, "paths", "storagedatabase"), v2);
+    unsigned long count = 0;
+    EXPECT_EQ(InifileGetUIntegerA(path_.c_str(), "Paths", "Count", 0, &count), CR_STATUS_OK);
+    EXPECT_EQ(count, 7ul);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+}
+
+TEST_F(IniFile, ValueOf4096CharactersIsAnErrorNamingFileAndLine) {
+    ini("[Paths]\n# first\nDatabase = " + long_path(4096) + "\nOther = ok\n");
+    kt::LogCapture log;
+    std::string buf(4096, 'x');
+    EXPECT_EQ(InifileGetPathA(path_.c_str(), "Paths", "Database", nullptr, &buf[0], buf.size()), CR_STATUS_FAILED);
+    EXPECT_STREQ(buf.c_str(), "");
+    ASSERT_EQ(log.records().size(), 1u) << log.dump();
+    EXPECT_TRUE(log.contains(dct::log_level::error, CR_STATUS_FAILED,
+                             "Configuration file " + path_ +
+                                 ", line 3: the value of Database is 4096 characters long, more than the 4095 "
+                                 "that can be read"))
+        << log.dump();
+    // The rest of the file is unaffected.
+    EXPECT_EQ(value("Paths", "Other"), "ok");
+}
+
+TEST_F(IniFile, ValueWithANulByteIsRefusedByEveryReader) {
+    ini(std::string("[A]\nk = 1\0tail\n", 15));
+    kt::LogCapture log;
+    const std::string message = "Configuration file " + path_ + ", line 2: the value of k holds a NUL byte";
+    cr_status_t st;
+    EXPECT_EQ(value("A", "k", "DEF", &st), "DEF");
+    EXPECT_EQ(st, CR_STATUS_FAILED);
+    bool b = false;
+    EXPECT_EQ(InifileGetBooleanA(path_.c_str(), "A", "k", false, &b), CR_STATUS_FAILED);
+    EXPECT_FALSE(b);
+    unsigned long n = 5;
+    EXPECT_EQ(InifileGetUIntegerA(path_.c_str(), "A", "k", 5, &n), CR_STATUS_FAILED);
+    EXPECT_EQ(n, 5ul);
+    EXPECT_EQ(log.count(dct::log_level::error, CR_STATUS_FAILED, message), 3u) << log.dump();
+    EXPECT_EQ(log.records().size(), 3u) << log.dump();
+}
+
+TEST_F(IniFile, CrLfLinesAndByteOrderMarkAreRead) {
+    ini("\xEF\xBB\xBF[A]\r\nk = v\r\n");
+    EXPECT_EQ(value("A", "k"), "v");
+}
+
+TEST_F(IniFile, DirectoryReadsAsAMissingFileWithoutARecord) {
+    const std::string dir = dir_.file("a-directory");
+    ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+    path_ = dir;
+    kt::LogCapture log;
+    cr_status_t st;
+    EXPECT_EQ(value("A", "k", "DEF", &st), "DEF");
+    EXPECT_EQ(st, CR_STATUS_NOT_FOUND);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
 }
