@@ -13,13 +13,14 @@ namespace appdb {
 
 namespace {
 
-// Room for a path read from a configuration file.
+// Room for a path read from a configuration file: 4095 characters and the
+// terminator.
 const size_t kPathBufferSize = 4096;
 
 // One path value of an ini file; "" when the file, section or key is missing.
 std::string read_path(const std::string& file, const char* section, const char* key) {
     std::vector<char> buffer(kPathBufferSize, '\0');
-    InifileGetPathA(file.c_str(), section, key, nullptr, buffer.data(), kPathBufferSize - 1);
+    InifileGetPathA(file.c_str(), section, key, nullptr, buffer.data(), kPathBufferSize);
     return std::string(buffer.data());
 }
 

@@ -21,7 +21,8 @@ const char kShadowPoolSizeKey[] = "CatalogShadowPoolSize";
 const unsigned long kDefaultVersionCount = 5;
 const unsigned long kMaxVersionCount = 256;
 const uint64_t kDefaultPoolSize = 64;
-const size_t kValueBufferSize = 4095;
+// A value of up to 4095 characters and its terminator.
+const size_t kValueBufferSize = 4096;
 
 // A path value; false when the key is missing or empty.
 bool read_path(const std::string& file, const char* section, const char* key, std::string* out) {

@@ -351,3 +351,23 @@ TEST(ShadowProxy, RootsBelowTheDatabaseRoot) {
     ConfigFileShadowProxy plain("/etc/pool.cfg", "/srv/db");
     EXPECT_EQ("/srv/db/databases/po", plain.get_podb_root());
 }
+
+TEST(ShadowConfig, LongValuesAreReadWholeOrRefused) {
+    PoolLayout l;
+    kt::LogCapture log;
+    // 4095 characters: read whole.
+    const std::string longest = l.storage + "/" + std::string(4094 - l.storage.size(), 's');
+    ASSERT_EQ(4095u, longest.size());
+    Loaded r = load(l, paths(l, "CatalogShadowPath = " + longest + "\n"));
+    EXPECT_EQ(0u, r.status);
+    EXPECT_EQ(longest, r.ctx->shadow_path);
+    // One more: refused with one record naming the file and line, never cut.
+    log.clear();
+    const std::string too_long = longest + "t";
+    Loaded refused = load(l, paths(l, "CatalogShadowPath = " + too_long + "\n"));
+    EXPECT_NE(too_long.substr(0, 4095), refused.ctx->shadow_path);
+    EXPECT_EQ(1u, log.count(log_level::error, 4,
+                            "Configuration file " + l.config + ", line 3: the value of CatalogShadowPath is 4096 "
+                            "characters long, more than the 4095 that can be read"))
+        << log.dump();
+}

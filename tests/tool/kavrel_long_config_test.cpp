@@ -105,9 +105,9 @@ TEST_F(KavrelLongConfigTest, TailOfALongStorageDatabaseLineIsNotTheDatabaseKey) 
 }
 
 TEST_F(KavrelLongConfigTest, LongestDatabaseValueIsReadWhole) {
-    // kavrel reads the root into a 4094-character field; a missing root of
+    // kavrel reads the root into a 4095-character field; a missing root of
     // that length is reported with every character of it.
-    const std::string root = path_of_length(pool_.dir().path(), 4094);
+    const std::string root = path_of_length(pool_.dir().path(), 4095);
     pool_.write_config(root);
     kt::RunResult r = pool_.run({"-listall"});
     EXPECT_EQ(0, r.exit_status);
@@ -124,7 +124,7 @@ TEST_F(KavrelLongConfigTest, DatabaseValueTooLongIsAnErrorNamingFileAndLine) {
     EXPECT_EQ(0, r.exit_status);
     EXPECT_EQ("", r.out);
     EXPECT_EQ("ERROR [4] Configuration file " + pool_.config() + ", line 3: the value of Database is " +
-                  std::to_string(root.size()) + " characters long, more than the 4094 that can be read\n" +
+                  std::to_string(root.size()) + " characters long, more than the 4095 that can be read\n" +
                   "INFO [2] Directory  doesn't exist.\n",
               r.err);
 }
@@ -138,7 +138,7 @@ TEST_F(KavrelLongConfigTest, RegistryEntryTooLongIsAnErrorNamingFileAndLine) {
     EXPECT_EQ("", r.out);
     EXPECT_EQ("ERROR [4] Configuration file " + pool_.registry() + ", line 2: the value of " +
                   appdb::kRegistryConfigFileKey + " is " + std::to_string(config.size()) +
-                  " characters long, more than the 4094 that can be read\n" +
+                  " characters long, more than the 4095 that can be read\n" +
                   "ERROR [2] Failed to locate CR configuration file\n",
               r.err);
 }
