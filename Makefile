@@ -18,6 +18,10 @@ CTEST_JOBS ?= 2
 DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev \
                 libgtest-dev libgmock-dev libbenchmark-dev
 
+# Recursive makes (the demo's build, CMake's own makefiles) stay quiet about the
+# directories they enter; the build's progress lines are what a reader needs.
+MAKEFLAGS += --no-print-directory
+
 CMAKE ?= cmake
 CTEST ?= ctest
 CTEST_FLAGS := --output-on-failure -j$(CTEST_JOBS)
@@ -71,8 +75,8 @@ endef
 
 demo:
 	$(call need_script,scripts/demo.sh,demo)
-	$(MAKE) build
-	BUILD_DIR=build DEMO_DIR=build/demo bash scripts/demo.sh
+	@$(MAKE) --no-print-directory build
+	@BUILD_DIR=build DEMO_DIR=build/demo bash scripts/demo.sh
 
 bench:
 	$(call need_script,scripts/bench.sh,bench)
