@@ -57,12 +57,36 @@ std::string without_nul(const std::string& message) {
     return text;
 }
 
-dct::log_sink make_default_sink() {
-    const char* env_value = getenv("DCT_LOG");
-    std::string choice = env_value != nullptr ? env_value : "";
-    if (choice == "none") {
-        return [](dct::log_level, cr_status_t, const std::string&) {};
-    }
+// The default sink and the least important level it keeps. A record above
+// `threshold` (in log_level order, error first) is dropped before it is
+// formatted; `keeps_nothing` marks DCT_LOG=none, which drops every record.
+struct default_sink {
+    dct::log_sink write;
+    dct::log_level threshold = dct::log_level::trace;
+    bool keeps_nothing = false;
+};
+
+// Reads DCT_LOG_LEVEL: "error", "warning", "info" or "trace" (every level, the
+// default). Unset or empty means the default. Any other value also means the
+// default and sets `*invalid`, so that the caller can say so once.
+dct::log_level threshold_from_environment(bool* invalid) {
+    *invalid = false;
+    const char* v = getenv("DCT_LOG_LEVEL");
+    if (v == nullptr || *v == '\0') return dct::log_level::trace;
+    static const struct {
+        const char* name;
+        dct::log_level level;
+    } names[] = {{"error", dct::log_level::error},
+                 {"warning", dct::log_level::warning},
+                 {"info", dct::log_level::info},
+                 {"trace", dct::log_level::trace}};
+    for (const auto& n : names)
+        if (strcmp(v, n.name) == 0) return n.level;
+    *invalid = true;
+    return dct::log_level::trace;
+}
+
+dct::log_sink make_default_writer(const std::string& choice) {
     if (choice == "stderr") {
         auto s = std::make_shared<stream_sink>(stderr, false);
         return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
@@ -95,10 +119,38 @@ dct::log_sink make_default_sink() {
     };
 }
 
+// Chooses the default sink from DCT_LOG and its threshold from DCT_LOG_LEVEL.
+// An invalid threshold keeps every level and is reported once, as a warning
+// record through the sink just chosen.
+default_sink make_default_sink() {
+    const char* env_value = getenv("DCT_LOG");
+    std::string choice = env_value != nullptr ? env_value : "";
+    default_sink d;
+    if (choice == "none") {
+        d.keeps_nothing = true;
+        d.write = [](dct::log_level, cr_status_t, const std::string&) {};
+        return d;
+    }
+    bool invalid = false;
+    d.threshold = threshold_from_environment(&invalid);
+    d.write = make_default_writer(choice);
+    if (invalid) {
+        try {
+            d.write(dct::log_level::warning, CR_STATUS_FAILED,
+                    std::string("DCT_LOG_LEVEL \"") + getenv("DCT_LOG_LEVEL") +
+                        "\" is not error, warning, info or trace; every level is logged");
+        } catch (...) {
+            // Only this record is lost; the sink itself stays chosen.
+        }
+    }
+    return d;
+}
+
 struct sink_state {
     std::recursive_mutex mutex;
     dct::log_sink installed;   // set by set_log_sink
-    dct::log_sink fallback;    // default sink, made at the first record that needs it
+    default_sink fallback;     // made at the first record that reaches it
+    bool fallback_made = false;
 };
 
 sink_state& state() {
@@ -106,34 +158,48 @@ sink_state& state() {
     return *s;
 }
 
-// Formats and delivers one record. Never throws: a record that cannot be
-// allocated, or a sink that throws, loses that record only, so that logging a
-// failure can never become a second failure (callers log inside destructors
-// and out-of-memory paths).
-void emit_unguarded(dct::log_level level, cr_status_t status, const char* format, va_list ap) {
+// Formats `format` with `ap` into `*message`.
+void format_record(const char* format, va_list ap, std::string* message) {
     char stack_buf[1024];
     va_list copy;
     va_copy(copy, ap);
     int n = vsnprintf(stack_buf, sizeof(stack_buf), format, copy);
     va_end(copy);
-    std::string message;
     if (n < 0) {
-        message = format;
+        *message = format;
     } else if (static_cast<size_t>(n) < sizeof(stack_buf)) {
-        message.assign(stack_buf, n);
+        message->assign(stack_buf, n);
     } else {
-        message.resize(n + 1);
-        vsnprintf(&message[0], n + 1, format, ap);
-        message.resize(n);
+        message->resize(n + 1);
+        vsnprintf(&(*message)[0], n + 1, format, ap);
+        message->resize(n);
     }
+}
+
+// Delivers one record to the sink that keeps it, formatting it only when one
+// does: an installed sink keeps every record, the default one those at or
+// above its threshold. The decision and the delivery happen under the one
+// lock, so a record is judged by the sink that receives it. Never throws to
+// the caller (see emit): a record that cannot be allocated, or a sink that
+// throws, loses that record only, so that logging a failure can never become
+// a second failure (callers log inside destructors and out-of-memory paths).
+void emit_unguarded(dct::log_level level, cr_status_t status, const char* format, va_list ap) {
     sink_state& s = state();
     std::lock_guard<std::recursive_mutex> guard(s.mutex);
     if (s.installed) {
+        std::string message;
+        format_record(format, ap, &message);
         s.installed(level, status, message);
         return;
     }
-    if (!s.fallback) s.fallback = make_default_sink();
-    s.fallback(level, status, message);
+    if (!s.fallback_made) {
+        s.fallback = make_default_sink();
+        s.fallback_made = true;
+    }
+    if (s.fallback.keeps_nothing || level > s.fallback.threshold) return;
+    std::string message;
+    format_record(format, ap, &message);
+    s.fallback.write(level, status, message);
 }
 
 void emit(dct::log_level level, cr_status_t status, const char* format, va_list ap) noexcept {

@@ -1,10 +1,15 @@
 // Logging: ErrorA / WarningA / InfoA / __TraceA and the sink they write to.
 //
-// Every record is formatted once and handed to the current sink. The default
-// sink is chosen at the first record from the environment variable DCT_LOG:
-// "syslog" (default), "stderr", "file:PATH" (append) or "none". On stderr and in
-// a file a record is one line "LEVEL [status] message" ("TRACE message" for
-// traces). DCT_TRACE=1 turns tracing on at start. Standard output is never used.
+// Every record that a sink keeps is formatted once and handed to that sink; a
+// record that no sink keeps is never formatted (its arguments are not read).
+// The default sink is chosen at the first record from the environment variable
+// DCT_LOG: "syslog" (default), "stderr", "file:PATH" (append) or "none" (keeps
+// nothing). With it, DCT_LOG_LEVEL read at the same moment sets the least
+// important level the default sink keeps: "error", "warning", "info" or
+// "trace" (every level, the default); another value keeps every level and is
+// reported by one warning record. On stderr and in a file a record is one line
+// "LEVEL [status] message" ("TRACE message" for traces). DCT_TRACE=1 turns
+// tracing on at start. Standard output is never used.
 // All functions are thread-safe and never throw (a record that cannot be
 // allocated is dropped).
 #ifndef DCT_LOG_H_
@@ -36,7 +41,7 @@ using log_sink = std::function<void(log_level, cr_status_t status, const std::st
 // is never called twice at once, but it is called on whichever thread logs,
 // while that lock is held: it should return quickly and must not call
 // set_log_sink. A sink that throws loses that record only. Trace records reach
-// it only while the trace switch is on. Install the sink before the threads
+// it only while the trace switch is on; DCT_LOG_LEVEL does not apply to it. Install the sink before the threads
 // that log start, or accept that records in flight go to the old one.
 void set_log_sink(log_sink sink);
 

@@ -5,6 +5,7 @@
 // KAVREL_LOG_CHILD set. The child side sends its standard output and standard
 // error to files, logs, and ends at once; the parent side reads both files.
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -54,7 +55,7 @@ struct ChildResult {
 };
 
 bool dropped(const char* entry) {
-    static const char* const names[] = {"DCT_LOG=", "DCT_TRACE=", "KAVREL_LOG_", "GTEST_OUTPUT="};
+    static const char* const names[] = {"DCT_LOG=", "DCT_LOG_LEVEL=", "DCT_TRACE=", "KAVREL_LOG_", "GTEST_OUTPUT="};
     for (const char* n : names)
         if (strncmp(entry, n, strlen(n)) == 0) return true;
     return false;
@@ -253,4 +254,194 @@ TEST(DefaultSink, FileWritesARecordWithANulWhole) {
     ChildResult r = run_child({"DCT_LOG=file:" + path});
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(kt::read_file(path), std::string("INFO [0] before ") + '\0' + " after\n");
+}
+
+// DCT_LOG_LEVEL: the least important level the default sink keeps.
+namespace {
+
+// A pointer that cannot be read: formatting it with %s would end the child on
+// a fault, so a clean exit proves that the record holding it was never
+// formatted.
+const char* unreadable() {
+    static volatile uintptr_t address = 8;
+    return reinterpret_cast<const char*>(address);
+}
+
+// Each level once with a readable argument, then each level below `floor`
+// again with the unreadable one.
+void log_each_level_and_unreadable_below(dct::log_level floor) {
+    __dctlog_trace_location.store(1);
+    ErrorA(CR_STATUS_CORRUPT, "error %s", "e");
+    WarningA(CR_STATUS_BUSY, "warning %s", "w");
+    InfoA(CR_STATUS_OK, "info %s", "i");
+    __TraceA("trace %s", "t");
+    if (floor < dct::log_level::warning) WarningA(CR_STATUS_BUSY, "%s", unreadable());
+    if (floor < dct::log_level::info) InfoA(CR_STATUS_OK, "%s", unreadable());
+    if (floor < dct::log_level::trace) __TraceA("%s", unreadable());
+}
+
+const char kErrorLine[] = "ERROR [67] error e\n";
+const char kWarningLine[] = "WARNING [11] warning w\n";
+const char kInfoLine[] = "INFO [0] info i\n";
+const char kTraceLine[] = "TRACE trace t\n";
+
+dct::log_level level_named(const char* name) {
+    if (strcmp(name, "error") == 0) return dct::log_level::error;
+    if (strcmp(name, "warning") == 0) return dct::log_level::warning;
+    if (strcmp(name, "info") == 0) return dct::log_level::info;
+    return dct::log_level::trace;
+}
+
+// The child learns its floor from the variable the parent sets, so that one
+// child body serves every level.
+void log_for_threshold_in_environment() {
+    const char* v = getenv("DCT_LOG_LEVEL");
+    log_each_level_and_unreadable_below(level_named(v != nullptr ? v : "trace"));
+}
+
+std::string expected_at_or_above(dct::log_level floor) {
+    std::string text = kErrorLine;
+    if (floor >= dct::log_level::warning) text += kWarningLine;
+    if (floor >= dct::log_level::info) text += kInfoLine;
+    if (floor >= dct::log_level::trace) text += kTraceLine;
+    return text;
+}
+
+const char* const kLevelNames[] = {"error", "warning", "info", "trace"};
+
+}  // namespace
+
+TEST(DefaultSinkThreshold, StderrKeepsLevelsAtOrAboveThreshold) {
+    child_side(log_for_threshold_in_environment);
+    for (const char* name : kLevelNames) {
+        SCOPED_TRACE(name);
+        ChildResult r = run_child({"DCT_LOG=stderr", std::string("DCT_LOG_LEVEL=") + name});
+        ASSERT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, expected_at_or_above(level_named(name)));
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+TEST(DefaultSinkThreshold, FileKeepsLevelsAtOrAboveThreshold) {
+    child_side(log_for_threshold_in_environment);
+    for (const char* name : kLevelNames) {
+        SCOPED_TRACE(name);
+        kt::TempDir here;
+        std::string path = here.file("kavrel.log");
+        ChildResult r = run_child({"DCT_LOG=file:" + path, std::string("DCT_LOG_LEVEL=") + name});
+        ASSERT_EQ(r.status, 0);
+        EXPECT_EQ(kt::read_file(path), expected_at_or_above(level_named(name)));
+        EXPECT_EQ(r.err, "");
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+// syslog keeps no copy a test can read; the clean exit shows that the records
+// below the threshold were neither formatted nor handed to syslog(3).
+TEST(DefaultSinkThreshold, SyslogNeverFormatsRecordsBelowThreshold) {
+    child_side(log_for_threshold_in_environment);
+    for (const char* name : {"error", "warning", "info"}) {
+        SCOPED_TRACE(name);
+        ChildResult r = run_child({std::string("DCT_LOG_LEVEL=") + name});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        EXPECT_EQ(r.out, "");
+    }
+    ChildResult unusable_file =
+        run_child({"DCT_LOG=file:/nonexistent-dir/x.log", "DCT_LOG_LEVEL=error"});
+    EXPECT_EQ(unusable_file.status, 0);
+}
+
+TEST(DefaultSinkThreshold, NoneFormatsNothing) {
+    child_side([] {
+        __dctlog_trace_location.store(1);
+        ErrorA(CR_STATUS_FAILED, "%s", unreadable());
+        WarningA(CR_STATUS_FAILED, "%s", unreadable());
+        InfoA(CR_STATUS_OK, "%s", unreadable());
+        __TraceA("%s", unreadable());
+    });
+    for (const char* level : {"", "trace", "error"}) {
+        SCOPED_TRACE(level);
+        ChildResult r = run_child({"DCT_LOG=none", std::string("DCT_LOG_LEVEL=") + level});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+// The guard itself: the same unreadable argument in a record the sink keeps
+// does end the child, so the clean exits above are not a pointer that happens
+// to be readable.
+TEST(DefaultSinkThreshold, UnreadableArgumentInAKeptRecordEndsTheChild) {
+    child_side([] { ErrorA(CR_STATUS_FAILED, "%s", unreadable()); });
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=error"});
+    EXPECT_NE(r.status, 0);
+}
+
+TEST(DefaultSinkThreshold, UnsetOrEmptyKeepsEveryLevel) {
+    child_side(log_three_and_trace);
+    ChildResult unset = run_child({"DCT_LOG=stderr"});
+    ASSERT_EQ(unset.status, 0);
+    EXPECT_EQ(unset.err, kThreeAndTrace);
+    ChildResult empty = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL="});
+    ASSERT_EQ(empty.status, 0);
+    EXPECT_EQ(empty.err, kThreeAndTrace);
+}
+
+TEST(DefaultSinkThreshold, InvalidValueKeepsEveryLevelAndWarnsOnce) {
+    child_side(log_three_and_trace);
+    const std::string warning =
+        "WARNING [4] DCT_LOG_LEVEL \"Loud\" is not error, warning, info or trace; every level is logged\n";
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=Loud"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, warning + kThreeAndTrace);
+    EXPECT_EQ(r.out, "");
+
+    kt::TempDir here;
+    std::string path = here.file("kavrel.log");
+    ChildResult f = run_child({"DCT_LOG=file:" + path, "DCT_LOG_LEVEL=Loud"});
+    ASSERT_EQ(f.status, 0);
+    EXPECT_EQ(kt::read_file(path), warning + kThreeAndTrace);
+}
+
+TEST(DefaultSinkThreshold, TraceRecordsNeedTheSwitchAsWell) {
+    child_side([] {
+        __TraceA("%s", unreadable());
+        __dctlog_trace_location.store(1);
+        __TraceA("on %d", 1);
+    });
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=trace"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "TRACE on 1\n");
+}
+
+TEST(DefaultSinkThreshold, ReadOnceWithTheSinkChoice) {
+    child_side([] {
+        InfoA(0, "dropped");
+        setenv("DCT_LOG_LEVEL", "info", 1);
+        InfoA(0, "still dropped");
+        ErrorA(CR_STATUS_FAILED, "kept");
+    });
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=error"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "ERROR [4] kept\n");
+}
+
+TEST(DefaultSinkThreshold, InstalledSinkKeepsEveryLevel) {
+    child_side([] {
+        std::string* kept = new std::string;
+        dct::set_log_sink([kept](dct::log_level l, cr_status_t, const std::string& m) {
+            *kept += std::string(dct::log_level_name(l)) + " " + m + ";";
+        });
+        __dctlog_trace_location.store(1);
+        WarningA(CR_STATUS_BUSY, "w");
+        InfoA(CR_STATUS_OK, "i");
+        __TraceA("t");
+        dct::set_log_sink(nullptr);
+        ErrorA(CR_STATUS_FAILED, "%s", kept->c_str());
+        InfoA(CR_STATUS_OK, "%s", unreadable());
+    });
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=error"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "ERROR [4] WARNING w;INFO i;TRACE t;\n");
 }
