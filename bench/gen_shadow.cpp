@@ -15,6 +15,7 @@
 #include "bench_catalog.h"
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 
 int main(int argc, char** argv) {

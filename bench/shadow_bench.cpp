@@ -21,6 +21,7 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 

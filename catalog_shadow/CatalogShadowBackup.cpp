@@ -16,6 +16,7 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowOps.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 

@@ -1,6 +1,7 @@
 // CatalogShadowContext: construction, init, identity check, path mapping and
 // the journal entry points.
 #include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/PODBShadowPool.h"
 
 #include <exception>
 

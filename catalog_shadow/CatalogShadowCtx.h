@@ -19,7 +19,7 @@
 // The context must outlive every catalog application given it. Directories
 // named in the operations below are real database directories (the directory
 // that holds the database file), and `type` is one of the type words
-// PODBShadow::_podb_type_ ("podb"), _uldb_type_ ("uldb") and _appdb_type_
+// shadow_type_podb ("podb"), shadow_type_uldb ("uldb") and shadow_type_appdb
 // ("appdb"). Work on one directory's shadow (backup, recovery, journal lines)
 // is serialised inside the context, and between contexts and processes by the
 // directory lock of that directory (with a CatalogDirectoryLock); different
@@ -34,17 +34,22 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <boost/scoped_ptr.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 
-#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/status.h"
+
+class PODBShadowPool;
+
+// The type words of the databases a shadow keeps, as backup, recover and
+// has_shadow_copy take them.
+extern const char* const shadow_type_podb;   // "podb": the PO database
+extern const char* const shadow_type_uldb;   // "uldb": the UL database
+extern const char* const shadow_type_appdb;  // "appdb": a catalog's app.db
 
 // Implemented by the embedding program: where the configuration lies and where
 // the real catalog trees are. The context owns its proxy and reads it from
@@ -94,35 +99,6 @@ public:
 private:
     std::string dir_;
     std::string file_;
-};
-
-// The shadows of the directories in use, keyed by real directory (letter case
-// folded when the file system ignores it). A shadow stays while any caller holds
-// it; past `size` entries the pool evicts the shadows that only it holds.
-class PODBShadowPool {
-public:
-    PODBShadowPool(CatalogShadowContext* context, int64_t size);
-    ~PODBShadowPool();
-    PODBShadowPool(const PODBShadowPool&) = delete;
-    PODBShadowPool& operator=(const PODBShadowPool&) = delete;
-
-    // The shadow of real directory `dir`, created and loaded (PODBShadow::
-    // load_all) when absent. Throws "invalid PODB path" for a directory outside
-    // both real roots (from CatalogShadowContext::real_to_shadow_path).
-    boost::shared_ptr<PODBShadow> get(const std::string& dir);
-    // Drops the pool's reference to the shadow of `dir`.
-    void erase(const std::string& dir);
-    // Entries in the pool.
-    size_t size() const;
-
-private:
-    std::string key_(const std::string& dir) const;
-    void evict_unused_();  // with mutex_ held
-
-    CatalogShadowContext* context_;
-    int64_t size_;
-    mutable boost::mutex mutex_;
-    std::map<std::string, boost::shared_ptr<PODBShadow>> shadows_;
 };
 
 class CatalogShadowContext {

@@ -5,6 +5,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/podb_names.h"
 

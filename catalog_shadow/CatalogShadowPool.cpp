@@ -1,5 +1,6 @@
 // PODBShadowPool: one shared PODBShadow per real directory in use.
 #include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/podb_names.h"

@@ -14,9 +14,13 @@
 #include "dct/log.h"
 #include "dct/podb_names.h"
 
-const std::string PODBShadow::_podb_type_ = "podb";
-const std::string PODBShadow::_uldb_type_ = "uldb";
-const std::string PODBShadow::_appdb_type_ = "appdb";
+const char* const shadow_type_podb = "podb";
+const char* const shadow_type_uldb = "uldb";
+const char* const shadow_type_appdb = "appdb";
+
+const std::string PODBShadow::_podb_type_ = shadow_type_podb;
+const std::string PODBShadow::_uldb_type_ = shadow_type_uldb;
+const std::string PODBShadow::_appdb_type_ = shadow_type_appdb;
 const std::string PODBShadow::_corrupt_prefix_ = "#corrupt_";
 
 namespace {

@@ -1,6 +1,6 @@
 # Installed package for services that embed the catalog: the kavrel tool, the four
-# static libraries, their headers below include/kavrel (folder names kept, so
-# include lines read the same inside and outside the tree), the man page, and a
+# static libraries, their public headers below include/kavrel (folder names
+# kept, so include lines read the same inside and outside the tree), the man page, and a
 # CMake package giving kavrel::dct, kavrel::sqlitedb, kavrel::catalog_shadow and
 # kavrel::appdb.
 include(CMakePackageConfigHelpers)
@@ -40,13 +40,30 @@ if(TARGET kavrel-shadow)
           DESTINATION lib/systemd/system)
 endif()
 
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/dct
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavrel
-        FILES_MATCHING PATTERN "*.h")
-foreach(_dir sqlitedb catalog_shadow appdb)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${_dir}
-          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavrel
-          FILES_MATCHING PATTERN "*.h")
+# The headers a service needs to embed the catalog, and nothing else: the
+# catalog interface and its factory, the item, the query texts and the
+# record sink, the shadow context with its proxies, the directory lock, the
+# status codes and the log. The other headers are the libraries' own; they may
+# change without notice, so they are not installed. tests/consumer pins this
+# list and compiles every installed header on its own.
+set(KAVREL_PUBLIC_HEADERS
+  dct/status.h
+  dct/log.h
+  catalog_shadow/DirectoryLock.h
+  catalog_shadow/CatalogShadowCtx.h
+  catalog_shadow/ConfigFileShadowProxy.h
+  appdb/app_catalog_item.h
+  appdb/app_query.h
+  appdb/catalog_item_sink.h
+  appdb/catalog_application.h)
+foreach(_h ${KAVREL_PUBLIC_HEADERS})
+  get_filename_component(_dir ${_h} DIRECTORY)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/include/${_h})
+    set(_src ${PROJECT_SOURCE_DIR}/include/${_h})
+  else()
+    set(_src ${PROJECT_SOURCE_DIR}/${_h})
+  endif()
+  install(FILES ${_src} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavrel/${_dir})
 endforeach()
 
 if(EXISTS ${PROJECT_SOURCE_DIR}/tool/kavrel.1)

@@ -1,12 +1,9 @@
 // seed_pool: fills a pool's catalog with sample items through the catalog
 // library, the way a backup service records what it wrote.
 //
-//   seed_pool [DATABASE_ROOT]
+//   seed_pool DATABASE_ROOT [CONFIG_FILE]
 //
-// Without an argument the database root is read from the pool's
-// configuration exactly as kavrel finds it: the registry file named by
-// VELKREGISTRY (else /etc/velkregistry.cfg) names the CR configuration file,
-// whose [Paths] Database entry is the root. The catalogs are created below
+// The catalogs are created below
 // DATABASE_ROOT/databases/application/DSID/CLIENT/POLICY/app.db:
 //
 //   data stores 1 and 2 x clients clientA, clientB x policies daily, weekly,
@@ -14,8 +11,8 @@
 //   data store 2, client clientC, policy archive: a catalog whose only item
 //   was added and then deleted again, so that it exists and is empty.
 //
-// When the configuration also names the shadow settings ([Paths]
-// StorageDatabase and [Storage] Storage Path), the catalogs are made with
+// When the pool's CR configuration file is given and names the shadow settings
+// ([Paths] StorageDatabase and [Storage] Storage Path), the catalogs are made with
 // shadow protection: each new database gets a first copy in the shadow tree
 // (by default STORAGE_PATH/catalogshadow) and every change is journaled
 // there, so that a lost or damaged database can be rebuilt.
@@ -31,10 +28,8 @@
 
 #include "appdb/app_catalog_item.h"
 #include "appdb/catalog_application.h"
-#include "appdb/kavrel_config_names.h"
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
-#include "dct/inifile.h"
 #include "dct/status.h"
 
 namespace {
@@ -50,25 +45,6 @@ const unsigned int kCacheSize = 5;
 // First backup start time of the sample: 2023-11-14 22:13:20 UTC.
 const int64_t kFirstBackup = 1700000000;
 
-// The database root of the pool's configuration, or "" when it cannot be read.
-// The path of the configuration file goes to `config_file` ("" when unknown).
-std::string configured_database_root(std::string* config_file) {
-    const char* env = getenv(appdb::kRegistryEnv);
-    const std::string registry = (env != nullptr && *env != '\0') ? env : appdb::kRegistryDefaultPath;
-    char config[4096] = {0};
-    if (InifileGetPathA(registry.c_str(), appdb::kRegistrySection, appdb::kRegistryConfigFileKey, nullptr,
-                        config, sizeof(config)) != CR_STATUS_OK) {
-        return "";
-    }
-    *config_file = config;
-    char root[4096] = {0};
-    if (InifileGetPathA(config, appdb::kConfigPathsSection, appdb::kConfigDatabaseKey, nullptr, root,
-                        sizeof(root)) != CR_STATUS_OK) {
-        return "";
-    }
-    return root;
-}
-
 // The pool's shadow context, or null when the configuration has no shadow
 // settings. ConfigFileShadowProxy reads them from `config_file` and places the
 // real trees below `database_root`. A new pool's shadow root is marked as the
@@ -76,11 +52,7 @@ std::string configured_database_root(std::string* config_file) {
 // root without one.
 std::unique_ptr<CatalogShadowContext> open_shadow_context(const std::string& config_file,
                                                           const std::string& database_root) {
-    char storage_database[4096] = {0};
-    if (config_file.empty() || InifileGetPathA(config_file.c_str(), appdb::kConfigPathsSection, "StorageDatabase",
-                                               nullptr, storage_database, sizeof(storage_database)) != CR_STATUS_OK) {
-        return nullptr;
-    }
+    if (config_file.empty()) return nullptr;
     std::unique_ptr<CatalogShadowContext> ctx(new CatalogShadowContext(
         new ConfigFileShadowProxy(config_file, database_root), new CatalogDirectoryLock));
     if (ctx->load_configurations() != CR_STATUS_OK || !ctx->enabled) return nullptr;
@@ -142,16 +114,12 @@ bool store(appdb::catalog_application& catalog, const appdb::app_catalog_item& i
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 2) {
-        fprintf(stderr, "usage: seed_pool [DATABASE_ROOT]\n");
+    if (argc < 2 || argc > 3 || argv[1][0] == '\0') {
+        fprintf(stderr, "usage: seed_pool DATABASE_ROOT [CONFIG_FILE]\n");
         return 1;
     }
-    std::string config_file;
-    const std::string root = argc == 2 ? argv[1] : configured_database_root(&config_file);
-    if (root.empty()) {
-        fprintf(stderr, "seed_pool: no database root given and none configured\n");
-        return 1;
-    }
+    const std::string root = argv[1];
+    const std::string config_file = argc == 3 ? argv[2] : "";
     // Declared before the catalogs, so that it outlives them.
     const std::unique_ptr<CatalogShadowContext> shadow = open_shadow_context(config_file, root);
 

@@ -33,7 +33,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <string>
 #include <vector>
 
@@ -42,11 +44,24 @@
 #include "appdb/catalog_application.h"
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/DirectoryLock.h"
-#include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/status.h"
 
 namespace {
+
+// The directory and its missing parents; true when it exists afterwards.
+bool make_tree(const std::string& dir) {
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    return !ec;
+}
+
+// Removes the work directory and everything in it, as far as it can.
+void remove_tree(const std::string& dir) {
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    if (ec) fprintf(stderr, "shadow_service: cannot remove %s: %s\n", dir.c_str(), ec.message().c_str());
+}
 
 const unsigned int kDataStore = 7;
 const char kClient[] = "mailsrv";
@@ -165,7 +180,7 @@ int main(int argc, char** argv) {
     const std::string databases = work + "/db/databases";
     const std::string shadow_root = work + "/storage/catalogshadow";
     const std::string config = work + "/pool.cfg";
-    if (wa_createtree(databases + "/application", 0750) != 0 ||
+    if (!make_tree(databases + "/application") ||
         !write_file(config, "[Paths]\n"
                             "StorageDatabase = " + work + "/db\n"
                             "CatalogShadowPath = " + shadow_root + "\n"
@@ -194,7 +209,7 @@ int main(int argc, char** argv) {
         kDataStore, databases, appdb::APP_D_CATALOG_SHADOW, &shadow, kCacheSize));
     if (!catalog) {
         fprintf(stderr, "shadow_service: the factory built no shadow-protected catalog\n");
-        if (!keep) wa_deletetree(work);
+        if (!keep) remove_tree(work);
         return 1;
     }
     const std::string db_dir =
@@ -220,7 +235,7 @@ int main(int argc, char** argv) {
     check(count_items(*catalog) == 3, "3 items left");
 
     printf("taking a shadow backup, then recording backup 3 (journalled)\n");
-    check(shadow.backup(db_dir, PODBShadow::_appdb_type_) == CR_STATUS_OK, "shadow backup taken");
+    check(shadow.backup(db_dir, shadow_type_appdb) == CR_STATUS_OK, "shadow backup taken");
     check(record_backup(*catalog, third, 1700172800), "backup 3 recorded");
 
     printf("recording backups 4 and 5 at once from two processes\n");
@@ -266,7 +281,7 @@ int main(int argc, char** argv) {
     // after every application that uses it.
     catalog.reset();
     dct::set_log_sink(nullptr);
-    if (!keep) wa_deletetree(work);
+    if (!keep) remove_tree(work);
     printf("shadow_service: %s (%lu info/trace records)\n", failures == 0 ? "ok" : "FAILED", quiet_records);
     return failures == 0 ? 0 : 1;
 }

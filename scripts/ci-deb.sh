@@ -4,8 +4,8 @@
 #   - the examples built against the CMake package (find_package(kavrel)),
 #   - the examples built with `pkg-config --cflags --libs kavrel`,
 #   - both shadow_service programs run (catalog with shadow backup and recovery),
-#   - seed_pool fills a small pool whose registry VELKREGISTRY names, and the
-#     installed kavrel lists it.
+#   - seed_pool fills a small pool, and the installed kavrel lists it, finding
+#     the pool through the registry file VELKREGISTRY names.
 # Packages that were not installed before are purged again at the end.
 #
 #   DEB_OUT  where make deb puts the packages (default build/deb)
@@ -86,7 +86,7 @@ printf '[Tamberlode]\nconfigfilepath = %s/pool.cfg\n' "$pool" >"$pool/registry.c
 printf '[Paths]\nDatabase = %s/db\n' "$pool" >"$pool/pool.cfg"
 export VELKREGISTRY="$pool/registry.cfg"
 export DCT_LOG="file:$pool/kavrel.log"
-"$work/seed_pool-pc"
+"$work/seed_pool-pc" "$pool/db"
 
 kavrel -listall >"$pool/listall.txt"
 total=$(awk '/^total app catalog /{n += $4} END {print n + 0}' "$pool/listall.txt")

@@ -49,7 +49,7 @@ mkdir -p "$DEMO_DIR/db"
 export VELKREGISTRY="$DEMO_DIR/registry.cfg"
 export DCT_LOG="file:$DEMO_DIR/kavrel.log"
 
-"$SEED"
+"$SEED" "$DEMO_DIR/db" "$DEMO_DIR/pool.cfg"
 # Neither of these is a catalog directory: the walk passes them by.
 mkdir -p "$DEMO_DIR/db/databases/staging/incoming"
 echo "scratch" > "$DEMO_DIR/db/databases/application/README"

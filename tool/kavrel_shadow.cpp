@@ -20,6 +20,7 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "catalog_shadow/DirectoryLock.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "tool/progress.h"

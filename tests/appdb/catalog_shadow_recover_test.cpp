@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "catalog_shadow/PODBShadowPool.h"
 #include "catalog_shadow_fault_vfs.h"
 #include "catalog_shadow_fixture.h"
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "common/test_util.h"
 #include "dct/fs.h"
 #include "shadow_test_helpers.h"

@@ -12,6 +12,7 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
+#include "catalog_shadow/PODBShadowPool.h"
 #include "common/test_util.h"
 #include "dct/fs.h"
 
