@@ -1,6 +1,6 @@
 // catalog_application_base: construction, naming of the databases of a data
 // store, the status table, the access-rule wrapper and the image-name rules.
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 
 #include <new>
 

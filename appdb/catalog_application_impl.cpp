@@ -2,7 +2,7 @@
 // Every operation names one database by client and policy and works on it
 // under the directory lock of its directory; the flows and their plain
 // database steps are the base's.
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 
 namespace appdb {
 
@@ -23,6 +23,12 @@ cr_status_t catalog_application_impl::find_catalog(const char* user, unsigned in
                                                    const std::string& query_text,
                                                    std::vector<app_catalog_item>& records) {
     return find_catalog_flow(dir_lock.get(), user, role, query_text, records);
+}
+
+cr_status_t catalog_application_impl::find_catalog(const char* user, unsigned int role,
+                                                   const std::string& query_text,
+                                                   catalog_item_sink& sink) {
+    return find_catalog_flow(dir_lock.get(), user, role, query_text, sink);
 }
 
 cr_status_t catalog_application_impl::find_catalog(const char* user, unsigned int role,

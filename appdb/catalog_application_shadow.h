@@ -31,7 +31,7 @@
 #include <string>
 #include <vector>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/status.h"
 
@@ -56,6 +56,8 @@ public:
                              std::string& result) override;
     cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
                              std::vector<app_catalog_item>& result) override;
+    cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
+                             catalog_item_sink& sink) override;
     cr_status_t expire_catalog(const char* user, unsigned int role, const std::string& client,
                                const std::string& policy, const std::string& image_name,
                                bool lock) override;
@@ -117,8 +119,7 @@ protected:
     // the changing ones journal what they changed.
     cr_status_t insert_step(const char* function, const app_catalog_item& item) override;
     cr_status_t query_step(const char* function, const app_query& query,
-                           std::vector<app_catalog_item>& records,
-                           const std::string& sql) override;
+                           catalog_item_sink& sink, const std::string& sql) override;
     cr_status_t expire_step(const std::string& client, const std::string& policy,
                             const std::string& image_name, removal_check& check) override;
     cr_status_t delete_step(const char* function, const std::string& client,

@@ -21,6 +21,13 @@ cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsi
 
 cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
                                                           const std::string& query_text,
+                                                          catalog_item_sink& sink) {
+    operation_scope operation;
+    return find_catalog_flow(dir_lock.get(), user, role, query_text, sink);
+}
+
+cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
+                                                          const std::string& query_text,
                                                           std::string& result) {
     operation_scope operation;
     return find_catalog_text_flow(user, role, query_text, result);
@@ -77,13 +84,15 @@ cr_status_t catalog_application_impl_shadow::insert_step(const char* fn,
 }
 
 cr_status_t catalog_application_impl_shadow::query_step(const char* fn, const app_query& query,
-                                                        std::vector<app_catalog_item>& records,
+                                                        catalog_item_sink& sink,
                                                         const std::string& sql) {
-    cr_status_t status = do_db_query(query, records, sql);
+    cr_status_t status = do_db_query(query, sink, sql);
     if (status == CR_STATUS_OK || !may_recover(status, query.client, query.policy)) return status;
     status = recover_db(fn, status, query.client, query.policy);
     if (status != CR_STATUS_OK) return status;
-    return do_db_query(query, records, sql);
+    // do_db_query restarts the sink: what it took from the damaged database
+    // is void.
+    return do_db_query(query, sink, sql);
 }
 
 cr_status_t catalog_application_impl_shadow::expire_step(const std::string& client,

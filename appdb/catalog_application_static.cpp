@@ -1,6 +1,6 @@
 // The static members of catalog_application_base: the item checksum, the
 // list form and the query entry point. They need no database.
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 
 #include <string.h>
 

@@ -1,6 +1,6 @@
 // catalog_application_base: creating an application database with its schema,
 // deciding when to create one, and opening one directly or through the cache.
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 
 #include <sys/stat.h>
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"
 #include "dct/status.h"

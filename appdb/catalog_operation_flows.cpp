@@ -2,10 +2,11 @@
 // each written once, and their plain database steps. The kind supplies the
 // directory lock, may wrap the steps (insert, query, expire, delete) and, for
 // expire_catalog, gives its own denial text.
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 
 #include <sstream>
 
+#include "appdb/vector_item_sink.h"
 #include "dct/log.h"
 
 namespace appdb {
@@ -56,10 +57,40 @@ cr_status_t catalog_application_base::update_catalog_flow(CatalogDirectoryLock* 
     return insert_step(fn, item);
 }
 
+namespace {
+
+// Passes on the records the caller may read; the others are skipped with a
+// trace, keeping the order of the rest.
+class readable_item_sink : public catalog_item_sink {
+public:
+    readable_item_sink(const char* function, const std::string& user, unsigned int role,
+                       catalog_item_sink& next)
+        : function_(function), user_(user), role_(role), next_(next),
+          rule_(auth_app_factory::get_instance()) {}
+
+    void restart() override { next_.restart(); }
+    cr_status_t take(app_catalog_item& item) override {
+        if (rule_.authenticate(user_, role_, &item, AUTH_AC_READ, false) != CR_STATUS_OK) {
+            __TraceA("%s: skip query result %s", function_, item.file_name.c_str());
+            return CR_STATUS_OK;
+        }
+        return next_.take(item);
+    }
+
+private:
+    const char* function_;
+    const std::string& user_;
+    unsigned int role_;
+    catalog_item_sink& next_;
+    authentication_application& rule_;
+};
+
+}  // namespace
+
 cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* dir_lock,
                                                         const char* user, unsigned int role,
                                                         const std::string& query_text,
-                                                        std::vector<app_catalog_item>& records) {
+                                                        catalog_item_sink& sink) {
     const char* const fn = "find_catalog";
     InfoA(CR_STATUS_OK, "%s: find app catalog %s", fn, query_text.c_str());
     app_query query;
@@ -71,26 +102,22 @@ cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* di
     const std::string path = to_db_full_path(query.client, query.policy);
     dir_lock_scope lock(dir_lock, path, fn);
     if (lock.status() != CR_STATUS_OK) return lock.status();
-    status = query_step(fn, query, records, sql);
+    const std::string who = user_or_empty(user);
+    readable_item_sink readable(fn, who, role, sink);
+    status = query_step(fn, query, readable, sql);
     if (status != CR_STATUS_OK) {
         ErrorA(status, "%s: failed to query %s for %s", fn, query_text.c_str(), path.c_str());
         return status;
     }
-    // Records the user may not read are dropped silently; the others keep
-    // their order.
-    authentication_application& rule = auth_app_factory::get_instance();
-    const std::string who = user_or_empty(user);
-    size_t kept = 0;
-    for (size_t i = 0; i < records.size(); ++i) {
-        if (rule.authenticate(who, role, &records[i], AUTH_AC_READ, false) != CR_STATUS_OK) {
-            __TraceA("%s: skip query result %s", fn, records[i].file_name.c_str());
-            continue;
-        }
-        if (kept != i) records[kept] = std::move(records[i]);
-        ++kept;
-    }
-    records.resize(kept);
     return CR_STATUS_OK;
+}
+
+cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* dir_lock,
+                                                        const char* user, unsigned int role,
+                                                        const std::string& query_text,
+                                                        std::vector<app_catalog_item>& records) {
+    vector_item_sink sink(records);
+    return find_catalog_flow(dir_lock, user, role, query_text, sink);
 }
 
 cr_status_t catalog_application_base::find_catalog_text_flow(const char* user, unsigned int role,
@@ -125,13 +152,14 @@ cr_status_t catalog_application_base::find_one(CatalogDirectoryLock* dir_lock, c
     status = parse_query_logged(fn, query_text, query, sql);
     if (status != CR_STATUS_OK) return status;
     std::vector<app_catalog_item> records;
+    vector_item_sink sink(records);
     if (lock) {
         dir_lock_scope scope(dir_lock, to_db_full_path(client, policy), fn);
         if (scope.status() != CR_STATUS_OK) return scope.status();
-        status = query_step(fn, query, records, sql);
+        status = query_step(fn, query, sink, sql);
     } else {
         // The caller holds the lock; whatever the step does runs under it.
-        status = query_step(fn, query, records, sql);
+        status = query_step(fn, query, sink, sql);
     }
     if (status != CR_STATUS_OK) {
         ErrorA(status, "%s: failed query %s", fn, query_text.c_str());
@@ -289,9 +317,8 @@ cr_status_t catalog_application_base::insert_step(const char* fn, const app_cata
 }
 
 cr_status_t catalog_application_base::query_step(const char*, const app_query& query,
-                                                 std::vector<app_catalog_item>& records,
-                                                 const std::string& sql) {
-    return do_db_query(query, records, sql);
+                                                 catalog_item_sink& sink, const std::string& sql) {
+    return do_db_query(query, sink, sql);
 }
 
 cr_status_t catalog_application_base::expire_step(const std::string& client,

@@ -1,13 +1,14 @@
 // catalog_application_base: the row operations on the `catalog` table. Each
 // try_do_db_* makes one attempt on a connection borrowed from the cache; each
 // do_db_* repeats its attempt while the database is busy.
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 
 #include <exception>
 #include <new>
 
 #include "appdb/catalog_row_check.h"
 #include "appdb/catalog_table.h"
+#include "appdb/vector_item_sink.h"
 #include "dct/log.h"
 #include "dct/sleep.h"
 #include "sqlitedb/sqlite_wrapper.h"
@@ -249,6 +250,13 @@ cr_status_t catalog_application_base::do_db_insert(const app_catalog_item& item,
 
 cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
                                                       std::vector<app_catalog_item>& items,
+                                                      const std::string& sql) {
+    vector_item_sink sink(items);
+    return try_do_db_query(query, sink, sql);
+}
+
+cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
+                                                      catalog_item_sink& sink,
                                                       const std::string& sql_in) {
     const char* const fn = "try_do_db_query";
     try {
@@ -291,6 +299,8 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
             return status;
         }
         auto_release<sqlite3_stmt> stmt_guard(stmt);
+        app_catalog_item item;
+        unsigned long taken = 0;
 
         switch (query.type) {
         case APP_QUERY_NAME:
@@ -346,23 +356,15 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
                 }
                 return status;
             }
-            __TraceA("%s: query item number %lld", fn, static_cast<long long>(items.size()));
+            __TraceA("%s: query item number %lld", fn, static_cast<long long>(taken));
             const int columns = sqlite3_column_count(stmt);
             if (columns != catalog_column_count) {
                 ErrorA(CR_STATUS_FAILED, "%s: DB[%s] return wrong row counts %d.", fn, name.c_str(),
                        columns);
                 return CR_STATUS_FAILED;
             }
-            // Decoded in its place in the result: an item is 28 fields, and
-            // moving it there afterwards costs nearly as much as decoding it.
-            try {
-                items.emplace_back();
-            } catch (const std::bad_alloc&) {
-                items.clear();
-                ErrorA(CR_STATUS_NOMEM, "%s: out of memory when insert items", fn);
-                return CR_STATUS_NOMEM;
-            }
-            app_catalog_item& item = items.back();
+            // One item is decoded into again and again: its strings keep their
+            // capacity from row to row unless the sink takes them.
             decode_row(stmt, item);
             const uint32_t stored_crc =
                 static_cast<uint32_t>(sqlite3_column_int(stmt, catalog_column_count - 1));
@@ -371,16 +373,17 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
                 // corrupt so that a protected catalog recovers it.
                 ErrorA(CR_STATUS_NONE, "%s: crc mismatch for app cat item %s", fn,
                        item.to_string().c_str());
-                items.pop_back();
                 return CR_STATUS_CORRUPT;
             }
             item.client = query.client;
             item.policy = query.policy;
+            status = sink.take(item);
+            if (status != CR_STATUS_OK) return status;
+            ++taken;
         }
-        __TraceA("%s: search done, find count %lu", fn, static_cast<unsigned long>(items.size()));
+        __TraceA("%s: search done, find count %lu", fn, static_cast<unsigned long>(taken));
         return CR_STATUS_OK;
     } catch (const std::bad_alloc&) {
-        items.clear();
         ErrorA(CR_STATUS_NOMEM, "%s: out of memory when do db query", fn);
         return CR_STATUS_NOMEM;
     } catch (...) {
@@ -391,14 +394,21 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
 cr_status_t catalog_application_base::do_db_query(const app_query& query,
                                                   std::vector<app_catalog_item>& items,
                                                   const std::string& sql) {
+    vector_item_sink sink(items);
+    return do_db_query(query, sink, sql);
+}
+
+cr_status_t catalog_application_base::do_db_query(const app_query& query, catalog_item_sink& sink,
+                                                  const std::string& sql) {
     const char* const fn = "do_db_query";
     try {
         const std::string name = to_db_full_name(query.client, query.policy);
         for (unsigned int busy = 0;;) {
-            // try_do_db_query appends: every attempt starts from an empty
-            // result, so a retried query never returns rows twice.
-            items.clear();
-            const cr_status_t status = try_do_db_query(query, items, sql);
+            // try_do_db_query hands on what it reads: every attempt starts
+            // from an empty result, so a retried query never gives a record
+            // twice.
+            sink.restart();
+            const cr_status_t status = try_do_db_query(query, sink, sql);
             if (status == CR_STATUS_OK) return status;
             if (status != CR_STATUS_BUSY) {
                 ErrorA(status, "%s: failed to query db %s", fn, name.c_str());
@@ -409,7 +419,6 @@ cr_status_t catalog_application_base::do_db_query(const app_query& query,
             if (++busy >= max_busy_tries) return status;
         }
     } catch (...) {
-        items.clear();
         return exception_status(fn);
     }
 }

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "bench_catalog.h"
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"

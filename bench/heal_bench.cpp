@@ -24,7 +24,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "dct/log.h"

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "benchmark/benchmark.h"
 
 namespace {

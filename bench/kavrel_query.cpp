@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "bench_query.h"
 
 int main(int argc, char** argv) {

@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "fuzz_common.h"
 

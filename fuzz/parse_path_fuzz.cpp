@@ -4,7 +4,7 @@
 // opens nothing (no file is made).
 #include <string>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "appdb/catalog_list.h"
 #include "fuzz_common.h"
 

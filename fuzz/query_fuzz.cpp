@@ -8,7 +8,7 @@
 #include <string>
 
 #include "appdb/app_query.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "appdb/catalog_table.h"
 #include "fuzz_common.h"
 

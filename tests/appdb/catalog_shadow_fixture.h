@@ -20,7 +20,7 @@
 
 #include <gtest/gtest.h>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "appdb/catalog_application_shadow.h"
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"

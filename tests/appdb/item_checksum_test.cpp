@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "gtest/gtest.h"
 
 namespace {

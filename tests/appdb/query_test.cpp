@@ -3,7 +3,7 @@
 #include <string>
 
 #include "appdb/app_query.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "common/test_util.h"
 #include "gtest/gtest.h"
 

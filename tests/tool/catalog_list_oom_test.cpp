@@ -9,7 +9,7 @@
 #include <new>
 #include <string>
 
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "appdb/catalog_list.h"
 #include "common/test_util.h"
 #include "gtest/gtest.h"

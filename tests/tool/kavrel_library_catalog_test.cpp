@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application.h"
+#include "appdb/catalog_application_base.h"
 #include "gtest/gtest.h"
 #include "tool_test_util.h"
 
