@@ -6,10 +6,11 @@
 #include <algorithm>
 #include <memory>
 #include <new>
-#include <vector>
+#include <string>
 
 #include "appdb/app_catalog_item.h"
 #include "appdb/catalog_application_base.h"
+#include "appdb/catalog_item_sink.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"
 #include "dct/status.h"
@@ -27,17 +28,40 @@ const unsigned int kListRole = appdb::APP_ROLE_ADMIN;
 // Open databases kept per data store while its directories are listed.
 const unsigned int kListCacheSize = 5;
 
-// Writes `text` and a newline to standard output. fwrite, not fputs: a text
-// field may hold a NUL byte, which must not cut the line short.
-void print_line(const std::string& text) {
-    fwrite(text.data(), 1, text.size(), stdout);
-    fputc('\n', stdout);
-}
+// Each readable item of a catalog as a printed line into the buffer; a
+// restarted query starts the catalog's lines afresh. The line is written by
+// its length: a text field may hold a NUL byte, which must not cut it short.
+class list_sink : public appdb::catalog_item_sink {
+public:
+    list_sink(dct::spill_buffer& out, bool verbose) : out_(out), verbose_(verbose) {}
+
+    void restart() override {
+        out_.clear();
+        count_ = 0;
+    }
+    cr_status_t take(appdb::app_catalog_item& item) override {
+        line_ = verbose_ ? item.to_json_string(nullptr) : item.to_string();
+        line_ += '\n';
+        const cr_status_t status = out_.append(line_.data(), line_.size());
+        if (status == CR_STATUS_OK) ++count_;
+        return status;
+    }
+    unsigned int count() const { return count_; }
+
+private:
+    dct::spill_buffer& out_;
+    bool verbose_;
+    std::string line_;
+    unsigned int count_ = 0;
+};
 
 }  // namespace
 
-OpList::OpList(const std::string& backup_id_pattern, bool verbose)
-    : backup_id_(backup_id_pattern), verbose_(verbose) {}
+const size_t OpList::default_memory_limit = 8u << 20;
+
+OpList::OpList(const std::string& backup_id_pattern, bool verbose, size_t memory_limit)
+    : backup_id_(backup_id_pattern), verbose_(verbose),
+      out_(std::make_shared<dct::spill_buffer>(memory_limit)) {}
 
 int OpList::operator()(const DirItem& item) const {
     if (!item.is_dir) return 0;
@@ -61,21 +85,20 @@ void OpList::list_catalog(const std::string& dir) const {
     fputs("]\n", stdout);
 
     const std::string query = "backup_id|" + client + "," + policy + "," + backup_id_;
-    std::vector<appdb::app_catalog_item> items;
-    cr_status_t status = app->find_catalog(kListUser, kListRole, query, items);
+    list_sink sink(*out_, verbose_);
+    cr_status_t status = app->find_catalog(kListUser, kListRole, query, sink);
     if (status != CR_STATUS_OK) {
+        out_->clear();
         ErrorA(CR_STATUS_NONE, "%s: find catalog failed by %s", "operator()", query.c_str());
         return;
-    }
-
-    for (const appdb::app_catalog_item& it : items) {
-        print_line(verbose_ ? it.to_json_string(nullptr) : it.to_string());
     }
     // Closes the connection this directory's application opened before the
     // walk goes on.
     app.reset();
 
-    printf("total app catalog %u\n", static_cast<unsigned int>(items.size()));
+    // A failed copy is logged; the total still ends the block.
+    out_->write_to(stdout);
+    printf("total app catalog %u\n", sink.count());
     fputc('\n', stdout);
 }
 

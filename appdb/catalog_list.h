@@ -7,23 +7,37 @@
 
 #include <stdint.h>
 
+#include <memory>
 #include <string>
 
 #include "dct/fileutil.h"
+#include "dct/spill_buffer.h"
 
 namespace appdb {
 class catalog_application;
 }  // namespace appdb
 
-// Copied by value into every level of the walk, so it holds only its two
-// settings. Everything goes to standard output: for each catalog directory
-// "[" + path + "]", one item per line, "total app catalog N" and an empty
-// line. Failures are logged and never stop the walk.
+// Copied by value into every level of the walk, so it holds its two settings
+// and a handle on the one output buffer the copies share. Everything goes to
+// standard output: for each catalog directory "[" + path + "]", one item per
+// line, "total app catalog N" and an empty line. Failures are logged and never
+// stop the walk.
+//
+// The items of a catalog are printed only once the whole catalog has read
+// without error (a damaged row anywhere prints none of them). They wait in
+// the buffer meanwhile: up to `memory_limit` bytes in memory, the rest in a
+// temporary file without a name, so a listing of any size needs the same
+// memory.
 class OpList {
 public:
     // `backup_id_pattern` is a GLOB pattern ("*" lists everything); `verbose`
     // selects the labelled form of the items instead of the line form.
-    OpList(const std::string& backup_id_pattern, bool verbose);
+    // Bytes of printed items held in memory per catalog before they go to
+    // the temporary file.
+    static const size_t default_memory_limit;
+
+    OpList(const std::string& backup_id_pattern, bool verbose,
+           size_t memory_limit = default_memory_limit);
 
     // Walk callback. Ignores entries that are not directories and directories
     // that are not catalog directories; lists the others. Always returns 0, so
@@ -55,6 +69,7 @@ private:
 
     std::string backup_id_;
     bool verbose_;
+    std::shared_ptr<dct::spill_buffer> out_;
 };
 
 #endif  // APPDB_CATALOG_LIST_H_

@@ -5,8 +5,10 @@
 // prints the items of every catalog directory whose backup id matches a
 // pattern. Exit status 0 after a listing, whatever it met on the way (that is
 // logged); 255 for a usage error or a missing CR configuration file.
+#include <errno.h>
 #include <malloc.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <string>
@@ -22,6 +24,21 @@ namespace {
 // from the heap, and up to 32 MiB of free heap is kept.
 const int kListMmapThreshold = 16 << 20;
 const int kListTrimThreshold = 32 << 20;
+
+// Testing knob: the bytes of a catalog's printed items held in memory before
+// they go to a temporary file (a positive decimal number; anything else keeps
+// the default).
+const char kListBufferEnv[] = "KAVREL_LIST_BUFFER_BYTES";
+
+size_t list_memory_limit() {
+    const char* text = getenv(kListBufferEnv);
+    if (text == nullptr || *text < '0' || *text > '9') return OpList::default_memory_limit;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = strtoull(text, &end, 10);
+    if (errno != 0 || *end != '\0' || value == 0) return OpList::default_memory_limit;
+    return static_cast<size_t>(value);
+}
 
 void usage() {
     puts("Query application catalog database.");
@@ -82,16 +99,15 @@ int main(int argc, char** argv) {
     // Exactly one trailing "/" goes, so "/" itself becomes the empty root.
     if (!root.empty() && root.back() == '/') root.pop_back();
 
-    // The items of one catalog are all held, printed and freed before the
-    // next catalog is read. Keep freed memory in the process for the next
-    // one: handed back to the system after every catalog, it came back as
-    // fresh pages to be faulted in and cleared: over a quarter of the time
-    // of a listing of many catalogs. The peak is still set by the largest
-    // catalog.
+    // Every catalog opens its database and fills the output buffer, then
+    // frees both before the next one. Keep freed memory in the process for
+    // the next catalog: handed back to the system after every one, it came
+    // back as fresh pages to be faulted in and cleared. The buffer bounds the
+    // peak, whatever the size of a catalog.
     mallopt(M_MMAP_THRESHOLD, kListMmapThreshold);
     mallopt(M_TRIM_THRESHOLD, kListTrimThreshold);
 
-    const OpList op(pattern, verbose);
+    const OpList op(pattern, verbose, list_memory_limit());
 
     // The walk never offers its starting directory to the functor, and the
     // root may itself be a catalog directory.
