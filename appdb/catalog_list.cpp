@@ -57,7 +57,7 @@ private:
 
 }  // namespace
 
-const size_t OpList::default_memory_limit = 8u << 20;
+const size_t OpList::default_memory_limit = 1u << 20;
 
 OpList::OpList(const std::string& backup_id_pattern, bool verbose, size_t memory_limit)
     : backup_id_(backup_id_pattern), verbose_(verbose),

@@ -56,6 +56,10 @@ static const char* col_text(sqlite3_stmt* s, int i, size_t* n) {
     return t ? t : "";
 }
 
+/* The backup id to list: "*" (every row) unless given; a pattern when it
+   ends in "*", else an exact id, as the catalog's query chooses. */
+static const char* g_backup_id = "*";
+
 static void list_database(const char* dir, const char* client, const char* policy) {
     char file[4200];
     sqlite3* db = NULL;
@@ -69,8 +73,11 @@ static void list_database(const char* dir, const char* client, const char* polic
     printf("[%s]\n", dir);
     snprintf(file, sizeof(file), "%s/app.db", dir);
     if (sqlite3_open_v2(file, &db, SQLITE_OPEN_READONLY, NULL) != SQLITE_OK ||
-        sqlite3_prepare_v2(db, BENCH_SELECT_ID_GLOB_SQL, -1, &s, NULL) != SQLITE_OK ||
-        sqlite3_bind_text(s, 1, "*", -1, SQLITE_STATIC) != SQLITE_OK) {
+        sqlite3_prepare_v2(db, g_backup_id[0] != '\0' && g_backup_id[strlen(g_backup_id) - 1] == '*'
+                                   ? BENCH_SELECT_ID_GLOB_SQL
+                                   : BENCH_SELECT_ID_SQL,
+                           -1, &s, NULL) != SQLITE_OK ||
+        sqlite3_bind_text(s, 1, g_backup_id, -1, SQLITE_STATIC) != SQLITE_OK) {
         fprintf(stderr, "baseline_list: %s: %s\n", file, sqlite3_errmsg(db));
         g_failed = 1;
         sqlite3_finalize(s);
@@ -177,10 +184,11 @@ static void walk(const char* dir, size_t root_len) {
 }
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: baseline_list DBROOT\n");
+    if (argc != 2 && argc != 3) {
+        fprintf(stderr, "usage: baseline_list DBROOT [BACKUP_ID]\n");
         return 2;
     }
+    if (argc == 3) g_backup_id = argv[2];
     walk(argv[1], strlen(argv[1]));
     return g_failed;
 }

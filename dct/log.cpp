@@ -10,6 +10,8 @@
 #include <memory>
 #include <mutex>
 
+#include "dct/syslog_gate.h"
+
 namespace {
 
 int initial_trace_switch() {
@@ -57,6 +59,11 @@ std::string without_nul(const std::string& message) {
     return text;
 }
 
+// The log daemon's socket, and how often the default sink asks whether it
+// takes records.
+const char kSyslogSocket[] = "/dev/log";
+const unsigned long kSyslogProbeIntervalMs = 1000;
+
 // The default sink and the least important level it keeps. A record above
 // `threshold` (in log_level order, error first) is dropped before it is
 // formatted; `keeps_nothing` marks DCT_LOG=none, which drops every record.
@@ -100,7 +107,10 @@ dct::log_sink make_default_writer(const std::string& choice) {
         // An unusable file falls back to syslog below rather than losing records.
     }
     openlog(program_invocation_short_name, LOG_PID, LOG_USER);
-    return [](dct::log_level level, cr_status_t status, const std::string& message) {
+    // Records that no daemon would take are not handed to syslog at all.
+    auto gate = std::make_shared<dct::syslog_gate>(kSyslogSocket, kSyslogProbeIntervalMs);
+    return [gate](dct::log_level level, cr_status_t status, const std::string& message) {
+        if (!gate->open()) return;
         int prio = LOG_DEBUG;
         switch (level) {
             case dct::log_level::error: prio = LOG_ERR; break;
