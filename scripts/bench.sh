@@ -12,6 +12,7 @@
 #   BENCH_BACKUP_MB  size of the database the backup copies (default 500, quick 20)
 #   BENCH_RUNS       measured rounds per comparison (default 7, quick 5; inserts
 #                    on a disk take at least 11, their syncs are the noisiest part)
+#   BENCH_HUGE=1     also list one database of 10,000,000 rows (4 GB of data)
 #   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
 #                    (finer-grained views of single operations)
 #
@@ -133,14 +134,24 @@ for entry in $LIST_MAIN; do
   n=${entry%%:*} rows=${entry##*:}
   series=()
   [ "$rows" = 100 ] && series=(--series "$DBS_SERIES" --units "$((n * 100))" --unit row)
+  target=1.1
+  [ "$rows" = 100 ] && target=1.2
   listing_cmds "$(tree "list-${n}x${rows}" "$n" "$rows")"
   compare --op "listing (kavrel -listall)" --size "$(fmt "$n") databases x $(fmt "$rows") rows" --check-output \
-    --target 1.3 --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL" "${series[@]}"
+    --target "$target" --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL" "${series[@]}"
 done
+# The same catalogs listed by one exact backup id (every catalog's first
+# backup): the fixed cost of each catalog, with a smaller share of rows.
+n=${LIST_LOG%%:*} rows=${LIST_LOG##*:}
+T=$(tree "list-${n}x${rows}" "$n" "$rows")
+compare --op "listing (kavrel -listbybackupid, exact id)" --size "$(fmt "$n") databases x $(fmt "$rows") rows" \
+  --check-output --target 1.2 --note "$LIST_NOTE" \
+  --kavrel "VELKREGISTRY=$(q "$T/registry.cfg") exec $(q "$KAVREL") -listbybackupid B100000" \
+  --baseline "exec $(q "$B/baseline_list") $(q "$T") B100000"
 ONE=$(tree "list-1x$LIST_ONE" 1 "$LIST_ONE")
 listing_cmds "$ONE"
 compare --op "listing (kavrel -listall)" --size "1 database x $(fmt "$LIST_ONE") rows" --check-output \
-  --target 1.3 --mem-target 2 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL" \
+  --target 1.15 --note "$LIST_NOTE" --kavrel "$K" --baseline "$BL" \
   --series "$ROWS_SERIES" --units "$LIST_ONE" --unit row
 
 # The same listing with the log records going to a file instead of syslog(3):
@@ -150,6 +161,9 @@ listing_cmds "$(tree "list-${n}x${rows}" "$n" "$rows")"
 compare --op "listing, log records to a file (DCT_LOG)" --size "$(fmt "$n") databases x $(fmt "$rows") rows" \
   --check-output --note "$LIST_NOTE" --kavrel "DCT_LOG=file:/dev/null $K" --baseline "$BL"
 
+# BENCH_HUGE=1 adds 10,000,000 rows in one database (4 GB, about a minute to
+# generate and half a minute per listing).
+[ "${BENCH_HUGE:-0}" = 1 ] && LIST_ROWS_SERIES="$LIST_ROWS_SERIES 10000000"
 for rows in $LIST_ROWS_SERIES; do
   [ "$rows" = "$LIST_ONE" ] && continue
   listing_cmds "$(tree "list-1x$rows" 1 "$rows")"
