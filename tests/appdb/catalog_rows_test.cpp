@@ -240,9 +240,7 @@ TEST_F(CatalogRows, QueryOfAMissingDatabaseIsEmptySuccessAndOpensNothing) {
 
 TEST_F(CatalogRows, CrcMismatchFailsTheQueryFromTheFirstBadRow) {
     for (int i = 1; i <= 3; ++i) insert(make_item("c", "p", "f" + std::to_string(i), "B1", 100 * i));
-    sqlite3* raw = catt::raw_open(db_file("c", "p"));
-    catt::raw_exec(raw, "UPDATE catalog SET crc = crc + 1 WHERE name = 'f2'");
-    sqlite3_close(raw);
+    catt::spoil_row_crc(db_file("c", "p"), "f2");
     log.clear();
     kt::TraceSwitch trace(true);
     std::vector<app_catalog_item> out;

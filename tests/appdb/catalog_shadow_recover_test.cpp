@@ -306,9 +306,7 @@ protected:
 TEST_F(ShadowNoAutoRecovery, ADamagedDatabaseKeepsItsStatusUntilRecoveredExplicitly) {
     for (int i = 0; i < 3; ++i) insert(make_item("c", "p", "f" + std::to_string(i), "c_1", 100 + i));
     restart_app();
-    sqlite3* raw = catt::raw_open(db_file("c", "p"));
-    catt::raw_exec(raw, "UPDATE catalog SET crc = crc + 1 WHERE name = 'f1'");
-    sqlite3_close(raw);
+    catt::spoil_row_crc(db_file("c", "p"), "f1");
     log.clear();
 
     std::vector<app_catalog_item> found;

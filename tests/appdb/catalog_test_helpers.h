@@ -82,6 +82,15 @@ inline void raw_exec(sqlite3* db, const std::string& sql) {
     sqlite3_free(err);
 }
 
+// Makes the stored checksum of the row `name` wrong, as a bit flip on disk
+// would: the row reads back with a checksum its fields do not give.
+inline void spoil_row_crc(const std::string& file, const std::string& name) {
+    sqlite3* db = raw_open(file);
+    if (db == nullptr) return;
+    raw_exec(db, "UPDATE catalog SET crc = crc + 1 WHERE name = '" + name + "'");
+    sqlite3_close(db);
+}
+
 // First column of the first row as text ("" when there is none).
 inline std::string raw_scalar(const std::string& file, const std::string& sql) {
     sqlite3* db = raw_open(file);
