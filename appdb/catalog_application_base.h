@@ -165,10 +165,13 @@ public:
     // read. One attempt (try_do_db_query) never restarts the sink; the
     // retrying form restarts it before every attempt. The vector forms
     // append to `items` (try_do_db_query) or empty it before every attempt.
+    // A status the sink returns ends the query as it is: it is not retried,
+    // even when it reads as busy, and `*stopped_by_sink` (when given) tells
+    // the caller so, that it does not take it for the database's own.
     cr_status_t try_do_db_query(const app_query& query, catalog_item_sink& sink,
                                 const std::string& sql);
     cr_status_t do_db_query(const app_query& query, catalog_item_sink& sink,
-                            const std::string& sql);
+                            const std::string& sql, bool* stopped_by_sink = nullptr);
     cr_status_t try_do_db_query(const app_query& query, std::vector<app_catalog_item>& items,
                                 const std::string& sql);
     cr_status_t do_db_query(const app_query& query, std::vector<app_catalog_item>& items,

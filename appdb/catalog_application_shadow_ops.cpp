@@ -86,8 +86,12 @@ cr_status_t catalog_application_impl_shadow::insert_step(const char* fn,
 cr_status_t catalog_application_impl_shadow::query_step(const char* fn, const app_query& query,
                                                         catalog_item_sink& sink,
                                                         const std::string& sql) {
-    cr_status_t status = do_db_query(query, sink, sql);
-    if (status == CR_STATUS_OK || !may_recover(status, query.client, query.policy)) return status;
+    // A status the caller's sink gave says nothing about the database.
+    bool stopped_by_sink = false;
+    cr_status_t status = do_db_query(query, sink, sql, &stopped_by_sink);
+    if (status == CR_STATUS_OK || stopped_by_sink || !may_recover(status, query.client, query.policy)) {
+        return status;
+    }
     status = recover_db(fn, status, query.client, query.policy);
     if (status != CR_STATUS_OK) return status;
     // do_db_query restarts the sink: what it took from the damaged database

@@ -18,7 +18,9 @@ public:
     virtual void restart() = 0;
     // One record that passed its row checksum and the access rule, in the
     // order of the query. The sink may move from `item`. A non-zero status
-    // stops the query, which returns it; the sink logs its own failure.
+    // stops the query, which returns it as it is: it is not retried, even
+    // when it reads as busy, nor taken as damage to the database (no
+    // recovery). The sink logs its own failure.
     virtual cr_status_t take(app_catalog_item& item) = 0;
 };
 

@@ -20,6 +20,27 @@ namespace {
 // Tries per row operation while the database is busy, one second apart.
 constexpr unsigned int max_busy_tries = 60;
 
+// Forwards to the caller's sink and notes whether the sink itself ended the
+// query, so that its status is never read as the database's.
+class stop_noting_sink : public catalog_item_sink {
+public:
+    explicit stop_noting_sink(catalog_item_sink& next) : next_(next) {}
+    void restart() override {
+        stopped_ = false;
+        next_.restart();
+    }
+    cr_status_t take(app_catalog_item& item) override {
+        const cr_status_t status = next_.take(item);
+        stopped_ = status != CR_STATUS_OK;
+        return status;
+    }
+    bool stopped() const { return stopped_; }
+
+private:
+    catalog_item_sink& next_;
+    bool stopped_ = false;
+};
+
 // Logs an exception that escaped an attempt and returns its status.
 cr_status_t exception_status(const char* function) {
     try {
@@ -399,18 +420,20 @@ cr_status_t catalog_application_base::do_db_query(const app_query& query,
 }
 
 cr_status_t catalog_application_base::do_db_query(const app_query& query, catalog_item_sink& sink,
-                                                  const std::string& sql) {
+                                                  const std::string& sql, bool* stopped_by_sink) {
     const char* const fn = "do_db_query";
     try {
         const std::string name = to_db_full_name(query.client, query.policy);
+        stop_noting_sink noting(sink);
         for (unsigned int busy = 0;;) {
             // try_do_db_query hands on what it reads: every attempt starts
             // from an empty result, so a retried query never gives a record
             // twice.
-            sink.restart();
-            const cr_status_t status = try_do_db_query(query, sink, sql);
+            noting.restart();
+            const cr_status_t status = try_do_db_query(query, noting, sql);
+            if (stopped_by_sink != nullptr) *stopped_by_sink = noting.stopped();
             if (status == CR_STATUS_OK) return status;
-            if (status != CR_STATUS_BUSY) {
+            if (status != CR_STATUS_BUSY || noting.stopped()) {
                 ErrorA(status, "%s: failed to query db %s", fn, name.c_str());
                 return status;
             }

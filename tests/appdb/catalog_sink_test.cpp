@@ -94,9 +94,7 @@ TEST_F(CatalogSink, AMissingDatabaseGivesARestartAndNoRecord) {
 TEST_F(CatalogSink, ADamagedRowStopsTheQueryWith67AfterTheRowsBeforeIt) {
     fill();
     app.reset();
-    sqlite3* raw = catt::raw_open(db_file("c", "p"));
-    catt::raw_exec(raw, "UPDATE catalog SET crc = crc + 1 WHERE name = 'f1'");
-    sqlite3_close(raw);
+    catt::spoil_row_crc(db_file("c", "p"), "f1");
     SetUp();
 
     recording_sink sink;
@@ -117,6 +115,17 @@ TEST_F(CatalogSink, ASinkFailureStopsTheQueryAndIsReturned) {
     EXPECT_TRUE(logged(log_level::error, 22, "do_db_query: failed to query db " + db_file("c", "p"))) << log.dump();
     EXPECT_TRUE(logged(log_level::error, 22,
                        std::string("find_catalog: failed to query ") + kAll + " for " + app->to_db_full_path("c", "p")));
+}
+
+TEST_F(CatalogSink, ABusyStatusFromTheSinkIsReturnedWithoutARetry) {
+    fill();
+    recording_sink sink;
+    sink.fail_at = 1;
+    sink.failure = CR_STATUS_BUSY;
+    EXPECT_EQ(11u, app->find_catalog("admin", 1, kAll, sink));
+    EXPECT_EQ(0, sleeps.calls());
+    EXPECT_EQ((std::vector<std::string>{"restart", "take f0"}), sink.events);
+    EXPECT_EQ(0u, log.count_containing("busy when query")) << log.dump();
 }
 
 TEST_F(CatalogSink, EveryBusyRetryRestartsTheSink) {
@@ -144,9 +153,7 @@ class ShadowSink : public shadowt::shadow_fixture {};
 TEST_F(ShadowSink, ARecoveredDatabaseIsReadAgainFromARestartedSink) {
     for (int i = 0; i < 3; ++i) insert(make_item("c", "p", "f" + std::to_string(i), "c_1", 100 + i));
     restart_app();
-    sqlite3* raw = catt::raw_open(db_file("c", "p"));
-    catt::raw_exec(raw, "UPDATE catalog SET crc = crc + 1 WHERE name = 'f1'");
-    sqlite3_close(raw);
+    catt::spoil_row_crc(db_file("c", "p"), "f1");
     log.clear();
 
     recording_sink sink;
@@ -155,6 +162,24 @@ TEST_F(ShadowSink, ARecoveredDatabaseIsReadAgainFromARestartedSink) {
     EXPECT_EQ((std::vector<std::string>{"restart", "take f0", "restart", "take f0", "take f1", "take f2"}),
               sink.events);
     EXPECT_EQ(1u, log.count_containing("corrupt, to do recover from shadow")) << log.dump();
+}
+
+TEST_F(ShadowSink, AStatusFromTheSinkNeverStartsARecovery) {
+    for (int i = 0; i < 3; ++i) insert(make_item("c", "p", "f" + std::to_string(i), "c_1", 100 + i));
+    restart_app();
+    const std::string before = kt::read_file(db_file("c", "p"));
+    log.clear();
+
+    for (cr_status_t failure : {CR_STATUS_CORRUPT, CR_STATUS_IO}) {
+        recording_sink sink;
+        sink.fail_at = 2;
+        sink.failure = failure;
+        EXPECT_EQ(failure, app->find_catalog("admin", 1, appdb::to_query_by_backup_id("c", "p", "c_*"), sink));
+        EXPECT_EQ((std::vector<std::string>{"restart", "take f0", "take f1"}), sink.events);
+    }
+    EXPECT_EQ(0u, log.count_containing("corrupt, to do recover from shadow")) << log.dump();
+    EXPECT_EQ(0u, log.count_containing("need_recover_after_db_operation"));
+    EXPECT_EQ(before, kt::read_file(db_file("c", "p")));
 }
 
 }  // namespace
