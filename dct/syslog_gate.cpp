@@ -35,10 +35,9 @@ bool syslog_gate::probe() const {
 
 bool syslog_gate::open() {
     const unsigned long now = now_ms();
-    if (!probed_.load(std::memory_order_acquire) || now >= next_probe_ms_.load(std::memory_order_relaxed)) {
+    if (now >= next_probe_ms_.load(std::memory_order_acquire)) {
         open_.store(probe(), std::memory_order_relaxed);
-        next_probe_ms_.store(now + interval_ms_, std::memory_order_relaxed);
-        probed_.store(true, std::memory_order_release);
+        next_probe_ms_.store(now + interval_ms_, std::memory_order_release);
     }
     return open_.load(std::memory_order_relaxed);
 }

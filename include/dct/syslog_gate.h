@@ -29,8 +29,8 @@ private:
 
     std::string path_;
     unsigned long interval_ms_;
-    std::atomic<bool> probed_{false};
     std::atomic<bool> open_{false};
+    // 0 until the first probe, so that the first call probes.
     std::atomic<unsigned long> next_probe_ms_{0};
 };
 
