@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "appdb/app_catalog_item.h"
@@ -136,8 +138,9 @@ int main() {
     dct::set_log_sink(nullptr);
 
     if (failures == 0) {
-        const std::string rm = "rm -rf '" + root + "'";
-        if (system(rm.c_str()) != 0) fprintf(stderr, "kavrel_consumer: could not remove %s\n", root.c_str());
+        std::error_code ec;
+        std::filesystem::remove_all(root, ec);
+        if (ec) fprintf(stderr, "kavrel_consumer: could not remove %s: %s\n", root.c_str(), ec.message().c_str());
         printf("kavrel_consumer: ok\n");
     }
     return failures == 0 ? 0 : 1;
