@@ -71,6 +71,13 @@ struct default_sink {
     dct::log_sink write;
     dct::log_level threshold = dct::log_level::trace;
     bool keeps_nothing = false;
+    // For syslog: whether a daemon takes records now; null for the others.
+    std::shared_ptr<dct::syslog_gate> gate;
+
+    // Whether a record of `level` would be kept (and so is worth formatting).
+    bool keeps(dct::log_level level) const {
+        return !keeps_nothing && level <= threshold && (!gate || gate->open());
+    }
 };
 
 // Reads DCT_LOG_LEVEL: "error", "warning", "info" or "trace" (every level, the
@@ -93,7 +100,9 @@ dct::log_level threshold_from_environment(bool* invalid) {
     return dct::log_level::trace;
 }
 
-dct::log_sink make_default_writer(const std::string& choice) {
+// The writer DCT_LOG chooses; for syslog also the gate that says whether a
+// daemon takes records (records it would not take are not handed to syslog).
+dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct::syslog_gate>* gate) {
     if (choice == "stderr") {
         auto s = std::make_shared<stream_sink>(stderr, false);
         return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
@@ -107,10 +116,8 @@ dct::log_sink make_default_writer(const std::string& choice) {
         // An unusable file falls back to syslog below rather than losing records.
     }
     openlog(program_invocation_short_name, LOG_PID, LOG_USER);
-    // Records that no daemon would take are not handed to syslog at all.
-    auto gate = std::make_shared<dct::syslog_gate>(kSyslogSocket, kSyslogProbeIntervalMs);
-    return [gate](dct::log_level level, cr_status_t status, const std::string& message) {
-        if (!gate->open()) return;
+    *gate = std::make_shared<dct::syslog_gate>(kSyslogSocket, kSyslogProbeIntervalMs);
+    return [](dct::log_level level, cr_status_t status, const std::string& message) {
         int prio = LOG_DEBUG;
         switch (level) {
             case dct::log_level::error: prio = LOG_ERR; break;
@@ -143,7 +150,7 @@ default_sink make_default_sink() {
     }
     bool invalid = false;
     d.threshold = threshold_from_environment(&invalid);
-    d.write = make_default_writer(choice);
+    d.write = make_default_writer(choice, &d.gate);
     if (invalid) {
         try {
             d.write(dct::log_level::warning, CR_STATUS_FAILED,
@@ -188,7 +195,7 @@ void format_record(const char* format, va_list ap, std::string* message) {
 
 // Delivers one record to the sink that keeps it, formatting it only when one
 // does: an installed sink keeps every record, the default one those at or
-// above its threshold. The decision and the delivery happen under the one
+// above its threshold (syslog only while a daemon takes them). The decision and the delivery happen under the one
 // lock, so a record is judged by the sink that receives it. Never throws to
 // the caller (see emit): a record that cannot be allocated, or a sink that
 // throws, loses that record only, so that logging a failure can never become
@@ -206,7 +213,7 @@ void emit_unguarded(dct::log_level level, cr_status_t status, const char* format
         s.fallback = make_default_sink();
         s.fallback_made = true;
     }
-    if (s.fallback.keeps_nothing || level > s.fallback.threshold) return;
+    if (!s.fallback.keeps(level)) return;
     std::string message;
     format_record(format, ap, &message);
     s.fallback.write(level, status, message);

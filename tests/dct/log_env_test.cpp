@@ -21,6 +21,7 @@
 #include "common/test_util.h"
 #include "dct/log.h"
 #include "dct/status.h"
+#include "dct/syslog_gate.h"
 
 extern char** environ;
 
@@ -350,6 +351,23 @@ TEST(DefaultSinkThreshold, SyslogNeverFormatsRecordsBelowThreshold) {
     ChildResult unusable_file =
         run_child({"DCT_LOG=file:/nonexistent-dir/x.log", "DCT_LOG_LEVEL=error"});
     EXPECT_EQ(unusable_file.status, 0);
+}
+
+// With no daemon at the log socket, syslog would drop every record: the
+// default sink keeps none, so none is formatted.
+TEST(DefaultSinkThreshold, SyslogWithoutADaemonFormatsNothing) {
+    child_side([] {
+        __dctlog_trace_location.store(1);
+        ErrorA(CR_STATUS_FAILED, "%s", unreadable());
+        WarningA(CR_STATUS_FAILED, "%s", unreadable());
+        InfoA(CR_STATUS_OK, "%s", unreadable());
+        __TraceA("%s", unreadable());
+    });
+    if (dct::syslog_gate("/dev/log", 1000).open()) GTEST_SKIP() << "a log daemon listens on /dev/log";
+    ChildResult r = run_child({});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "");
 }
 
 TEST(DefaultSinkThreshold, NoneFormatsNothing) {
