@@ -5,14 +5,10 @@
 
 #include "dct/clock.h"
 #include "dct/log.h"
-#include "dct/sleep.h"
-#include "sqlitedb/sqlite_wrapper.h"
 
 namespace appdb {
 
 namespace {
-// A busy close is tried this often, one second apart, before it is given up.
-const unsigned int kCloseAttempts = 3;
 const unsigned int kMinCapacity = 2;
 
 // Logs when the lock state of `dir` could not be learned; the caller goes on.
@@ -48,21 +44,6 @@ appdb_cache::~appdb_cache() {
     pthread_mutex_destroy(&mutex_);
 }
 
-void appdb_cache::close_sqlite3_db(sqlite3* db, const std::string& path) {
-    int rc = sqlite3_close(db);
-    unsigned int busy = 0;
-    while (rc == SQLITE_BUSY) {
-        WarningA(CR_STATUS_BUSY, "%s: %u busy when close app db %s", __func__, busy, path.c_str());
-        DctSleep(1);
-        if (++busy >= kCloseAttempts) return;  // left behind: never block the cache for ever
-        rc = sqlite3_close(db);
-    }
-    if (rc != SQLITE_OK) {
-        ErrorA(sqlitedb::db_exception::dberr_to_crstatus(rc), "%s: failed to close db %s (%d, %s)",
-               __func__, path.c_str(), rc, sqlite3_errstr(rc));
-    }
-}
-
 appdb_value* appdb_cache::get_db(const std::string& path) {
     scoped_mutex lock(&mutex_);
     __TraceA("%s: get db %s", __func__, path.c_str());
@@ -85,7 +66,6 @@ appdb_value* appdb_cache::get_db(const std::string& path) {
     try {
         no_return_cache_.insert(path);
     } catch (const std::bad_alloc&) {
-        close_sqlite3_db(v->db, path);
         delete v;
         ErrorA(CR_STATUS_NONE, "%s: out of memory when inserting no_return_cache_", __func__);
         return nullptr;
@@ -93,28 +73,26 @@ appdb_value* appdb_cache::get_db(const std::string& path) {
     return v;
 }
 
-appdb_value* appdb_cache::create_db(const std::string& path, sqlite3* db) {
-    if (db == nullptr) {
+appdb_value* appdb_cache::create_db(const std::string& path, std::unique_ptr<catalog_store> store) {
+    if (!store) {
         ErrorA(CR_STATUS_NONE, "%s: null db", __func__);
         return nullptr;
     }
     scoped_mutex lock(&mutex_);
     __TraceA("%s: create db %s", __func__, path.c_str());
 
+    // Every refusal below closes the store as it goes out of scope.
     if (cache_.count(path) != 0) {
-        close_sqlite3_db(db, path);
         ErrorA(CR_STATUS_NONE, "%s: duplicate app db found for %s", __func__, path.c_str());
         return nullptr;
     }
     InfoA(0, "%s: create app db cache value for %s", __func__, path.c_str());
-    appdb_value* v = new (std::nothrow) appdb_value{db, dct::now_ms()};
+    appdb_value* v = new (std::nothrow) appdb_value{std::move(store), dct::now_ms()};
     if (v == nullptr) {
-        close_sqlite3_db(db, path);
         ErrorA(CR_STATUS_NONE, "%s: out of memory", __func__);
         return nullptr;
     }
     if (no_return_cache_.count(path) != 0) {
-        close_sqlite3_db(db, path);
         delete v;
         ErrorA(CR_STATUS_NONE, "%s: dup db path %s in no_return_cache_", __func__, path.c_str());
         return nullptr;
@@ -122,7 +100,6 @@ appdb_value* appdb_cache::create_db(const std::string& path, sqlite3* db) {
     try {
         no_return_cache_.insert(path);
     } catch (const std::bad_alloc&) {
-        close_sqlite3_db(db, path);
         delete v;
         ErrorA(CR_STATUS_NONE, "%s: out of memory when inserting no_return_cache_", __func__);
         return nullptr;
@@ -155,7 +132,6 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
         cache_.emplace(path, v);
     } catch (const std::bad_alloc&) {
         ErrorA(CR_STATUS_NONE, "%s: out of memory for cache insert", __func__);
-        close_sqlite3_db(v->db, path);
         delete v;
         return false;
     }
@@ -163,7 +139,6 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
     if (!add_priority(v->time_visit, path)) {
         ErrorA(CR_STATUS_NONE, "%s: add_priority failed for %s", __func__, path.c_str());
         cache_.erase(path);
-        close_sqlite3_db(v->db, path);
         delete v;
         return false;
     }
@@ -175,7 +150,6 @@ bool appdb_cache::discard_db(const std::string& path, appdb_value* v) {
     scoped_mutex lock(&mutex_);
     if (!end_borrow(__func__, path)) return false;
     InfoA(0, "%s: close app db %s", __func__, path.c_str());
-    close_sqlite3_db(v->db, path);
     delete v;
     return true;
 }
@@ -268,7 +242,6 @@ void appdb_cache::reclaim() {
     }
     appdb_value* v = it->second;
     cache_.erase(it);
-    close_sqlite3_db(v->db, victim);
     delete v;
     InfoA(0, "%s: succeed to reclaim appdb cache, app db path %s, min visit time %lu", __func__,
           victim.c_str(), time);
@@ -281,7 +254,6 @@ void appdb_cache::close_db(const std::string& path) {
         InfoA(0, "%s: close app db %s", __func__, path.c_str());
         appdb_value* v = it->second;
         del_priority(v->time_visit, path);
-        close_sqlite3_db(v->db, path);
         cache_.erase(it);
         delete v;
         return;
@@ -323,7 +295,6 @@ void appdb_cache::close_all_db() {
     for (auto& entry : idle) {
         DirectoryLock::ScopedLock dir_lock(dir_lock_, entry.first);
         report_lock_state(dir_lock, entry.first);
-        close_sqlite3_db(entry.second->db, entry.first);
         delete entry.second;
     }
     for (const std::string& path : borrowed) {

@@ -1,5 +1,5 @@
-// appdb_cache: SQLite connections to application databases kept open between
-// operations.
+// appdb_cache: open application databases (catalog stores, each with its
+// connection and prepared statements) kept between operations.
 //
 // A connection is either idle in the cache or handed out to exactly one
 // borrower until it is given back. When idle plus handed-out connections exceed
@@ -17,20 +17,20 @@
 #include <pthread.h>
 
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include <sqlite3.h>
-
+#include "appdb/catalog_store.h"
 #include "catalog_shadow/DirectoryLock.h"
 
 namespace appdb {
 
-// One open connection. Owned by the cache while idle, by the borrower while
-// handed out.
+// One open database. Owned by the cache while idle, by the borrower while
+// handed out; deleting it closes the store.
 struct appdb_value {
-    sqlite3* db;
+    std::unique_ptr<catalog_store> store;
     unsigned long time_visit;  // last hand-out or return, ms since the epoch (dct::now_ms)
 };
 
@@ -47,10 +47,10 @@ public:
     // (the caller then opens the file and registers it with create_db).
     appdb_value* get_db(const std::string& path);
 
-    // Registers a freshly opened connection as handed out. On null (another
-    // connection to `path` is idle or handed out, or memory ran out) `db` has
-    // already been closed; a null `db` is refused without change.
-    appdb_value* create_db(const std::string& path, sqlite3* db);
+    // Registers a freshly opened store as handed out. On null (another store
+    // of `path` is idle or handed out, or memory ran out) `store` has been
+    // closed; a null `store` is refused.
+    appdb_value* create_db(const std::string& path, std::unique_ptr<catalog_store> store);
 
     // Gives a handed-out connection back. False when `path` is idle already or
     // was not handed out; `v` then stays the caller's. A false caused by
@@ -70,10 +70,6 @@ public:
     // borrowers own them, a later return_db of one is refused, and the
     // borrower closes it (Auto_Return_DB does so).
     void close_all_db();
-
-    // Closes `db`, retrying a busy close: three close calls at most, one
-    // second apart; a connection still busy after them is left behind.
-    static void close_sqlite3_db(sqlite3* db, const std::string& path);
 
     // Observers for tests and diagnostics; each takes the mutex.
     bool check_invariant() const;

@@ -6,7 +6,6 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "sqlitedb/sqlite_status.h"
 
 namespace appdb {
 
@@ -15,8 +14,6 @@ const char* const app_db_filename = "app.db";
 const std::string catalog_application::catalog_root_name_ = "application";
 
 catalog_application::~catalog_application() = default;
-
-std::atomic<int> catalog_application_base::busy_timeout_ms_{10000};
 
 catalog_application_base::catalog_application_base(unsigned int dsid_in,
                                                    const std::string& database_root_in,
@@ -40,16 +37,14 @@ bool catalog_application_base::shadow_copy_exist(const std::string&, const std::
 }
 
 cr_status_t catalog_application_base::dberr_to_crstatus(int rc) {
-    return sqlitedb::sqlite_to_crstatus(rc, true);
+    return catalog_store::map_status(rc);
 }
 
 void catalog_application_base::set_busy_timeout_ms(int ms) {
-    busy_timeout_ms_.store(ms, std::memory_order_relaxed);
+    catalog_store::set_busy_timeout_ms(ms);
 }
 
-int catalog_application_base::busy_timeout_ms() {
-    return busy_timeout_ms_.load(std::memory_order_relaxed);
-}
+int catalog_application_base::busy_timeout_ms() { return catalog_store::busy_timeout_ms(); }
 
 std::string catalog_application_base::to_db_full_path(const std::string& client,
                                                       const std::string& policy) const {

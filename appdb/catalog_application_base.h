@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-#include <sqlite3.h>
-
 #include "appdb/app_catalog_item.h"
 #include "appdb/app_query.h"
 #include "appdb/appdb_cache.h"
@@ -22,28 +20,17 @@
 #include "appdb/catalog_application.h"
 #include "appdb/catalog_guards.h"
 #include "appdb/catalog_item_sink.h"
+#include "appdb/catalog_store.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/status.h"
 
 namespace appdb {
 
-// A removal on behalf of a caller: every row that the removal's statement
-// selects is checked against the access rule (access 3, remove) inside the
-// removal's own transaction, and only the rows the caller may remove go; the
-// others stay. The removal fills in what it found. The journalled statement
-// names exactly the rows removed, so a replay removes the same rows.
-struct removal_check {
-    std::string user;
-    unsigned int role = 0;
-    unsigned int matched = 0;  // rows the statement selected
-    unsigned int removed = 0;  // of those, rows removed
-    std::string kept_owner;    // owner of the first row left in place
-};
-
 // What the two implementations share: where the databases of a client and
 // policy lie, how they are created and opened (through the cache of open
-// connections), the row operations on the `catalog` table with their busy
-// retries, and the access rule.
+// stores), the row operations on the `catalog` table with their busy
+// retries, and the access rule. The database work itself is the catalog
+// store's (catalog_store.h); nothing here names a SQLite type.
 //
 // Databases live at app_root/CLIENT/POLICY/app.db with
 // app_root = database_root/application/DSID. The cache is keyed by the
@@ -60,13 +47,8 @@ public:
     // base has none: false.
     virtual bool shadow_copy_exist(const std::string& client, const std::string& policy);
 
-    // The item checksum stored in (and verified against) the row's crc column:
-    // Adler-32 from 1 over version, file_name, file_len, backup_id,
-    // policy_type, schedule_type, frag_nums, app_id, data_object, the four
-    // times, owner, owner_role, description and reserver0..9, numbers as
-    // little-endian bytes, text without terminator or separator. client and
-    // policy are not covered: they are the database's identity, not row data.
-    // Existing databases depend on this exact coverage.
+    // The item checksum stored in (and verified against) the row's crc
+    // column: catalog_row_crc (catalog_fields.h).
     static uint32_t crc_value(const app_catalog_item& item);
 
     // The list form: the item count in decimal, "|", then each item's line
@@ -78,13 +60,11 @@ public:
     // statement.
     static cr_status_t parse_query(const std::string& query, app_query& q, std::string& sql);
 
-    // SQLite result code -> status: sqlitedb::db_exception's table, except
-    // that CANTOPEN (14) is an input/output error here (21).
+    // SQLite result code -> status: catalog_store::map_status.
     static cr_status_t dberr_to_crstatus(int rc);
 
-    // Busy timeout, in milliseconds, given to every connection this layer
-    // opens; 10000 unless changed. Process-wide; connections already open
-    // keep theirs. Lowering it lets tests provoke busy results quickly.
+    // The busy timeout of every connection this layer opens:
+    // catalog_store::set_busy_timeout_ms.
     static void set_busy_timeout_ms(int ms);
     static int busy_timeout_ms();
 
@@ -118,14 +98,16 @@ public:
     // creation that failed half-way) gets its schema now.
     // `created` tells whether a file was made or completed.
     cr_status_t need_create_db(const app_catalog_item& item, bool& created);
-    // Opens an existing database read-write (never creates one), with the busy
-    // timeout and extended result codes. On failure *db is null and the mapped
+    // Opens the existing database of client and policy (catalog_store::open:
+    // read-write, never created). On failure *store is empty and the mapped
     // status (21 for a missing file) is returned.
-    cr_status_t open_db(const std::string& client, const std::string& policy, sqlite3** db);
-    // Borrows the connection of client and policy from the cache, opening and
-    // registering it when the cache has none. The caller gives it back with
-    // the cache's return_db (Auto_Return_DB). Returns 0, the open's status, or
-    // 4 when the cache refuses the connection (it is in use elsewhere).
+    cr_status_t open_db(const std::string& client, const std::string& policy,
+                        std::unique_ptr<catalog_store>* store);
+    // Borrows the store of client and policy from the cache, opening and
+    // registering it when the cache has none or its file was replaced. The
+    // caller gives it back with the cache's return_db (Auto_Return_DB).
+    // Returns 0, the open's status, or 4 when the cache refuses the store (it
+    // is in use elsewhere).
     cr_status_t open_db_with_cached(const std::string& client, const std::string& policy,
                                     appdb_value** value);
 
@@ -145,16 +127,11 @@ public:
 
     // ---- rows of the `catalog` table ----
     //
-    // try_do_db_* make one attempt on a connection borrowed from the cache;
-    // do_db_* repeat it while the database is busy (status 11): at most 60
-    // tries, each busy one followed by DctSleep(1). The literal SQL of a
-    // change is handed back in `sql` (for the shadow journal) once binding
-    // succeeded.
+    // try_do_db_* make one attempt on a store borrowed from the cache;
+    // do_db_* repeat it while the database is busy (status 11), through
+    // sqlitedb::retry_while_busy. The literal SQL of a change is handed back
+    // in `sql` (for the shadow journal) once binding succeeded.
 
-    // Binds the 28 columns of `item` to the prepared insert and writes its
-    // whole literal INSERT text into `sql`. Returns the SQLite
-    // code of the first failing bind, or 0.
-    int insert_row_app_table(sqlite3_stmt* stmt, const app_catalog_item& item, std::string& sql);
     cr_status_t try_do_db_insert(const app_catalog_item& item, std::string& sql);
     cr_status_t do_db_insert(const app_catalog_item& item, std::string& sql);
 
@@ -177,12 +154,6 @@ public:
     cr_status_t do_db_query(const app_query& query, std::vector<app_catalog_item>& items,
                             const std::string& sql);
 
-    // Binds `key_value` to parameter 1 of a prepared delete and writes the
-    // literal "DELETE FROM catalog WHERE key_name = (key_value)" into `sql`.
-    // Returns the bind's SQLite code.
-    int delete_row_app_table(sqlite3_stmt* stmt, const std::string& client,
-                             const std::string& policy, const std::string& key_name,
-                             const std::string& key_value, std::string& sql);
     // A missing database is reported as the open failure. With a `check`,
     // only the rows the caller may remove go (see removal_check), a missing
     // database without a shadow copy matches nothing, and `sql` is left empty
@@ -307,7 +278,6 @@ private:
     static cr_status_t removal_outcome(const char* function, const removal_check& check,
                                        const std::string& key, cr_status_t none_found,
                                        const char* denied_format);
-    static std::atomic<int> busy_timeout_ms_;
 };
 
 // The catalog operations directly on the databases, without shadow copies or

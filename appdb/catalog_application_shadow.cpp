@@ -4,14 +4,10 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/log.h"
-#include "dct/sleep.h"
 
 namespace appdb {
 
 namespace {
-
-// Tries of an insert while the database is busy, one second apart.
-constexpr unsigned int max_busy_tries = 60;
 
 // The public operation running on this thread: how deeply operations are
 // nested in it, and whether it has recovered its database already.
@@ -199,22 +195,9 @@ cr_status_t catalog_application_impl_shadow::shadow_protected_db_insert(
         InfoA(CR_STATUS_OK, "%s: app db %s has no shadow copy, take one", fn, path.c_str());
         backup_shadow(path);
     }
-    const std::string name = to_db_full_name(item.client, item.policy);
     std::string statement;
-    for (unsigned int busy = 0;;) {
-        status = try_do_db_insert(item, statement);
-        if (status != CR_STATUS_BUSY) break;
-        WarningA(status, "%s: %u busy when inserting %s", "do_db_insert", busy,
-                 item.file_name.c_str());
-        DctSleep(1);
-        if (++busy >= max_busy_tries) break;
-    }
-    if (status != CR_STATUS_OK && status != CR_STATUS_BUSY) {
-        ErrorA(status, "%s: failed to insert %s to db %s", "do_db_insert", item.file_name.c_str(),
-               name.c_str());
-    }
+    status = do_db_insert(item, statement);
     if (status == CR_STATUS_OK) {
-        __TraceA("%s: insert db success for %s", "do_db_insert", item.file_name.c_str());
         // The row is in the database whatever the journal says; it is
         // acknowledged only when the journal (or a new shadow copy taken in
         // its place) protects it.

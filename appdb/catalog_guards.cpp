@@ -18,21 +18,11 @@ Auto_Return_DB::~Auto_Return_DB() {
         // failure that has closed it already (memory ran out).
         const bool known = cache_->is_handed_out(path_);
         if (!cache_->return_db(path_, value_) && !known) {
-            appdb_cache::close_sqlite3_db(value_->db, path_);
             delete value_;
         }
     } catch (const std::bad_alloc&) {
         ErrorA(CR_STATUS_NOMEM, "%s: out of memory", "~Auto_Return_DB");
     }
-}
-
-void release_stmt(sqlite3_stmt* stmt) {
-    // sqlite3_finalize(NULL) is a harmless no-op.
-    sqlite3_finalize(stmt);
-}
-
-void log_release_out_of_memory(const char* function) {
-    ErrorA(CR_STATUS_NOMEM, "%s: out of memory", function);
 }
 
 dir_lock_scope::dir_lock_scope(DirectoryLock* lock, const std::string& dir, const char* function)

@@ -1,13 +1,11 @@
 // Scope guards of the catalog row operations: a borrowed database goes back to
-// its cache, a prepared statement is finalized, and a database directory is
-// locked for exactly one scope, on every way out of an operation.
+// its cache, and a database directory is locked for exactly one scope, on
+// every way out of an operation.
 #ifndef APPDB_CATALOG_GUARDS_H_
 #define APPDB_CATALOG_GUARDS_H_
 
 #include <new>
 #include <string>
-
-#include <sqlite3.h>
 
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/status.h"
@@ -30,42 +28,6 @@ private:
     appdb_cache* cache_;
     std::string path_;
     appdb_value* value_;
-};
-
-// sqlite3_finalize; null is allowed.
-void release_stmt(sqlite3_stmt* stmt);
-
-// How auto_release<T> lets go of a T; specialised per type.
-template <typename T>
-void release_object(T* object);
-
-template <>
-inline void release_object<sqlite3_stmt>(sqlite3_stmt* stmt) {
-    release_stmt(stmt);
-}
-
-// Logs the allocation failure of a releasing destructor; see auto_release.
-void log_release_out_of_memory(const char* function);
-
-// Owns one object and releases it through release_object<T> at scope end.
-template <typename T>
-class auto_release {
-public:
-    explicit auto_release(T* object = nullptr) : object_(object) {}
-    ~auto_release() {
-        try {
-            release_object<T>(object_);
-        } catch (const std::bad_alloc&) {
-            log_release_out_of_memory("~auto_release");
-        }
-    }
-    auto_release(const auto_release&) = delete;
-    auto_release& operator=(const auto_release&) = delete;
-
-    T* get() const { return object_; }
-
-private:
-    T* object_;
 };
 
 // Holds the directory lock of one database directory for one scope, through

@@ -1,5 +1,5 @@
 // Reading a whole `catalog` table to check it: the row count, and every row's
-// stored checksum against catalog_application_base::crc_value. For programs
+// stored checksum against catalog_row_crc. For programs
 // that inspect a database file outside a catalog application (the shadow
 // command's verify and recovery checks).
 #ifndef APPDB_CATALOG_ROW_CHECK_H_

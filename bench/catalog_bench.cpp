@@ -146,10 +146,10 @@ void BM_PlainSqliteInsert(benchmark::State& state) {
     const std::string file = root + "/app.db";
     sqlite3* db = nullptr;
     sqlite3_open(file.c_str(), &db);
-    sqlite3_exec(db, appdb::catalog_create_table_sql, nullptr, nullptr, nullptr);
+    sqlite3_exec(db, appdb::catalog_create_table_sql(), nullptr, nullptr, nullptr);
     sqlite3_exec(db, appdb::catalog_create_index_sql, nullptr, nullptr, nullptr);
     sqlite3_stmt* s = nullptr;
-    sqlite3_prepare_v2(db, appdb::catalog_insert_sql, -1, &s, nullptr);
+    sqlite3_prepare_v2(db, appdb::catalog_insert_sql(), -1, &s, nullptr);
     int i = 0;
     for (auto _ : state) {
         const app_catalog_item it = record(i++);
@@ -189,7 +189,7 @@ private:
         sqlite3_open(file().c_str(), &db);
         sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
         sqlite3_stmt* s = nullptr;
-        sqlite3_prepare_v2(db, appdb::catalog_insert_sql, -1, &s, nullptr);
+        sqlite3_prepare_v2(db, appdb::catalog_insert_sql(), -1, &s, nullptr);
         for (int i = 0; i < kRows; ++i) {
             const app_catalog_item it = record(i);
             bind_record(s, it);

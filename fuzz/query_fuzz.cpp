@@ -21,7 +21,7 @@ sqlite3* g_db = nullptr;
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzzk::quiet();
     FUZZ_CHECK(sqlite3_open(":memory:", &g_db) == SQLITE_OK);
-    FUZZ_CHECK(sqlite3_exec(g_db, appdb::catalog_create_table_sql, nullptr, nullptr, nullptr) == SQLITE_OK);
+    FUZZ_CHECK(sqlite3_exec(g_db, appdb::catalog_create_table_sql(), nullptr, nullptr, nullptr) == SQLITE_OK);
     FUZZ_CHECK(sqlite3_exec(g_db, appdb::catalog_create_index_sql, nullptr, nullptr, nullptr) == SQLITE_OK);
     // A few rows, so that GLOB patterns are matched against real text.
     FUZZ_CHECK(sqlite3_exec(g_db,

@@ -23,10 +23,13 @@ protected:
 
     // Opens `path` and registers it as handed out.
     appdb_value* create(appdb_cache& cache, const std::string& path) {
-        sqlite3* conn = conns_.open(path);
-        appdb_value* v = cache.create_db(path, conn);
+        appdb_value* v = cache.create_db(path, store(path));
         EXPECT_TRUE(cache.check_invariant());
         return v;
+    }
+    // A store of a connection whose close the counter sees.
+    std::unique_ptr<appdb::catalog_store> store(const std::string& path) {
+        return appdb::catalog_store::adopt(conns_.open(path), path);
     }
     void give_back(appdb_cache& cache, const std::string& path, appdb_value* v) {
         EXPECT_TRUE(cache.return_db(path, v));
@@ -301,19 +304,17 @@ TEST_F(CacheTest, CreateRefusesNullAndDuplicates) {
 TEST_F(CacheTest, ReturnRefusesWhatWasNotHandedOut) {
     appdb_cache cache(5);
     const std::string a = db("a.db"), b = db("b.db");
-    appdb_value stray{conns_.open(b), 0};
+    appdb_value stray{store(b), 0};
     EXPECT_FALSE(cache.return_db(b, &stray));
     EXPECT_TRUE(log_.contains(log_level::error, CR_STATUS_NONE,
                               "return_db: don't find app db path " + b + " in no_return_cache"));
     give_back(cache, a, create(cache, a));
-    appdb_value twin{conns_.open(a), 0};
+    appdb_value twin{store(a), 0};
     EXPECT_FALSE(cache.return_db(a, &twin));
     EXPECT_TRUE(log_.contains(log_level::error, CR_STATUS_NONE, "return_db: dup db path " + a));
     EXPECT_TRUE(cache.check_invariant());
     // Refused values stay the caller's: the cache closed neither.
     EXPECT_EQ(0, conns_.closed());
-    sqlite3_close(stray.db);
-    sqlite3_close(twin.db);
 }
 
 // An unfinalized statement makes sqlite3_close answer BUSY every time.
@@ -322,7 +323,7 @@ TEST_F(CacheTest, BusyCloseTriesThreeTimesThenLeavesTheConnection) {
     appdb_cache cache(5);
     const std::string a = db("a.db");
     appdb_value* va = create(cache, a);
-    sqlite3* raw = va->db;
+    sqlite3* raw = va->store->connection();
     sqlite3_stmt* stmt = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, "SELECT 1", -1, &stmt, nullptr));
     give_back(cache, a, va);
@@ -351,7 +352,7 @@ TEST_F(CacheTest, BusyCloseSucceedsWhenReleased) {
     sleeps.on_sleep = [&](int call) {
         if (call == 1) sqlite3_finalize(stmt);
     };
-    appdb_cache::close_sqlite3_db(conn, db("a.db"));
+    appdb::catalog_store::adopt(conn, db("a.db")).reset();
     EXPECT_EQ(1, sleeps.calls());
     EXPECT_EQ(1, conns_.closed());
     EXPECT_EQ(1u, log_.count_containing("busy when close app db"));
@@ -363,7 +364,7 @@ TEST_F(CacheTest, EvictionOfABusyConnectionAlsoRetries) {
     appdb_cache cache(2);
     const std::string a = db("a.db"), b = db("b.db"), c = db("c.db");
     appdb_value* va = create(cache, a);
-    sqlite3* raw = va->db;
+    sqlite3* raw = va->store->connection();
     sqlite3_stmt* stmt = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, "SELECT 1", -1, &stmt, nullptr));
     sleeps.on_sleep = [&](int call) {
@@ -425,8 +426,7 @@ TEST_F(CacheTest, CloseAllClosesIdleAndKeepsBorrowedOnes) {
     ASSERT_NE(nullptr, again);
     EXPECT_EQ(0u, log_.count_containing("dup app db 2"));
     give_back(cache, c, again);
-    appdb_cache::close_sqlite3_db(vc->db, c);
-    delete vc;
+    delete vc;  // the borrower's to close
 }
 
 TEST_F(CacheTest, CloseAllWithNothingHandedOutLogsAnEmptyNoReturnCache) {
@@ -461,15 +461,13 @@ TEST_F(CacheTest, DestructorClosesEveryIdleConnection) {
 }
 
 TEST_F(CacheTest, DestructorLeavesBorrowedConnectionsToTheirOwner) {
-    sqlite3* kept = nullptr;
+    appdb_value* v = nullptr;
     {
         appdb_cache cache(3);
-        appdb_value* v = create(cache, db("a.db"));
-        kept = v->db;
-        delete v;  // the borrower owns the value once the cache is gone
+        v = create(cache, db("a.db"));
     }
     EXPECT_EQ(1, conns_.live());
-    EXPECT_EQ(SQLITE_OK, sqlite3_close(kept));
+    delete v;  // the borrower owns the value once the cache is gone
     EXPECT_EQ(0, conns_.live());
 }
 

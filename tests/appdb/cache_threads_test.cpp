@@ -57,18 +57,17 @@ TEST(CacheThreads, HammeringKeepsTheInvariantAndLeaksNothing) {
                     } else {
                         sqlite3* conn = conns.open(path);
                         if (conn == nullptr) continue;
-                        v = cache.create_db(path, conn);
+                        v = cache.create_db(path, appdb::catalog_store::adopt(conn, path));
                         check();
                         if (v == nullptr) continue;  // someone else holds it; the cache closed ours
                         ++registrations;
                     }
                     if (++holders[n] != 1) ++double_holds;
-                    if (sqlite3_exec(v->db, "SELECT 1;", nullptr, nullptr, nullptr) != SQLITE_OK)
+                    if (sqlite3_exec(v->store->connection(), "SELECT 1;", nullptr, nullptr, nullptr) != SQLITE_OK)
                         ++query_failures;
                     --holders[n];
                     if (!cache.return_db(path, v)) {
                         ++refused_returns;
-                        sqlite3_close(v->db);
                         delete v;
                     }
                     check();

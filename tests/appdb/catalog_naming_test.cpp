@@ -140,7 +140,7 @@ TEST_F(CatalogNaming, CreateDbMakesDirectoryTableAndIndex) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(0750u, st.st_mode & 0777);
     const std::string file = db_file("c1", "p1");
-    EXPECT_EQ(appdb::catalog_create_table_sql,
+    EXPECT_EQ(appdb::catalog_create_table_sql(),
               catt::raw_scalar(file, "SELECT sql FROM sqlite_master WHERE type='table' AND name='catalog'"));
     EXPECT_EQ("CREATE INDEX catalog_backupid ON catalog(backupid)",
               catt::raw_scalar(file, "SELECT sql FROM sqlite_master WHERE type='index' AND "
@@ -154,7 +154,7 @@ TEST_F(CatalogNaming, CreateDbMakesDirectoryTableAndIndex) {
 }
 
 TEST_F(CatalogNaming, CreateTableTextKeepsItsRunsOfFiveBlanks) {
-    const std::string text = appdb::catalog_create_table_sql;
+    const std::string text = appdb::catalog_create_table_sql();
     EXPECT_EQ(0u, text.find("CREATE TABLE catalog (version INTEGER,     name TEXT PRIMARY KEY,     "));
     EXPECT_NE(std::string::npos, text.find(",     reserver9 TEXT,     crc INTEGER)"));
     size_t runs = 0;
@@ -195,7 +195,7 @@ TEST_F(CatalogNaming, CreateDbOnAForeignFileLeavesItAndSkipsTheIndex) {
     EXPECT_EQ(67u, app->create_db("c", "p"));
     EXPECT_TRUE(logged(log_level::error, 67,
                        "create_db: " + db_file("c", "p") + ": failed to execute \"" +
-                           appdb::catalog_create_table_sql + "\", (26, file is not a database)"))
+                           appdb::catalog_create_table_sql() + "\", (26, file is not a database)"))
         << log.dump();
     EXPECT_EQ(0u, log.count_containing("CREATE INDEX"));
     EXPECT_EQ(garbage, kt::read_file(db_file("c", "p")));  // neither deleted nor repaired
@@ -207,7 +207,7 @@ TEST_F(CatalogNaming, CreateDbOverAnExistingTableFails) {
     EXPECT_EQ(4u, app->create_db("c", "p"));
     EXPECT_TRUE(logged(log_level::error, 4,
                        "create_db: " + db_file("c", "p") + ": failed to execute \"" +
-                           appdb::catalog_create_table_sql + "\", (1, table catalog already exists)"))
+                           appdb::catalog_create_table_sql() + "\", (1, table catalog already exists)"))
         << log.dump();
 }
 
@@ -254,7 +254,7 @@ TEST_F(CatalogNaming, NeedCreateDbNeverCreatesWhenAShadowExists) {
 }
 
 TEST_F(CatalogNaming, OpenDbNeverCreatesAFile) {
-    sqlite3* db = reinterpret_cast<sqlite3*>(0x1);
+    std::unique_ptr<appdb::catalog_store> db = appdb::catalog_store::adopt(nullptr, "");
     EXPECT_EQ(21u, app->open_db("c", "p", &db));
     EXPECT_EQ(nullptr, db);
     EXPECT_FALSE(kt::file_exists(db_file("c", "p")));
@@ -270,14 +270,15 @@ TEST_F(CatalogNaming, OpenDbNeverCreatesAFile) {
 
 TEST_F(CatalogNaming, OpenDbOpensAnExistingDatabaseWithExtendedCodes) {
     ASSERT_EQ(0u, app->create_db("c", "p"));
-    sqlite3* db = nullptr;
-    ASSERT_EQ(0u, app->open_db("c", "p", &db));
-    ASSERT_NE(nullptr, db);
+    std::unique_ptr<appdb::catalog_store> store;
+    ASSERT_EQ(0u, app->open_db("c", "p", &store));
+    ASSERT_NE(nullptr, store);
+    EXPECT_EQ(db_file("c", "p"), store->file());
+    sqlite3* db = store->connection();
     // Extended codes are on: a primary-key violation reports 1555, not 19.
     const std::string ins = "INSERT INTO catalog(name) VALUES('x')";
     ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, ins.c_str(), nullptr, nullptr, nullptr));
     EXPECT_EQ(SQLITE_CONSTRAINT_PRIMARYKEY, sqlite3_exec(db, ins.c_str(), nullptr, nullptr, nullptr));
-    sqlite3_close(db);
 }
 
 TEST_F(CatalogNaming, OpenWithCacheOpensOnceAndThenBorrows) {
@@ -288,11 +289,11 @@ TEST_F(CatalogNaming, OpenWithCacheOpensOnceAndThenBorrows) {
     ASSERT_EQ(0u, app->open_db_with_cached("c", "p", &v));
     ASSERT_NE(nullptr, v);
     EXPECT_EQ(1u, log.count(log_level::info, 0, "open_db_with_cached: found no cache for " + key));
-    sqlite3* first = v->db;
+    appdb::catalog_store* first = v->store.get();
     ASSERT_TRUE(app->cache->return_db(key, v));
     log.clear();
     ASSERT_EQ(0u, app->open_db_with_cached("c", "p", &v));
-    EXPECT_EQ(first, v->db);
+    EXPECT_EQ(first, v->store.get());
     EXPECT_EQ(0u, log.count_containing("found no cache"));
     EXPECT_EQ(1, catt::open_fds_on(db_file("c", "p")));
 

@@ -91,7 +91,7 @@ TEST_F(CatalogOperations, UpdateCreatesTheDatabaseOfANewClientAndPolicy) {
     ASSERT_EQ(0u, app->update_catalog("anyone", 4, item.to_string()));
     const std::string file = db_file("newc", "newp");
     EXPECT_TRUE(kt::file_exists(file));
-    EXPECT_EQ(appdb::catalog_create_table_sql,
+    EXPECT_EQ(appdb::catalog_create_table_sql(),
               catt::raw_scalar(file, "SELECT sql FROM sqlite_master WHERE name='catalog'"));
     EXPECT_EQ("1", catt::raw_scalar(file, "SELECT count(*) FROM sqlite_master WHERE name='catalog_backupid'"));
     EXPECT_EQ(1, catt::raw_count(file, "name = 'f'"));

@@ -23,7 +23,7 @@ using dct::log_level;
 void replay_in_fresh_db(const std::string& sql, const std::string& file) {
     sqlite3* db = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &db));
-    catt::raw_exec(db, appdb::catalog_create_table_sql);
+    catt::raw_exec(db, appdb::catalog_create_table_sql());
     catt::raw_exec(db, sql);
     sqlite3_close(db);
 }
@@ -288,7 +288,7 @@ TEST_F(CatalogRows, WrongColumnCountIsRefused) {
     ASSERT_EQ(0, wa_createtree(app->to_db_full_path("c", "p"), 0700));
     sqlite3* raw = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_open(db_file("c", "p").c_str(), &raw));
-    std::string ddl = appdb::catalog_create_table_sql;
+    std::string ddl = appdb::catalog_create_table_sql();
     ddl.insert(ddl.size() - 1, ",     extra TEXT");
     catt::raw_exec(raw, ddl);
     catt::raw_exec(raw, "INSERT INTO catalog(name, backupid) VALUES('f', 'B1')");

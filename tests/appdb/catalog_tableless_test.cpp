@@ -109,7 +109,7 @@ TEST_F(Tableless, FileWithAnotherTableIsLeftAloneAndReported) {
     sqlite3_close(db);
     EXPECT_EQ(4u, app->update_catalog("alice", 4, make_item("c", "p", "f", "B1").to_string()));
     EXPECT_TRUE(log.contains(log_level::error, 4,
-                             "try_do_db_insert: DB[" + file() + "] failed to prepare [" + std::string(appdb::catalog_insert_sql) +
+                             "try_do_db_insert: DB[" + file() + "] failed to prepare [" + std::string(appdb::catalog_insert_sql()) +
                                  "] (1, SQL logic error)."))
         << log.dump();
     EXPECT_EQ("other", schema(file()));
