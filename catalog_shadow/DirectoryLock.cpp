@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "dct/log.h"
-#include "sqlitedb/sqlite_wrapper.h"
+#include "sqlitedb/busy_retry.h"
 
 DirectoryLock::~DirectoryLock() = default;
 
@@ -263,7 +263,7 @@ void CatalogDirectoryLock::set_wait_limit_ms(long ms) {
 long CatalogDirectoryLock::wait_limit_ms() {
     const long ms = g_wait_limit_ms.load(std::memory_order_relaxed);
     if (ms > 0) return ms;
-    return static_cast<long>(sqlitedb::sqlite3_wrapper::transaction_busy_tries) * 1000L;
+    return static_cast<long>(sqlitedb::busy_tries) * 1000L;
 }
 
 namespace {

@@ -65,7 +65,7 @@ public:
 //   re-checks whether the database exists (another process may have made it
 //   in the gap).
 // - Waiting polls with a short growing real-time sleep, bounded by the busy
-//   limit of the database layer (transaction_busy_tries seconds) or by
+//   limit of the database layer (sqlitedb::busy_tries seconds) or by
 //   set_wait_limit_ms. Timeout: 11 and one error record naming the directory;
 //   a directory that cannot be opened: its mapped status (106, 2, ...) and one
 //   record.

@@ -41,9 +41,6 @@ const size_t kBlockSize = 32768;
 // first, then every millisecond, about ten seconds in all.
 const int kFastBusyPolls = 10000;
 const int kBusyPolls = kFastBusyPolls + 9000;
-// Tries of the read lock when the polls ran out, one second apart, as the
-// transaction statements retry a busy database.
-const int kBusyTries = 60;
 const unsigned long kCloseRetries = 3;
 
 // Writes all of `data` to `fd`; -1 with errno set on failure.
@@ -102,9 +99,11 @@ public:
         in_transaction_ = true;
         // Reading the schema takes the shared lock, after any hot journal has
         // been played back. Inside BEGIN the lock stays until the end.
+        // When the polls ran out, the read lock is tried again one second
+        // apart, as every busy database is.
         for (int attempt = 1;; ++attempt) {
             rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
-            if ((rc & 0xFF) != SQLITE_BUSY || attempt >= kBusyTries) break;
+            if ((rc & 0xFF) != SQLITE_BUSY || attempt >= static_cast<int>(sqlitedb::busy_tries)) break;
             DctSleep(1);
         }
         return rc;

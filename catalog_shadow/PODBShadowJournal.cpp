@@ -178,7 +178,7 @@ cr_status_t PODBShadow::apply_journal_files_(const std::list<const ShadowVersion
         InfoA(CR_STATUS_OK, "Applying journal file %s", v->journal_path.c_str());
         cr_status_t status;
         try {
-            status = db->exec_file(v->journal_path, false);
+            status = db->exec_file(v->journal_path);
         } catch (const sqlitedb::db_exception& e) {
             status = e.cr_status();
         }
@@ -196,7 +196,7 @@ cr_status_t PODBShadow::apply_journal_files_(const std::list<const ShadowVersion
     }
     cr_status_t status;
     try {
-        status = db->exec(kPoCleanup, nullptr);
+        status = db->exec(kPoCleanup);
     } catch (const sqlitedb::db_exception& e) {
         status = e.cr_status();
     }

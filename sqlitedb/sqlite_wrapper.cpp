@@ -11,6 +11,8 @@
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/sleep.h"
+#include "sqlitedb/busy_retry.h"
+#include "sqlitedb/sqlite_statement.h"
 #include "sqlitedb/sqlite_status.h"
 
 namespace sqlitedb {
@@ -66,10 +68,6 @@ sqlite3_wrapper::sqlite3_wrapper(const std::string& p) : path(p), handle(nullptr
 
 sqlite3_wrapper::~sqlite3_wrapper() { close_db(kCloseRetries); }
 
-cr_status_t sqlite3_wrapper::on_db_createtable() { return CR_STATUS_OK; }
-
-int sqlite3_wrapper::on_db_callback(void*, int, char**, char**) { return -1; }
-
 void sqlite3_wrapper::forget_handle() {
     handle = nullptr;
     opened = false;
@@ -108,52 +106,6 @@ cr_status_t sqlite3_wrapper::open_db(const std::string& p) {
     return open_db();
 }
 
-cr_status_t sqlite3_wrapper::init_db() {
-    if (handle != nullptr) return CR_STATUS_OK;
-
-    struct stat st;
-    if (wa_access(path, 0) == 0 && wa_stat(path, &st) == 0 && st.st_size > 0)
-        return CR_STATUS_EXISTS;
-
-    const std::string::size_type slash = path.rfind('/');
-    if (slash != std::string::npos) {
-        const std::string dir = path.substr(0, slash);
-        if (!dir.empty() && wa_createtree(dir, 0700) != 0) {
-            const cr_status_t status = _crMapError("init_db", "kesh/podb/sqlite_wrapper", 247);
-            ErrorA(status, "Could not create directory %s", dir.c_str());
-            return status;
-        }
-    }
-
-    cr_status_t status;
-    try {
-        InfoA(0, "Open SQLite database %s", path.c_str());
-        int rc = sqlite3_open(path.c_str(), &handle);
-        if (rc == SQLITE_OK) sqlite3_busy_timeout(handle, kBusyTimeoutMs);
-        if (rc != SQLITE_OK) {
-            status = on_db_error(rc);
-        } else if ((rc = sqlite3_extended_result_codes(handle, 1)) != SQLITE_OK) {
-            status = db_exception::dberr_to_crstatus(rc);
-            ErrorA(status, "Failed to set extended result code for %s", path.c_str());
-        } else {
-            status = on_db_createtable();
-        }
-    } catch (const db_exception&) {
-        // The file is ours (absent or empty before): do not leave it half made.
-        close_db(kCloseRetries);
-        wa_deletefile(path);
-        throw;
-    }
-
-    if (status == CR_STATUS_OK) {
-        opened = true;
-        return CR_STATUS_OK;
-    }
-    close_db(kCloseRetries);
-    if (wa_deletefile(path) != 0) WarningA(status, "Could not delete bad db file %s", path.c_str());
-    return status;
-}
-
 cr_status_t sqlite3_wrapper::checkopen() {
     if (handle != nullptr) return CR_STATUS_OK;
     if (wa_access(path, 0) != 0) return CR_STATUS_MISSING;
@@ -162,30 +114,15 @@ cr_status_t sqlite3_wrapper::checkopen() {
     return CR_STATUS_EMPTY;
 }
 
-int sqlite3_wrapper::get_changes() {
-    if (handle == nullptr) {
-        ErrorA(CR_STATUS_MISSING, "%s is not opened.", path.c_str());
-        return 0;
-    }
-    return sqlite3_changes(handle);
-}
-
-int sqlite3_wrapper::exec_callback(void* ctx, int argc, char** values, char** names) {
-    const exec_context* c = static_cast<const exec_context*>(ctx);
-    if (c == nullptr || c->user == nullptr) return 0;
-    return c->self->on_db_callback(c->user, argc, values, names);
-}
-
-cr_status_t sqlite3_wrapper::exec(const std::string& sql, void* user) {
+cr_status_t sqlite3_wrapper::exec(const std::string& sql) {
     if (handle == nullptr) {
         ErrorA(CR_STATUS_MISSING, "%s is not opened.", path.c_str());
         return CR_STATUS_MISSING;
     }
     __TraceA("Exec sql statement [[[%s]]] for %s", sql.c_str(), path.c_str());
 
-    exec_context ctx{this, user};
     char* errmsg = nullptr;
-    const int rc = sqlite3_exec(handle, sql.c_str(), exec_callback, &ctx, &errmsg);
+    const int rc = sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, &errmsg);
     const std::string errtext = errmsg != nullptr ? errmsg : "null";
     sqlite3_free(errmsg);
     if (rc == SQLITE_OK) return CR_STATUS_OK;
@@ -203,7 +140,7 @@ cr_status_t sqlite3_wrapper::exec(const std::string& sql, void* user) {
     return on_db_error(rc);
 }
 
-cr_status_t sqlite3_wrapper::exec_file(const std::string& file, bool) {
+cr_status_t sqlite3_wrapper::exec_file(const std::string& file) {
     if (handle == nullptr) {
         ErrorA(CR_STATUS_MISSING, "%s is not opened.", path.c_str());
         return CR_STATUS_MISSING;
@@ -217,7 +154,7 @@ cr_status_t sqlite3_wrapper::exec_file(const std::string& file, bool) {
         ErrorA(CR_STATUS_FAILED, "Failed to load the content of %s", file.c_str());
         return CR_STATUS_FAILED;
     }
-    return exec(content, nullptr);
+    return exec(content);
 }
 
 cr_status_t sqlite3_wrapper::run_transaction_statement(const char* function, const char* sql) {
@@ -226,12 +163,9 @@ cr_status_t sqlite3_wrapper::run_transaction_statement(const char* function, con
         return CR_STATUS_MISSING;
     }
     try {
-        for (int attempt = 1;; ++attempt) {
-            const cr_status_t status = exec(sql, nullptr);
-            if (status != CR_STATUS_BUSY) return status;
-            DctSleep(1);
-            if (attempt >= static_cast<int>(transaction_busy_tries)) return CR_STATUS_BUSY;
-        }
+        // exec logs each busy try itself.
+        return retry_while_busy([&] { return exec(sql); },
+                                [](unsigned int) { return true; });
     } catch (const db_exception& e) {
         ErrorA(e.cr_status(), "%s: Catch sqlite database runtime exception [%d]: %s", function,
                e.errcode(), e.what());
@@ -290,39 +224,24 @@ cr_status_t sqlite3_wrapper::close_db(unsigned long retries) {
         return CR_STATUS_OK;
     }
     try {
-        for (unsigned long attempt = 1;; ++attempt) {
-            const int rc = sqlite3_close(handle);
-            if (rc != SQLITE_BUSY) {
-                const cr_status_t status = db_exception::dberr_to_crstatus(rc);
-                if (status == CR_STATUS_OK) forget_handle();
-                return status;
-            }
+        const int rc = close_retrying(handle, retries, [this](unsigned long) {
             __TraceA("Database %s is busy, sleep 1 second before retry", path.c_str());
-            DctSleep(1);
-            if (attempt > retries) {
-                // Still busy: give the handle up rather than block the caller
-                // for ever. Its statements keep it alive inside SQLite.
-                forget_handle();
-                return CR_STATUS_OK;
-            }
+        });
+        if (rc == SQLITE_BUSY) {
+            // Still busy: give the handle up rather than block the caller for
+            // ever. Its statements keep it alive inside SQLite.
+            forget_handle();
+            return CR_STATUS_OK;
         }
+        const cr_status_t status = db_exception::dberr_to_crstatus(rc);
+        if (status == CR_STATUS_OK) forget_handle();
+        return status;
     } catch (const db_exception& e) {
         ErrorA(e.cr_status(), "%s: Catch sqlite database runtime exception [%d]: %s", "close_db",
                e.errcode(), e.what());
         if (e.cr_status() == CR_STATUS_OK) forget_handle();
         return e.cr_status();
     }
-}
-
-cr_status_t sqlite3_wrapper::drop_db() {
-    close_db(kCloseRetries);
-    const int rc = wa_deletefile(path);
-    if (rc == 0) {
-        InfoA(0, "Drop database %s.", path.c_str());
-        return CR_STATUS_OK;
-    }
-    ErrorA(static_cast<cr_status_t>(rc), "Failed to delete database file %s.", path.c_str());
-    return static_cast<cr_status_t>(rc);
 }
 
 cr_status_t sqlite3_wrapper::on_db_error(int rc) {

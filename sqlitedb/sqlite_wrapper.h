@@ -1,10 +1,10 @@
 // sqlite3_wrapper: one SQLite database file and its connection, behind a small
-// status-returning surface (open, create on demand, execute, transactions with
-// busy retries, single-value pragmas, close with busy retries, drop).
+// status-returning surface (open, execute, transactions with busy retries,
+// single-value pragmas, close with busy retries).
 //
 // Every operation returns a cr_status_t (dct/status.h) and logs its failure
 // once. The one SQLite failure that travels as an exception is corruption:
-// exec() (through on_db_error) and init_db() throw db_exception with status 67;
+// exec() (through on_db_error) throws db_exception with status 67;
 // the transaction calls and the close sequence catch it and return its status.
 //
 // A wrapper is not locked: one thread uses it at a time. Contention between
@@ -18,6 +18,7 @@
 #include <sqlite3.h>
 
 #include "dct/status.h"
+#include "sqlitedb/busy_retry.h"
 
 namespace sqlitedb {
 
@@ -53,40 +54,24 @@ private:
 
 class sqlite3_wrapper {
 public:
-    // Most rows a single query hands back.
-    static constexpr unsigned int max_record_count_per_query = 10240;
-    // Transaction statements are retried this often while busy, one second
-    // apart; other waits on a busy database (the directory lock) are bounded by
-    // the same total.
-    static constexpr unsigned int transaction_busy_tries = 60;
-
     // Stores `path`; no connection is made.
     explicit sqlite3_wrapper(const std::string& path);
     sqlite3_wrapper(const sqlite3_wrapper&) = delete;
     sqlite3_wrapper& operator=(const sqlite3_wrapper&) = delete;
 
     // Closes the connection, retrying a busy close 3 times.
-    virtual ~sqlite3_wrapper();
+    ~sqlite3_wrapper();
 
-    // Creates the tables of a new database; called by init_db() on a fresh
-    // file. The base creates nothing and returns 0.
-    virtual cr_status_t on_db_createtable();
-
-    // Receives each result row of exec() when exec() was given a non-null
-    // `user`. Returning non-zero makes SQLite abort the statement; the base
-    // returns -1.
-    virtual int on_db_callback(void* user, int argc, char** values, char** names);
-
-    // Runs `sql` (one or more statements). Never retries. Returns 0, 2 when not
-    // opened, or the mapped status of the failure; throws db_exception when the
-    // database is corrupt (status 67). Failing statements longer than 1024
-    // characters are logged cut to 1020 characters and "....".
-    virtual cr_status_t exec(const std::string& sql, void* user);
+    // Runs `sql` (one or more statements), discarding any rows. Never
+    // retries. Returns 0, 2 when not opened, or the mapped status of the
+    // failure; throws db_exception when the database is corrupt (status 67).
+    // Failing statements longer than 1024 characters are logged cut to 1020
+    // characters and "....".
+    cr_status_t exec(const std::string& sql);
 
     // Runs the whole content of `file` as one script through exec(). A file
-    // that cannot be opened reads as empty text and so yields 0. The flag is
-    // accepted and not used.
-    virtual cr_status_t exec_file(const std::string& file, bool);
+    // that cannot be opened reads as empty text and so yields 0.
+    cr_status_t exec_file(const std::string& file);
 
     // Opens the stored path (creating the file when missing) with a busy
     // timeout of 10000 ms and extended result codes. A failure ends closed and
@@ -96,22 +81,12 @@ public:
     // `path` and opens it.
     cr_status_t open_db(const std::string& path);
 
-    // Creates a new database file: 0 when already connected or created, 3 when
-    // a non-empty file exists (left alone). Creates the missing parent
-    // directories, opens, and calls on_db_createtable(). On any failure the
-    // connection is closed and the half-made file deleted. Throws db_exception
-    // when SQLite reports the file corrupt.
-    cr_status_t init_db();
-
     // Opens an existing database without ever creating one: 0 when connected
     // (or the open succeeded), 2 when the file is missing, 32 when it is empty
     // or cannot be stat'ed.
     cr_status_t checkopen();
 
     bool is_open() const { return opened; }
-
-    // Rows changed by the last statement; 0 (logged) when not opened.
-    int get_changes();
 
     // "BEGIN IMMEDIATE TRANSACTION;", "COMMIT TRANSACTION;",
     // "ROLLBACK TRANSACTION;": a busy result is retried up to 60 times with a
@@ -136,23 +111,9 @@ public:
     // failure keeps the connection and returns its status.
     cr_status_t close_db(unsigned long retries);
 
-    // Closes (3 retries) and deletes the file. Returns 0 or the deletion's
-    // mapped status.
-    cr_status_t drop_db();
-
     // Logs "[DBERR %08X]: %s" and returns the mapped status of `rc`; throws
     // db_exception when that status is 67.
     cr_status_t on_db_error(int rc);
-
-    // What exec() hands SQLite as the callback context.
-    struct exec_context {
-        sqlite3_wrapper* self;
-        void* user;
-    };
-
-    // SQLite row callback of exec(): `ctx` points to an exec_context; forwards
-    // to self->on_db_callback() when user is not null, else continues (0).
-    static int exec_callback(void* ctx, int argc, char** values, char** names);
 
     std::string path;  // database file
     sqlite3* handle;   // connection; null when not connected

@@ -17,7 +17,7 @@
 
 #include "catalog_shadow/DirectoryLock.h"
 #include "common/test_util.h"
-#include "sqlitedb/sqlite_wrapper.h"
+#include "sqlitedb/busy_retry.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ void list_tree(const std::string& dir, const std::string& prefix, std::vector<st
 TEST(CatalogDirectoryLockProcess, DefaultWaitIsTheDatabaseBusyLimit) {
     CatalogDirectoryLock::set_wait_limit_ms(0);
     EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(),
-              static_cast<long>(sqlitedb::sqlite3_wrapper::transaction_busy_tries) * 1000L);
+              static_cast<long>(sqlitedb::busy_tries) * 1000L);
     {
         WaitLimit limit(250);
         EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(), 250);

@@ -101,8 +101,4 @@ TEST(DbException, WhatIsVirtual) {
     EXPECT_STREQ("derived", base.what());
 }
 
-TEST(Wrapper, MaxRecordCountPerQuery) {
-    EXPECT_EQ(10240u, sqlitedb::sqlite3_wrapper::max_record_count_per_query);
-}
-
 }  // namespace

@@ -58,7 +58,7 @@ TEST_F(WrapperBusy, BeginSucceedsWhenTheLockGoesAway) {
     EXPECT_EQ(0u, w_.begin_transaction());
     EXPECT_EQ(3, sleeps.calls());
     EXPECT_EQ(3u, log_.count(log_level::info, 11, busy_line("BEGIN IMMEDIATE TRANSACTION;")));
-    ASSERT_EQ(0u, w_.exec("INSERT INTO t VALUES('new');", nullptr));
+    ASSERT_EQ(0u, w_.exec("INSERT INTO t VALUES('new');"));
     EXPECT_EQ(0u, w_.commit_transaction());
     EXPECT_EQ(3, sleeps.calls());
 }
@@ -67,7 +67,7 @@ TEST_F(WrapperBusy, BeginSucceedsWhenTheLockGoesAway) {
 TEST_F(WrapperBusy, CommitRetriesUntilTheReaderLeaves) {
     kt::SleepCounter sleeps;
     ASSERT_EQ(0u, w_.begin_transaction());
-    ASSERT_EQ(0u, w_.exec("INSERT INTO t VALUES('new');", nullptr));
+    ASSERT_EQ(0u, w_.exec("INSERT INTO t VALUES('new');"));
     sqlite3_stmt* reader = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(other_, "SELECT x FROM t", -1, &reader, nullptr));
     ASSERT_EQ(SQLITE_ROW, sqlite3_step(reader));  // holds SHARED while the statement is live
@@ -85,7 +85,7 @@ TEST_F(WrapperBusy, CommitRetriesUntilTheReaderLeaves) {
 
 TEST_F(WrapperBusy, RollbackUndoesTheTransaction) {
     ASSERT_EQ(0u, w_.begin_transaction());
-    ASSERT_EQ(0u, w_.exec("DELETE FROM t;", nullptr));
+    ASSERT_EQ(0u, w_.exec("DELETE FROM t;"));
     EXPECT_EQ(0u, w_.rollback_transaction());
     std::string n;
     w_.run_pragma("SELECT count(*) FROM t;", "", &n);
@@ -95,7 +95,7 @@ TEST_F(WrapperBusy, RollbackUndoesTheTransaction) {
 TEST_F(WrapperBusy, ExecItselfNeverRetries) {
     kt::SleepCounter sleeps;
     sqlt::raw_exec(other_, "BEGIN EXCLUSIVE;");
-    EXPECT_EQ(11u, w_.exec("SELECT * FROM t;", nullptr));
+    EXPECT_EQ(11u, w_.exec("SELECT * FROM t;"));
     EXPECT_EQ(0, sleeps.calls());
     EXPECT_EQ(1u, log_.count(log_level::info, 11, busy_line("SELECT * FROM t;"))) << log_.dump();
     sqlt::raw_exec(other_, "ROLLBACK;");

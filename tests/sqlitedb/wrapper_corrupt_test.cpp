@@ -25,7 +25,7 @@ TEST(WrapperCorrupt, DamagedHeaderThrowsFromExec) {
     sqlite3_wrapper w(p);
     ASSERT_EQ(0u, w.open_db());  // opening reads nothing yet
     try {
-        w.exec("SELECT count(*) FROM t;", nullptr);
+        w.exec("SELECT count(*) FROM t;");
         FAIL() << "no exception";
     } catch (const db_exception& e) {
         EXPECT_EQ(SQLITE_NOTADB, e.errcode());
@@ -49,7 +49,7 @@ TEST(WrapperCorrupt, DamagedTablePageThrowsFromExec) {
     sqlite3_wrapper w(p);
     ASSERT_EQ(0u, w.open_db());
     try {
-        w.exec("SELECT * FROM t;", nullptr);
+        w.exec("SELECT * FROM t;");
         FAIL() << "no exception";
     } catch (const db_exception& e) {
         EXPECT_EQ(SQLITE_CORRUPT, e.errcode() & 0xFF);
@@ -65,7 +65,7 @@ TEST(WrapperCorrupt, DatabaseMovedWhileOpenThrowsFromExec) {
     ASSERT_EQ(0u, w.open_db());
     ASSERT_EQ(0, rename(p.c_str(), dir.file("elsewhere.db").c_str()));
     try {
-        w.exec("INSERT INTO t VALUES('late');", nullptr);
+        w.exec("INSERT INTO t VALUES('late');");
         FAIL() << "no exception";
     } catch (const db_exception& e) {
         EXPECT_EQ(1032, e.errcode());
@@ -100,7 +100,7 @@ TEST(WrapperCorrupt, CommitOnDamagedPointerMapReturnsCorrupt) {
     sqlite3_wrapper w(p);
     ASSERT_EQ(0u, w.open_db());
     ASSERT_EQ(0u, w.begin_transaction());
-    ASSERT_EQ(0u, w.exec("DELETE FROM t WHERE rowid <= 100;", nullptr));
+    ASSERT_EQ(0u, w.exec("DELETE FROM t WHERE rowid <= 100;"));
     EXPECT_EQ(67u, w.commit_transaction());
     EXPECT_EQ(1u, log.count_containing("commit_transaction: Catch sqlite database runtime exception ["))
         << log.dump();

@@ -1,9 +1,8 @@
-// exec, exec_file, the row callback and single-value pragmas.
+// exec, exec_file and single-value pragmas.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <string>
-#include <vector>
 
 #include "common/test_util.h"
 #include "dct/log.h"
@@ -14,17 +13,6 @@ using dct::log_level;
 using sqlitedb::sqlite3_wrapper;
 
 namespace {
-
-// Collects the first column of every row handed to it.
-class collecting_wrapper : public sqlite3_wrapper {
-public:
-    using sqlite3_wrapper::sqlite3_wrapper;
-    int on_db_callback(void* user, int argc, char** values, char**) override {
-        auto* rows = static_cast<std::vector<std::string>*>(user);
-        rows->push_back(argc > 0 && values[0] != nullptr ? values[0] : "NULL");
-        return 0;
-    }
-};
 
 int count_rows(sqlite3_wrapper& w, const std::string& table) {
     std::string n;
@@ -45,14 +33,13 @@ protected:
     void SetUp() override {
         path_ = dir_.file("a.db");
         ASSERT_EQ(0u, w_.open_db(path_));
-        ASSERT_EQ(0u, w_.exec("CREATE TABLE t(x TEXT); INSERT INTO t VALUES('a'),('b'),('c');",
-                              nullptr));
+        ASSERT_EQ(0u, w_.exec("CREATE TABLE t(x TEXT); INSERT INTO t VALUES('a'),('b'),('c');"));
         log_.clear();
     }
     kt::TempDir dir_;
     std::string path_;
     kt::LogCapture log_;
-    collecting_wrapper w_{""};
+    sqlite3_wrapper w_{""};
 };
 
 TEST(WrapperExecClosed, EveryOperationNeedsAConnection) {
@@ -60,8 +47,8 @@ TEST(WrapperExecClosed, EveryOperationNeedsAConnection) {
     kt::LogCapture log;
     const std::string p = dir.file("a.db");
     sqlite3_wrapper w(p);
-    EXPECT_EQ(2u, w.exec("SELECT 1;", nullptr));
-    EXPECT_EQ(2u, w.exec_file(dir.file("x.sql"), false));
+    EXPECT_EQ(2u, w.exec("SELECT 1;"));
+    EXPECT_EQ(2u, w.exec_file(dir.file("x.sql")));
     std::string result = "keep";
     EXPECT_FALSE(w.run_pragma("PRAGMA integrity_check;", "ok", &result));
     EXPECT_EQ("keep", result);
@@ -72,7 +59,7 @@ TEST(WrapperExecClosed, EveryOperationNeedsAConnection) {
 
 TEST_F(WrapperExec, SuccessIsTracedWhenTracing) {
     kt::TraceSwitch trace(true);
-    EXPECT_EQ(0u, w_.exec("INSERT INTO t VALUES('d');", nullptr));
+    EXPECT_EQ(0u, w_.exec("INSERT INTO t VALUES('d');"));
     EXPECT_TRUE(log_.contains(log_level::trace, CR_STATUS_NONE,
                               "Exec sql statement [[[INSERT INTO t VALUES('d');]]] for " + path_))
         << log_.dump();
@@ -81,12 +68,12 @@ TEST_F(WrapperExec, SuccessIsTracedWhenTracing) {
 
 TEST_F(WrapperExec, NothingIsTracedWhenNotTracing) {
     kt::TraceSwitch trace(false);
-    EXPECT_EQ(0u, w_.exec("INSERT INTO t VALUES('d');", nullptr));
+    EXPECT_EQ(0u, w_.exec("INSERT INTO t VALUES('d');"));
     EXPECT_EQ(0u, log_.records().size()) << log_.dump();
 }
 
 TEST_F(WrapperExec, FailureIsLoggedWithSqlCodeAndText) {
-    EXPECT_EQ(4u, w_.exec("SELEC 1", nullptr));
+    EXPECT_EQ(4u, w_.exec("SELEC 1"));
     EXPECT_TRUE(log_.contains(log_level::error, 4,
                               path_ + ": failed to execute [[[\"SELEC 1\"]]] (1:near \"SELEC\": syntax error)"))
         << log_.dump();
@@ -97,7 +84,7 @@ TEST_F(WrapperExec, FailureIsLoggedWithSqlCodeAndText) {
 TEST_F(WrapperExec, LongFailingStatementIsCut) {
     const std::string sql = bad_statement(1025);
     ASSERT_EQ(1025u, sql.size());
-    EXPECT_EQ(4u, w_.exec(sql, nullptr));
+    EXPECT_EQ(4u, w_.exec(sql));
     const std::string shown = sql.substr(0, 1020) + "....";
     EXPECT_TRUE(log_.contains(log_level::error, 4,
                               path_ + ": failed to execute [[[\"" + shown +
@@ -108,7 +95,7 @@ TEST_F(WrapperExec, LongFailingStatementIsCut) {
 TEST_F(WrapperExec, StatementOf1024CharactersIsLoggedWhole) {
     const std::string sql = bad_statement(1024);
     ASSERT_EQ(1024u, sql.size());
-    EXPECT_EQ(4u, w_.exec(sql, nullptr));
+    EXPECT_EQ(4u, w_.exec(sql));
     EXPECT_TRUE(log_.contains(log_level::error, 4,
                               path_ + ": failed to execute [[[\"" + sql +
                                   "\"]]] (1:near \"SELEC\": syntax error)"))
@@ -116,57 +103,19 @@ TEST_F(WrapperExec, StatementOf1024CharactersIsLoggedWhole) {
     EXPECT_EQ(0u, log_.count_containing("...."));
 }
 
-TEST_F(WrapperExec, RowsReachTheCallbackOnlyWithAUserPointer) {
-    std::vector<std::string> rows;
-    EXPECT_EQ(0u, w_.exec("SELECT x FROM t ORDER BY x;", &rows));
-    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), rows);
-    rows.clear();
-    EXPECT_EQ(0u, w_.exec("SELECT x FROM t ORDER BY x;", nullptr));
-    EXPECT_TRUE(rows.empty());
-}
-
-TEST(WrapperExecBase, BaseCallbackAbortsTheStatement) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("a.db");
-    sqlite3_wrapper w(p);
-    ASSERT_EQ(0u, w.open_db());
-    ASSERT_EQ(0u, w.exec("CREATE TABLE t(x); INSERT INTO t VALUES(1);", nullptr));
-    int user = 0;
-    EXPECT_EQ(4u, w.exec("SELECT x FROM t;", &user));
-    EXPECT_TRUE(log.contains(log_level::error, 4,
-                             p + ": failed to execute [[[\"SELECT x FROM t;\"]]] (4:query aborted)"))
-        << log.dump();
-    // Without a user pointer the same statement runs to its end.
-    EXPECT_EQ(0u, w.exec("SELECT x FROM t;", nullptr));
-}
-
-TEST_F(WrapperExec, ExecCallbackForwardsOrContinues) {
-    std::vector<std::string> rows;
-    char v0[] = "v";
-    char n0[] = "x";
-    char* values[] = {v0};
-    char* names[] = {n0};
-    sqlite3_wrapper::exec_context with_user{&w_, &rows}, without_user{&w_, nullptr};
-    EXPECT_EQ(0, sqlite3_wrapper::exec_callback(&with_user, 1, values, names));
-    EXPECT_EQ((std::vector<std::string>{"v"}), rows);
-    EXPECT_EQ(0, sqlite3_wrapper::exec_callback(&without_user, 1, values, names));
-    EXPECT_EQ(1u, rows.size());
-}
-
 TEST_F(WrapperExec, ExecFileRunsTheWholeScript) {
     kt::TraceSwitch trace(true);
     const std::string script = dir_.file("script.sql");
     kt::write_file(script,
                    "CREATE TABLE s(y);\nINSERT INTO s VALUES(1);\nINSERT INTO s VALUES(2);\n");
-    EXPECT_EQ(0u, w_.exec_file(script, true));
+    EXPECT_EQ(0u, w_.exec_file(script));
     EXPECT_EQ(2, count_rows(w_, "s"));
     EXPECT_TRUE(log_.contains(log_level::trace, CR_STATUS_NONE, "Execute sql file " + script));
 }
 
 TEST_F(WrapperExec, ExecFileOfMissingFileDoesNothing) {
     const std::string missing = dir_.file("missing.sql");
-    EXPECT_EQ(0u, w_.exec_file(missing, false));
+    EXPECT_EQ(0u, w_.exec_file(missing));
     EXPECT_EQ(3, count_rows(w_, "t"));
     EXPECT_EQ(3, sqlite3_total_changes(w_.handle));  // only the setup inserts ever changed rows
     EXPECT_EQ(0u, log_.count_containing("failed"));
@@ -175,7 +124,7 @@ TEST_F(WrapperExec, ExecFileOfMissingFileDoesNothing) {
 TEST_F(WrapperExec, ExecFileFailureIsTheStatementsStatus) {
     const std::string script = dir_.file("bad.sql");
     kt::write_file(script, "INSERT INTO t VALUES('e');\nINSERT INTO nowhere VALUES(1);\n");
-    EXPECT_EQ(4u, w_.exec_file(script, false));
+    EXPECT_EQ(4u, w_.exec_file(script));
     EXPECT_EQ(1u, log_.count_containing("no such table: nowhere"));
 }
 

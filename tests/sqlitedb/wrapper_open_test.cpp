@@ -1,4 +1,4 @@
-// Opening, creating, checking, closing and dropping databases.
+// Opening, checking and closing databases.
 #include <errno.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,34 +16,6 @@ using dct::log_level;
 using sqlitedb::sqlite3_wrapper;
 
 namespace {
-
-// Creates table t in on_db_createtable, or fails it with a real SQL error.
-class table_wrapper : public sqlite3_wrapper {
-public:
-    explicit table_wrapper(const std::string& p, bool fail = false)
-        : sqlite3_wrapper(p), fail_(fail) {}
-    cr_status_t on_db_createtable() override {
-        ++createtable_calls;
-        return exec(fail_ ? "CREATE TABLE t(x TEXT; -- broken" : "CREATE TABLE t(x TEXT);", nullptr);
-    }
-    int createtable_calls = 0;
-
-private:
-    bool fail_;
-};
-
-bool has_table_t(const std::string& path) {
-    sqlite3* db = nullptr;
-    sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-    sqlite3_stmt* stmt = nullptr;
-    bool found = false;
-    if (sqlite3_prepare_v2(db, "SELECT name FROM sqlite_master WHERE name='t'", -1, &stmt,
-                           nullptr) == SQLITE_OK)
-        found = sqlite3_step(stmt) == SQLITE_ROW;
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return found;
-}
 
 TEST(WrapperOpen, ConstructorConnectsNothing) {
     kt::TempDir dir;
@@ -68,8 +40,8 @@ TEST(WrapperOpen, OpenSetsBusyTimeoutAndExtendedCodes) {
     EXPECT_TRUE(w.run_pragma("PRAGMA busy_timeout;", "10000", &timeout));
     EXPECT_EQ("10000", timeout);
     // Extended codes: a unique violation reports 2067, not 19.
-    ASSERT_EQ(0u, w.exec("CREATE TABLE u(x UNIQUE); INSERT INTO u VALUES(1);", nullptr));
-    EXPECT_EQ(4u, w.exec("INSERT INTO u VALUES(1);", nullptr));
+    ASSERT_EQ(0u, w.exec("CREATE TABLE u(x UNIQUE); INSERT INTO u VALUES(1);"));
+    EXPECT_EQ(4u, w.exec("INSERT INTO u VALUES(1);"));
     EXPECT_TRUE(log.contains(log_level::info, CR_STATUS_NONE, "[DBERR 00000813]: constraint failed"))
         << log.dump();
 }
@@ -95,14 +67,14 @@ TEST(WrapperOpen, OpenWithPathSwitchesFiles) {
     sqlite3_wrapper w(a);
     ASSERT_EQ(0u, w.open_db());
     sqlt::watch_close(w.handle, &closes);
-    ASSERT_EQ(0u, w.exec("CREATE TABLE ta(x);", nullptr));
+    ASSERT_EQ(0u, w.exec("CREATE TABLE ta(x);"));
     ASSERT_EQ(0u, w.open_db(b));
     EXPECT_EQ(1, closes);  // the first connection is really gone
     EXPECT_EQ(b, w.path);
     EXPECT_TRUE(w.is_open());
     EXPECT_TRUE(log.contains(log_level::info, 0, "Close SQLite database " + a));
     EXPECT_TRUE(log.contains(log_level::info, 0, "Open SQLite database " + b));
-    ASSERT_EQ(0u, w.exec("CREATE TABLE tb(x);", nullptr));
+    ASSERT_EQ(0u, w.exec("CREATE TABLE tb(x);"));
     EXPECT_TRUE(kt::file_exists(a));
     EXPECT_TRUE(kt::file_exists(b));
 }
@@ -116,142 +88,6 @@ TEST(WrapperOpen, OpeningAgainReplacesTheConnection) {
     ASSERT_EQ(0u, w.open_db());
     EXPECT_EQ(1, closes);
     EXPECT_TRUE(w.is_open());
-}
-
-TEST(WrapperOpen, InitDbCreatesDirectoriesAndTable) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("x/y/z/app.db");
-    table_wrapper w(p);
-    ASSERT_EQ(0u, w.init_db());
-    EXPECT_TRUE(w.is_open());
-    EXPECT_EQ(1, w.createtable_calls);
-    struct stat st;
-    ASSERT_EQ(0, stat(dir.file("x/y/z").c_str(), &st));
-    EXPECT_EQ(0700u, st.st_mode & 0777u);
-    EXPECT_TRUE(has_table_t(p));
-    EXPECT_TRUE(log.contains(log_level::info, 0, "Open SQLite database " + p));
-    // Already connected: nothing more happens.
-    EXPECT_EQ(0u, w.init_db());
-    EXPECT_EQ(1, w.createtable_calls);
-}
-
-TEST(WrapperOpen, InitDbOnEmptyFileCreatesTable) {
-    kt::TempDir dir;
-    const std::string p = dir.file("empty.db");
-    kt::write_file(p, "");
-    table_wrapper w(p);
-    ASSERT_EQ(0u, w.init_db());
-    EXPECT_EQ(1, w.createtable_calls);
-    EXPECT_TRUE(w.is_open());
-    EXPECT_TRUE(has_table_t(p));
-}
-
-TEST(WrapperOpen, InitDbOnNonEmptyFileReturnsExistsAndLeavesIt) {
-    kt::TempDir dir;
-    const std::string p = dir.file("full.db");
-    sqlt::make_db(p, 3);
-    const std::vector<unsigned char> before = sqlt::read_bytes(p);
-    table_wrapper w(p);
-    EXPECT_EQ(3u, w.init_db());
-    EXPECT_EQ(0, w.createtable_calls);
-    EXPECT_FALSE(w.is_open());
-    EXPECT_EQ(nullptr, w.handle);
-    EXPECT_EQ(before, sqlt::read_bytes(p));
-}
-
-TEST(WrapperOpen, PathWithoutSlashCreatesNoDirectory) {
-    kt::TempDir dir;
-    char old_cwd[4096];
-    ASSERT_NE(nullptr, getcwd(old_cwd, sizeof old_cwd));
-    ASSERT_EQ(0, chdir(dir.path().c_str()));
-    int createtree_calls = 0;
-    {
-        sqlt::FaultScope faults([&](dct::fault_op op, const char*) {
-            if (op == dct::fault_op::createtree) ++createtree_calls;
-            return 0;
-        });
-        sqlite3_wrapper w("plain.db");
-        EXPECT_EQ(0u, w.init_db());
-        EXPECT_EQ(0, createtree_calls);
-        sqlite3_wrapper nested("sub/nested.db");
-        EXPECT_EQ(0u, nested.init_db());
-        EXPECT_EQ(1, createtree_calls);
-    }
-    EXPECT_TRUE(kt::file_exists(dir.file("plain.db")));
-    EXPECT_TRUE(kt::file_exists(dir.file("sub/nested.db")));
-    ASSERT_EQ(0, chdir(old_cwd));
-}
-
-TEST(WrapperOpen, InitDbReportsDirectoryFailure) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("locked/app.db");
-    {
-        sqlt::FaultScope faults(
-            [](dct::fault_op op, const char*) { return op == dct::fault_op::createtree ? EACCES : 0; });
-        sqlite3_wrapper w(p);
-        EXPECT_EQ(106u, w.init_db());
-        EXPECT_EQ(106u, *__cr_errno_location());
-        EXPECT_FALSE(w.is_open());
-    }
-    EXPECT_TRUE(log.contains(log_level::error, 106, "Could not create directory " + dir.file("locked")))
-        << log.dump();
-    EXPECT_FALSE(kt::file_exists(p));
-}
-
-TEST(WrapperOpen, InitDbRemovesHalfMadeFileWhenTableCreationFails) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("half.db");
-    table_wrapper w(p, /*fail=*/true);
-    EXPECT_EQ(4u, w.init_db());
-    EXPECT_EQ(1, w.createtable_calls);
-    EXPECT_FALSE(w.is_open());
-    EXPECT_EQ(nullptr, w.handle);
-    EXPECT_FALSE(kt::file_exists(p));
-    EXPECT_TRUE(log.contains(log_level::info, 0, "Close SQLite database " + p));
-    EXPECT_EQ(0u, log.count_containing("Could not delete bad db file"));
-}
-
-// Corruption met while creating tables travels out of init_db as an exception,
-// after the connection is closed and the new file removed.
-TEST(WrapperOpen, InitDbLetsCorruptionOutWithoutLeavingTheFile) {
-    struct corrupt_on_create : sqlite3_wrapper {
-        using sqlite3_wrapper::sqlite3_wrapper;
-        cr_status_t on_db_createtable() override { return on_db_error(SQLITE_CORRUPT); }
-    };
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("c.db");
-    corrupt_on_create w(p);
-    try {
-        w.init_db();
-        FAIL() << "no exception";
-    } catch (const sqlitedb::db_exception& e) {
-        EXPECT_EQ(SQLITE_CORRUPT, e.errcode());
-        EXPECT_EQ(67u, e.cr_status());
-    }
-    EXPECT_FALSE(w.is_open());
-    EXPECT_EQ(nullptr, w.handle);
-    EXPECT_FALSE(kt::file_exists(p));
-    EXPECT_TRUE(log.contains(log_level::info, CR_STATUS_NONE,
-                             "[DBERR 0000000B]: database disk image is malformed"));
-}
-
-TEST(WrapperOpen, InitDbWarnsWhenTheBadFileStays) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("stuck.db");
-    {
-        sqlt::FaultScope faults(
-            [](dct::fault_op op, const char*) { return op == dct::fault_op::deletefile ? EPERM : 0; });
-        table_wrapper w(p, /*fail=*/true);
-        EXPECT_EQ(4u, w.init_db());
-        EXPECT_FALSE(w.is_open());
-    }
-    EXPECT_TRUE(log.contains(log_level::warning, 4, "Could not delete bad db file " + p)) << log.dump();
-    EXPECT_TRUE(kt::file_exists(p));
 }
 
 TEST(WrapperOpen, CheckOpenNeverCreates) {
@@ -274,18 +110,6 @@ TEST(WrapperOpen, CheckOpenNeverCreates) {
     EXPECT_EQ(0u, g.checkopen());
     EXPECT_TRUE(g.is_open());
     EXPECT_EQ(0u, g.checkopen());  // connected: 0 again
-}
-
-TEST(WrapperOpen, GetChanges) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("a.db");
-    sqlite3_wrapper w(p);
-    EXPECT_EQ(0, w.get_changes());
-    EXPECT_TRUE(log.contains(log_level::error, 2, p + " is not opened."));
-    ASSERT_EQ(0u, w.open_db());
-    ASSERT_EQ(0u, w.exec("CREATE TABLE t(x); INSERT INTO t VALUES(1),(2),(3);", nullptr));
-    EXPECT_EQ(3, w.get_changes());
 }
 
 TEST(WrapperClose, CloseWithoutConnectionIsSuccess) {
@@ -366,35 +190,6 @@ TEST(WrapperClose, DestructorRetriesThreeTimes) {
     EXPECT_EQ(4, sleeps.calls());
     sqlite3_finalize(stmt);
     EXPECT_EQ(SQLITE_OK, sqlite3_close(raw));
-}
-
-TEST(WrapperDrop, DropClosesAndDeletes) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("a.db");
-    int closes = 0;
-    sqlite3_wrapper w(p);
-    ASSERT_EQ(0u, w.open_db());
-    sqlt::watch_close(w.handle, &closes);
-    ASSERT_EQ(0u, w.exec("CREATE TABLE t(x);", nullptr));
-    EXPECT_EQ(0u, w.drop_db());
-    EXPECT_EQ(1, closes);
-    EXPECT_FALSE(w.is_open());
-    EXPECT_FALSE(kt::file_exists(p));
-    EXPECT_TRUE(log.contains(log_level::info, 0, "Drop database " + p + "."));
-}
-
-TEST(WrapperDrop, DropOfMissingFileFails) {
-    kt::TempDir dir;
-    kt::LogCapture log;
-    const std::string p = dir.file("never.db");
-    sqlite3_wrapper w(p);
-    // The deletion's own status (unlink's -1), not an errno mapping.
-    EXPECT_EQ(CR_STATUS_NONE, w.drop_db());
-    EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_NONE,
-                             "Failed to delete database file " + p + "."))
-        << log.dump();
-    EXPECT_EQ(1u, log.count_containing("Failed to delete database file"));
 }
 
 }  // namespace
