@@ -52,7 +52,7 @@ void BM_CacheHit(benchmark::State& state) {
     for (const auto& p : dir.paths()) {
         sqlite3* db = nullptr;
         sqlite3_open(p.c_str(), &db);
-        cache.return_db(p, cache.create_db(p, db));
+        cache.return_db(p, cache.create_db(p, appdb::catalog_store::adopt(db, p)));
     }
     size_t i = 0;
     for (auto _ : state) {

@@ -4,7 +4,7 @@
 // of opening its database: get_db and return_db, COUNT times, going round the
 // databases of client0000 .. client(NDBS-1) (all idle in a cache of NDBS,
 // opened before the clock starts). Reports the time of the loop.
-#include <sqlite3.h>
+#include <memory>
 
 #include <string>
 #include <vector>
@@ -29,12 +29,12 @@ int main(int argc, char** argv) {
         snprintf(dir, sizeof(dir), "%s/databases/application/%d/client%04ld/%s", root.c_str(), BENCH_DSID, i,
                  BENCH_POLICY);
         keys.push_back(dir);
-        sqlite3* db = nullptr;
-        if (sqlite3_open_v2((keys.back() + "/app.db").c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        std::unique_ptr<appdb::catalog_store> store;
+        if (appdb::catalog_store::open(keys.back() + "/app.db", &store) != 0) {
             fprintf(stderr, "kavrel_cache: cannot open %s/app.db\n", dir);
             return 1;
         }
-        if (!cache.return_db(keys.back(), cache.create_db(keys.back(), db))) return 1;
+        if (!cache.return_db(keys.back(), cache.create_db(keys.back(), std::move(store)))) return 1;
     }
 
     const int64_t start = bench_now_ns();
