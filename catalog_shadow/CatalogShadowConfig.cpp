@@ -45,6 +45,9 @@ std::string default_shadow_root(const std::string& storage) {
 
 cr_status_t CatalogShadowContext::load_configurations() {
     const std::string file = proxy ? proxy->get_config_file() : std::string();
+    // The file may choose how much the default log sink keeps; the records
+    // below already follow it.
+    if (!file.empty()) dct::configure_log_level(file);
 
     std::string storage_database;
     if (!read_path(file, kPathsSection, kStorageDatabaseKey, &storage_database)) {

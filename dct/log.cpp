@@ -71,6 +71,8 @@ struct default_sink {
     dct::log_sink write;
     dct::log_level threshold = dct::log_level::trace;
     bool keeps_nothing = false;
+    // DCT_LOG_LEVEL chose the threshold: a configured level does not change it.
+    bool threshold_from_env = false;
     // For syslog: whether a daemon takes records now; null for the others.
     std::shared_ptr<dct::syslog_gate> gate;
 
@@ -80,24 +82,16 @@ struct default_sink {
     }
 };
 
-// Reads DCT_LOG_LEVEL: "error", "warning", "info" or "trace" (every level, the
-// default). Unset or empty means the default. Any other value also means the
-// default and sets `*invalid`, so that the caller can say so once.
-dct::log_level threshold_from_environment(bool* invalid) {
+// Reads DCT_LOG_LEVEL into `*level`. Unset or empty: false, `*level` left
+// alone. Any value that does not name a level also gives false and sets
+// `*invalid`, so that the caller can say so once.
+bool threshold_from_environment(dct::log_level* level, bool* invalid) {
     *invalid = false;
     const char* v = getenv("DCT_LOG_LEVEL");
-    if (v == nullptr || *v == '\0') return dct::log_level::trace;
-    static const struct {
-        const char* name;
-        dct::log_level level;
-    } names[] = {{"error", dct::log_level::error},
-                 {"warning", dct::log_level::warning},
-                 {"info", dct::log_level::info},
-                 {"trace", dct::log_level::trace}};
-    for (const auto& n : names)
-        if (strcmp(v, n.name) == 0) return n.level;
+    if (v == nullptr || *v == '\0') return false;
+    if (dct::parse_log_level(v, level)) return true;
     *invalid = true;
-    return dct::log_level::trace;
+    return false;
 }
 
 // The writer DCT_LOG chooses; for syslog also the gate that says whether a
@@ -136,10 +130,11 @@ dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct
     };
 }
 
-// Chooses the default sink from DCT_LOG and its threshold from DCT_LOG_LEVEL.
-// An invalid threshold keeps every level and is reported once, as a warning
-// record through the sink just chosen.
-default_sink make_default_sink() {
+// Chooses the default sink from DCT_LOG and its threshold from DCT_LOG_LEVEL,
+// else from `configured` (a configuration file's level, when set). An invalid
+// DCT_LOG_LEVEL is reported once, as a warning record through the sink just
+// chosen, and leaves the threshold to the configuration or every level.
+default_sink make_default_sink(const dct::log_level* configured) {
     const char* env_value = getenv("DCT_LOG");
     std::string choice = env_value != nullptr ? env_value : "";
     default_sink d;
@@ -149,13 +144,16 @@ default_sink make_default_sink() {
         return d;
     }
     bool invalid = false;
-    d.threshold = threshold_from_environment(&invalid);
+    d.threshold_from_env = threshold_from_environment(&d.threshold, &invalid);
+    if (!d.threshold_from_env && configured != nullptr) d.threshold = *configured;
     d.write = make_default_writer(choice, &d.gate);
     if (invalid) {
         try {
             d.write(dct::log_level::warning, CR_STATUS_FAILED,
                     std::string("DCT_LOG_LEVEL \"") + getenv("DCT_LOG_LEVEL") +
-                        "\" is not error, warning, info or trace; every level is logged");
+                        "\" is not error, warning, info or trace; " +
+                        (configured != nullptr ? "the configured level is used"
+                                               : "every level is logged"));
         } catch (...) {
             // Only this record is lost; the sink itself stays chosen.
         }
@@ -168,6 +166,8 @@ struct sink_state {
     dct::log_sink installed;   // set by set_log_sink
     default_sink fallback;     // made at the first record that reaches it
     bool fallback_made = false;
+    bool configured = false;   // set_default_log_level was called
+    dct::log_level configured_level = dct::log_level::trace;
 };
 
 sink_state& state() {
@@ -210,7 +210,7 @@ void emit_unguarded(dct::log_level level, cr_status_t status, const char* format
         return;
     }
     if (!s.fallback_made) {
-        s.fallback = make_default_sink();
+        s.fallback = make_default_sink(s.configured ? &s.configured_level : nullptr);
         s.fallback_made = true;
     }
     if (!s.fallback.keeps(level)) return;
@@ -273,6 +273,31 @@ const char* log_level_name(log_level level) {
         case log_level::trace: return "TRACE";
     }
     return "TRACE";
+}
+
+bool parse_log_level(const std::string& name, log_level* level) {
+    static const struct {
+        const char* name;
+        log_level level;
+    } names[] = {{"error", log_level::error},
+                 {"warning", log_level::warning},
+                 {"info", log_level::info},
+                 {"trace", log_level::trace}};
+    for (const auto& n : names) {
+        if (name == n.name) {
+            *level = n.level;
+            return true;
+        }
+    }
+    return false;
+}
+
+void set_default_log_level(log_level level) {
+    sink_state& s = state();
+    std::lock_guard<std::recursive_mutex> guard(s.mutex);
+    s.configured = true;
+    s.configured_level = level;
+    if (s.fallback_made && !s.fallback.threshold_from_env) s.fallback.threshold = level;
 }
 
 void trace_write(const char* format, ...) noexcept {

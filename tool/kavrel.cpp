@@ -16,6 +16,7 @@
 #include "appdb/catalog_list.h"
 #include "appdb/kavrel_config.h"
 #include "dct/fileutil.h"
+#include "dct/log.h"
 #include "dct/status.h"
 
 namespace {
@@ -61,6 +62,7 @@ int main(int argc, char** argv) {
     // it the tool does nothing at all, not even print its usage.
     std::string cr_config;
     if (appdb::locate_cr_config(appdb::registry_path(""), &cr_config) != CR_STATUS_OK) return -1;
+    dct::configure_log_level(cr_config);
     std::string root = appdb::read_database_root(cr_config);
 
     bool listing = false;

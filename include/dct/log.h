@@ -7,7 +7,8 @@
 // nothing). With it, DCT_LOG_LEVEL read at the same moment sets the least
 // important level the default sink keeps: "error", "warning", "info" or
 // "trace" (every level, the default); another value keeps every level and is
-// reported by one warning record. On stderr and in a file a record is one line
+// reported by one warning record. Without DCT_LOG_LEVEL, a level read from a
+// configuration file ("[Log] Level", configure_log_level) applies instead. On stderr and in a file a record is one line
 // "LEVEL [status] message" ("TRACE message" for traces). DCT_TRACE=1 turns
 // tracing on at start. Standard output is never used.
 // All functions are thread-safe and never throw (a record that cannot be
@@ -47,6 +48,22 @@ void set_log_sink(log_sink sink);
 
 // "ERROR", "WARNING", "INFO", "TRACE".
 const char* log_level_name(log_level level);
+
+// The level named "error", "warning", "info" or "trace" (exactly, lower case)
+// into `*level`; false for any other name.
+bool parse_log_level(const std::string& name, log_level* level);
+
+// The least important level the default sink keeps when DCT_LOG_LEVEL does not
+// name one: a configuration file's choice, which the environment overrides.
+// Applies from the next record on, whether or not the default sink was chosen
+// already. An installed sink is not affected.
+void set_default_log_level(log_level level);
+
+// Reads the key "Level" of section "[Log]" of the ini file `config_file` and,
+// when it names a level, makes it the default sink's (set_default_log_level).
+// 0 when the file, section or key is missing or the level was taken; 4 (one
+// warning record naming the value and the file) when the value names no level.
+cr_status_t configure_log_level(const std::string& config_file);
 
 // Writes a trace record; callers use __TraceA, which checks the switch first.
 void trace_write(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));

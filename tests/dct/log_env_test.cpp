@@ -463,3 +463,90 @@ TEST(DefaultSinkThreshold, InstalledSinkKeepsEveryLevel) {
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(r.err, "ERROR [4] WARNING w;INFO i;TRACE t;\n");
 }
+
+// A configuration file's level ("[Log] Level"): it applies when DCT_LOG_LEVEL
+// names none, the environment wins over it, and it takes effect also after the
+// default sink was chosen.
+namespace {
+
+// The child reads the configuration file the parent named, then logs each level.
+void log_after_configuration() {
+    __dctlog_trace_location.store(1);
+    const cr_status_t status = dct::configure_log_level(getenv("KAVREL_LOG_CONFIG"));
+    ErrorA(status, "configured %u", status);
+    WarningA(CR_STATUS_BUSY, "warning %s", "w");
+    InfoA(CR_STATUS_OK, "%s", getenv("KAVREL_LOG_FLOOR") != nullptr ? unreadable() : "info i");
+    __TraceA("%s", getenv("KAVREL_LOG_FLOOR") != nullptr ? unreadable() : "trace t");
+}
+
+std::string config_file(const kt::TempDir& dir, const std::string& level) {
+    const std::string path = dir.file("pool.cfg");
+    kt::write_file(path, "[Paths]\nDatabase = /nowhere\n[Log]\nLevel = " + level + "\n");
+    return path;
+}
+
+}  // namespace
+
+TEST(DefaultSinkConfiguredLevel, AppliesWithoutTheEnvironment) {
+    child_side(log_after_configuration);
+    kt::TempDir dir;
+    ChildResult r = run_child({"DCT_LOG=stderr", "KAVREL_LOG_CONFIG=" + config_file(dir, "Warning"),
+                               "KAVREL_LOG_FLOOR=warning"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "ERROR [0] configured 0\nWARNING [11] warning w\n");
+}
+
+TEST(DefaultSinkConfiguredLevel, TheEnvironmentWins) {
+    child_side(log_after_configuration);
+    kt::TempDir dir;
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=trace",
+                               "KAVREL_LOG_CONFIG=" + config_file(dir, "error")});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "ERROR [0] configured 0\nWARNING [11] warning w\nINFO [0] info i\nTRACE trace t\n");
+}
+
+TEST(DefaultSinkConfiguredLevel, AMissingKeyLeavesEveryLevel) {
+    child_side(log_after_configuration);
+    kt::TempDir dir;
+    const std::string path = dir.file("pool.cfg");
+    kt::write_file(path, "[Paths]\nDatabase = /nowhere\n");
+    ChildResult r = run_child({"DCT_LOG=stderr", "KAVREL_LOG_CONFIG=" + path});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "ERROR [0] configured 0\nWARNING [11] warning w\nINFO [0] info i\nTRACE trace t\n");
+}
+
+TEST(DefaultSinkConfiguredLevel, AnUnknownLevelIsReportedAndIgnored) {
+    child_side(log_after_configuration);
+    kt::TempDir dir;
+    const std::string path = config_file(dir, "loud");
+    ChildResult r = run_child({"DCT_LOG=stderr", "KAVREL_LOG_CONFIG=" + path});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "WARNING [4] [Log] Level \"loud\" in " + path +
+                         " is not error, warning, info or trace; ignored\n"
+                         "ERROR [4] configured 4\nWARNING [11] warning w\nINFO [0] info i\nTRACE trace t\n");
+}
+
+TEST(DefaultSinkConfiguredLevel, TakesEffectAfterTheSinkWasChosen) {
+    child_side([] {
+        InfoA(CR_STATUS_OK, "kept before");
+        dct::set_default_log_level(dct::log_level::error);
+        InfoA(CR_STATUS_OK, "%s", unreadable());
+        ErrorA(CR_STATUS_FAILED, "kept after");
+    });
+    ChildResult r = run_child({"DCT_LOG=stderr"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "INFO [0] kept before\nERROR [4] kept after\n");
+}
+
+TEST(DefaultSinkConfiguredLevel, AnInvalidEnvironmentValueLeavesTheConfiguredLevel) {
+    child_side([] {
+        dct::set_default_log_level(dct::log_level::warning);
+        InfoA(CR_STATUS_OK, "%s", unreadable());
+        WarningA(CR_STATUS_BUSY, "kept");
+    });
+    ChildResult r = run_child({"DCT_LOG=stderr", "DCT_LOG_LEVEL=Loud"});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.err,
+              "WARNING [4] DCT_LOG_LEVEL \"Loud\" is not error, warning, info or trace; the configured "
+              "level is used\nWARNING [11] kept\n");
+}

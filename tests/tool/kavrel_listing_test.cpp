@@ -418,3 +418,37 @@ TEST_F(KavrelListingTest, ManyCatalogsThroughPipeStayWhole) {
 }
 
 }  // namespace
+
+namespace {
+
+// "[Log] Level" in the CR configuration file sets what the default log sink
+// keeps; DCT_LOG_LEVEL, when set, wins.
+class KavrelLogLevelTest : public KavrelListingTest {};
+
+TEST_F(KavrelLogLevelTest, ConfiguredLevelKeepsOnlyTheRecordsAtOrAboveIt) {
+    const std::string bad = pool_.catalog_dir(1, "c1", "p1");
+    kt::make_dirs(bad);
+    kt::write_file(bad + "/app.db", std::string(4096, 'x'));  // an error record when listed
+    const std::string plain_config = kt::read_file(pool_.config());
+    kt::RunOptions no_environment;
+    no_environment.unset_env.push_back("DCT_LOG_LEVEL");
+
+    kt::RunResult r = pool_.run({"-listall"}, no_environment);
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    ASSERT_NE(std::string::npos, r.err.find("INFO [")) << r.err;  // every level by default
+
+    kt::write_file(pool_.config(), plain_config + "[Log]\nLevel = warning\n");
+    r = pool_.run({"-listall"}, no_environment);
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("ERROR [")) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find("INFO [")) << r.err;
+
+    kt::write_file(pool_.config(), plain_config + "[Log]\nLevel = error\n");
+    kt::RunOptions from_environment;
+    from_environment.set_env["DCT_LOG_LEVEL"] = "info";
+    r = pool_.run({"-listall"}, from_environment);
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("INFO [")) << r.err;
+}
+
+}  // namespace
