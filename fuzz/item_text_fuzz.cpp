@@ -67,7 +67,7 @@ void check_round_trip(const appdb::app_catalog_item& item, const std::string& te
     {
         sqlitedb::sqlite3_wrapper replay(app.to_db_full_name(item.client, item.policy));
         FUZZ_CHECK(replay.open_db() == 0);
-        FUZZ_CHECK(replay.exec(statement + ";\n", nullptr) == 0);
+        FUZZ_CHECK(replay.exec(statement + ";\n") == 0);
     }
     found = read_back(app, item);
     FUZZ_CHECK(found.size() == 1);
