@@ -1,7 +1,9 @@
 // catalog_store: opening, creating and closing an application database, its
-// kept statements, the completion of a table-less file, pragmas and the
-// whole-table checks.
+// kept statements, the completion of a table-less file and pragmas; and the
+// whole-table checks of catalog_row_check.h, which share its row decoding.
 #include "appdb/catalog_store.h"
+
+#include <string.h>
 
 #include <atomic>
 #include <new>
@@ -89,24 +91,25 @@ cr_status_t out_of_memory(const char* fn) {
 
 // ---- kept statements ----
 
-sqlite3_stmt* catalog_store::statements::get(sqlite3* db, const std::string& sql, int* rc,
+sqlite3_stmt* catalog_store::statements::get(sqlite3* db, const char* sql, size_t length, int* rc,
                                              sqlitedb::statement* once) {
     *rc = SQLITE_OK;
     for (auto& entry : kept_) {
-        if (entry.first == sql) return entry.second.get();
+        if (entry.first.size() == length && memcmp(entry.first.data(), sql, length) == 0) {
+            return entry.second.get();
+        }
     }
     sqlitedb::statement fresh;
     // The length handed over includes the terminator: SQLite then need not
     // copy the text.
-    *rc = fresh.prepare(db, sql.c_str(), static_cast<int>(sql.size() + 1),
-                        kept_.size() < max_kept);
+    *rc = fresh.prepare(db, sql, static_cast<int>(length + 1), kept_.size() < max_kept);
     // A text without a statement (empty, or only a comment) prepares to none.
     if (*rc != SQLITE_OK || !fresh) return nullptr;
     if (kept_.size() >= max_kept) {
         *once = std::move(fresh);
         return once->get();
     }
-    kept_.emplace_back(sql, std::move(fresh));
+    kept_.emplace_back(std::string(sql, length), std::move(fresh));
     return kept_.back().second.get();
 }
 
@@ -259,12 +262,6 @@ bool catalog_store::run_pragma(const std::string& sql, const std::string& expect
         if (text == expect) return true;
     }
     return false;
-}
-
-cr_status_t catalog_store::count_rows(uint64_t* rows) { return count_catalog_rows(db_, file_, rows); }
-
-cr_status_t catalog_store::check_rows(uint64_t* rows, std::vector<std::string>* bad_items) {
-    return check_catalog_rows(db_, file_, rows, bad_items);
 }
 
 // ---- whole-table checks on any connection ----

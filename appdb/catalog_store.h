@@ -132,16 +132,6 @@ public:
     // silently, when it does not prepare.
     bool run_pragma(const std::string& sql, const std::string& expect, std::string* result);
 
-    // ---- whole-table checks ----
-
-    // Rows of the `catalog` table. 0, or the logged status.
-    cr_status_t count_rows(uint64_t* rows);
-    // Reads every row and compares its stored checksum with its fields'.
-    // `bad_items` gets the line form of each mismatching row (each logged
-    // "check_catalog_rows: crc mismatch for app cat item ..."). 0 when the
-    // whole table was read, whatever the rows held.
-    cr_status_t check_rows(uint64_t* rows, std::vector<std::string>* bad_items);
-
 private:
     class statements;
 

@@ -4,6 +4,8 @@
 #ifndef APPDB_CATALOG_STORE_INTERNAL_H_
 #define APPDB_CATALOG_STORE_INTERNAL_H_
 
+#include <string.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,10 +26,19 @@ class catalog_store::statements {
 public:
     static constexpr size_t max_kept = 16;
 
-    // The prepared statement of `sql`, preparing (and keeping) it when new.
-    // Null on failure, with SQLite's code in *rc; `once` then receives a
-    // statement the caller owns when the list was full.
-    sqlite3_stmt* get(sqlite3* db, const std::string& sql, int* rc, sqlitedb::statement* once);
+    // The prepared statement of the NUL-terminated text `sql` of `length`
+    // bytes, prepared (and kept) when new. When the list is full, a new text
+    // is prepared into `once`, which the caller owns for this use. Null when
+    // the text does not prepare (SQLite's code in *rc) or holds no statement
+    // (*rc is 0).
+    sqlite3_stmt* get(sqlite3* db, const char* sql, size_t length, int* rc,
+                      sqlitedb::statement* once);
+    sqlite3_stmt* get(sqlite3* db, const std::string& sql, int* rc, sqlitedb::statement* once) {
+        return get(db, sql.c_str(), sql.size(), rc, once);
+    }
+    sqlite3_stmt* get(sqlite3* db, const char* sql, int* rc, sqlitedb::statement* once) {
+        return get(db, sql, strlen(sql), rc, once);
+    }
 
     // Finalises every kept statement.
     void clear() { kept_.clear(); }

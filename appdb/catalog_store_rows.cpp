@@ -91,7 +91,7 @@ cr_status_t transaction_statement(const char* fn, sqlite3* db, const std::string
 
 cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql) {
     const char* const fn = "try_do_db_insert";
-    const std::string insert_sql = catalog_insert_sql();
+    const char* const insert_sql = catalog_insert_sql();
     sqlitedb::statement once;
     int rc = SQLITE_OK;
     sqlite3_stmt* stmt = kept_->get(db_, insert_sql, &rc, &once);
@@ -103,7 +103,7 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
         if (status != CR_STATUS_OK) return status;
         stmt = kept_->get(db_, insert_sql, &rc, &once);
     }
-    if (stmt == nullptr) return prepare_failure(fn, file_, insert_sql.c_str(), rc);
+    if (stmt == nullptr) return prepare_failure(fn, file_, insert_sql, rc);
     sqlitedb::statement_use use(stmt);
     const uint32_t crc = catalog_row_crc(item);
     rc = bind_row(stmt, item, crc);
