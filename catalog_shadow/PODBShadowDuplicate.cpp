@@ -31,7 +31,7 @@
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "dct/sleep.h"
+#include "sqlitedb/busy_retry.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace {
@@ -101,11 +101,12 @@ public:
         // been played back. Inside BEGIN the lock stays until the end.
         // When the polls ran out, the read lock is tried again one second
         // apart, as every busy database is.
-        for (int attempt = 1;; ++attempt) {
-            rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
-            if ((rc & 0xFF) != SQLITE_BUSY || attempt >= static_cast<int>(sqlitedb::busy_tries)) break;
-            DctSleep(1);
-        }
+        sqlitedb::retry_while_busy(
+            [&] {
+                rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
+                return (rc & 0xFF) == SQLITE_BUSY ? CR_STATUS_BUSY : CR_STATUS_OK;
+            },
+            [](unsigned int) { return true; });
         return rc;
     }
 
