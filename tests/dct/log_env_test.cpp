@@ -353,16 +353,24 @@ TEST(DefaultSinkThreshold, SyslogNeverFormatsRecordsBelowThreshold) {
     EXPECT_EQ(unusable_file.status, 0);
 }
 
+namespace {
+
+// Each level once with the unreadable argument: a clean exit of the child
+// proves that none of the records was formatted.
+void log_every_level_unreadable() {
+    __dctlog_trace_location.store(1);
+    ErrorA(CR_STATUS_FAILED, "%s", unreadable());
+    WarningA(CR_STATUS_FAILED, "%s", unreadable());
+    InfoA(CR_STATUS_OK, "%s", unreadable());
+    __TraceA("%s", unreadable());
+}
+
+}  // namespace
+
 // With no daemon at the log socket, syslog would drop every record: the
 // default sink keeps none, so none is formatted.
 TEST(DefaultSinkThreshold, SyslogWithoutADaemonFormatsNothing) {
-    child_side([] {
-        __dctlog_trace_location.store(1);
-        ErrorA(CR_STATUS_FAILED, "%s", unreadable());
-        WarningA(CR_STATUS_FAILED, "%s", unreadable());
-        InfoA(CR_STATUS_OK, "%s", unreadable());
-        __TraceA("%s", unreadable());
-    });
+    child_side(log_every_level_unreadable);
     if (dct::syslog_gate("/dev/log", 1000).open()) GTEST_SKIP() << "a log daemon listens on /dev/log";
     ChildResult r = run_child({});
     EXPECT_EQ(r.status, 0);
@@ -371,13 +379,7 @@ TEST(DefaultSinkThreshold, SyslogWithoutADaemonFormatsNothing) {
 }
 
 TEST(DefaultSinkThreshold, NoneFormatsNothing) {
-    child_side([] {
-        __dctlog_trace_location.store(1);
-        ErrorA(CR_STATUS_FAILED, "%s", unreadable());
-        WarningA(CR_STATUS_FAILED, "%s", unreadable());
-        InfoA(CR_STATUS_OK, "%s", unreadable());
-        __TraceA("%s", unreadable());
-    });
+    child_side(log_every_level_unreadable);
     for (const char* level : {"", "trace", "error"}) {
         SCOPED_TRACE(level);
         ChildResult r = run_child({"DCT_LOG=none", std::string("DCT_LOG_LEVEL=") + level});
