@@ -512,3 +512,31 @@ TEST_F(KavrelShadowTest, NoProgressLineWhenStderrIsNoTerminal) {
 }
 
 }  // namespace
+
+namespace {
+
+// The shadow context reads "[Log] Level" from its configuration file when it
+// loads it, so kavrel-shadow's records follow it; DCT_LOG_LEVEL, when set, wins.
+TEST_F(KavrelShadowTest, LogLevelFromTheConfigurationFile) {
+    kt::RunOptions to_stderr;
+    to_stderr.set_env.emplace(appdb::kRegistryEnv, pool_.registry());
+    to_stderr.unset_env.push_back("DCT_LOG_LEVEL");
+    kt::RunResult r = kt::run_program(shadow_binary(), {"status"}, to_stderr);
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    ASSERT_NE(std::string::npos, r.err.find("INFO [0] Catalog auto recovery is enabled.")) << r.err;
+
+    const std::string plain_config = kt::read_file(pool_.config());
+    kt::write_file(pool_.config(), plain_config + "[Log]\nLevel = warning\n");
+    r = kt::run_program(shadow_binary(), {"status"}, to_stderr);
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find("INFO [")) << r.err;
+
+    kt::RunOptions from_environment = to_stderr;
+    from_environment.unset_env.clear();
+    from_environment.set_env["DCT_LOG_LEVEL"] = "info";
+    r = kt::run_program(shadow_binary(), {"status"}, from_environment);
+    EXPECT_EQ(0, r.exit_status) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("INFO [0] Catalog auto recovery is enabled.")) << r.err;
+}
+
+}  // namespace
