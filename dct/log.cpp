@@ -45,20 +45,6 @@ private:
     bool owned_;
 };
 
-std::string without_nul(const std::string& message) {
-    if (message.find('\0') == std::string::npos) return message;
-    std::string text;
-    text.reserve(message.size() + 8);
-    for (char c : message) {
-        if (c == '\0') {
-            text += "\\0";
-        } else {
-            text += c;
-        }
-    }
-    return text;
-}
-
 // The log daemon's socket, and how often the default sink asks whether it
 // takes records.
 const char kSyslogSocket[] = "/dev/log";
@@ -75,6 +61,8 @@ struct default_sink {
     bool threshold_from_env = false;
     // For syslog: whether a daemon takes records now; null for the others.
     std::shared_ptr<dct::syslog_gate> gate;
+    // Where the records go, for people: "standard error", "the file PATH"...
+    std::string destination;
 
     // Whether a record of `level` would be kept (and so is worth formatting).
     bool keeps(dct::log_level level) const {
@@ -96,19 +84,23 @@ bool threshold_from_environment(dct::log_level* level, bool* invalid) {
 
 // The writer DCT_LOG chooses; for syslog also the gate that says whether a
 // daemon takes records (records it would not take are not handed to syslog).
-dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct::syslog_gate>* gate) {
+dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct::syslog_gate>* gate,
+                                  std::string* destination) {
     if (choice == "stderr") {
+        *destination = "standard error";
         auto s = std::make_shared<stream_sink>(stderr, false);
         return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
     }
     if (choice.compare(0, 5, "file:") == 0) {
         FILE* f = fopen(choice.c_str() + 5, "a");
         if (f != nullptr) {
+            *destination = "the file " + choice.substr(5);
             auto s = std::make_shared<stream_sink>(f, true);
             return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
         }
         // An unusable file falls back to syslog below rather than losing records.
     }
+    *destination = "syslog";
     openlog(program_invocation_short_name, LOG_PID, LOG_USER);
     *gate = std::make_shared<dct::syslog_gate>(kSyslogSocket, kSyslogProbeIntervalMs);
     return [](dct::log_level level, cr_status_t status, const std::string& message) {
@@ -119,13 +111,12 @@ dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct
             case dct::log_level::info: prio = LOG_INFO; break;
             case dct::log_level::trace: prio = LOG_DEBUG; break;
         }
-        // syslog takes C strings: a NUL inside the message is written as the
-        // characters backslash and zero, so that the rest of the record is kept.
-        const std::string text = without_nul(message);
+        // A record holds no NUL byte (make_one_line), so syslog's C string
+        // is the whole of it.
         if (level == dct::log_level::trace) {
-            syslog(prio, "%s %s", dct::log_level_name(level), text.c_str());
+            syslog(prio, "%s %s", dct::log_level_name(level), message.c_str());
         } else {
-            syslog(prio, "%s [%u] %s", dct::log_level_name(level), status, text.c_str());
+            syslog(prio, "%s [%u] %s", dct::log_level_name(level), status, message.c_str());
         }
     };
 }
@@ -140,13 +131,14 @@ default_sink make_default_sink(const dct::log_level* configured) {
     default_sink d;
     if (choice == "none") {
         d.keeps_nothing = true;
+        d.destination = "nowhere (DCT_LOG=none)";
         d.write = [](dct::log_level, cr_status_t, const std::string&) {};
         return d;
     }
     bool invalid = false;
     d.threshold_from_env = threshold_from_environment(&d.threshold, &invalid);
     if (!d.threshold_from_env && configured != nullptr) d.threshold = *configured;
-    d.write = make_default_writer(choice, &d.gate);
+    d.write = make_default_writer(choice, &d.gate, &d.destination);
     if (invalid) {
         try {
             d.write(dct::log_level::warning, CR_STATUS_FAILED,
@@ -175,7 +167,34 @@ sink_state& state() {
     return *s;
 }
 
-// Formats `format` with `ap` into `*message`.
+// A record is one line of text: line breaks that formats end with are dropped,
+// and any other control byte in the text (a NUL printed with %c, a line break
+// inside a file name) is written as "\n", "\r" or "\xHH", so that no record
+// can split a log file's lines or end a reader's string early. Tabs stay.
+void make_one_line(std::string* message) {
+    while (!message->empty() && (message->back() == '\n' || message->back() == '\r')) message->pop_back();
+    size_t i = 0;
+    while (i < message->size()) {
+        const unsigned char c = static_cast<unsigned char>((*message)[i]);
+        if ((c >= 0x20 && c != 0x7f) || c == '\t') {
+            ++i;
+            continue;
+        }
+        char escaped[5];
+        if (c == '\n') {
+            memcpy(escaped, "\\n", 3);
+        } else if (c == '\r') {
+            memcpy(escaped, "\\r", 3);
+        } else {
+            snprintf(escaped, sizeof(escaped), "\\x%02x", c);
+        }
+        const size_t length = strlen(escaped);
+        message->replace(i, 1, escaped, length);
+        i += length;
+    }
+}
+
+// Formats `format` with `ap` into `*message`, as one line (make_one_line).
 void format_record(const char* format, va_list ap, std::string* message) {
     char stack_buf[1024];
     va_list copy;
@@ -191,6 +210,7 @@ void format_record(const char* format, va_list ap, std::string* message) {
         vsnprintf(&(*message)[0], n + 1, format, ap);
         message->resize(n);
     }
+    make_one_line(message);
 }
 
 // Delivers one record to the sink that keeps it, formatting it only when one
@@ -263,6 +283,24 @@ void set_log_sink(log_sink sink) {
     sink_state& s = state();
     std::lock_guard<std::recursive_mutex> guard(s.mutex);
     s.installed = std::move(sink);
+}
+
+std::string log_destination() {
+    try {
+        sink_state& s = state();
+        std::lock_guard<std::recursive_mutex> guard(s.mutex);
+        if (s.installed) return "the program's log sink";
+        if (!s.fallback_made) {
+            s.fallback = make_default_sink(s.configured ? &s.configured_level : nullptr);
+            s.fallback_made = true;
+        }
+        if (s.fallback.gate && !s.fallback.gate->open()) {
+            return "nowhere: no syslog daemon listens on /dev/log (DCT_LOG=stderr or DCT_LOG=file:PATH keeps them)";
+        }
+        return s.fallback.destination;
+    } catch (...) {
+        return "an unknown place";
+    }
 }
 
 const char* log_level_name(log_level level) {

@@ -46,6 +46,12 @@ using log_sink = std::function<void(log_level, cr_status_t status, const std::st
 // that log start, or accept that records in flight go to the old one.
 void set_log_sink(log_sink sink);
 
+// Where records go now, for a message to people: "the program's log sink",
+// "standard error", "the file PATH", "syslog", "nowhere (DCT_LOG=none)", or,
+// when syslog is chosen but no daemon listens, "nowhere: no syslog daemon
+// listens on /dev/log (DCT_LOG=stderr or DCT_LOG=file:PATH keeps them)".
+// Chooses the default sink if no record has yet.
+std::string log_destination();
 // "ERROR", "WARNING", "INFO", "TRACE".
 const char* log_level_name(log_level level);
 

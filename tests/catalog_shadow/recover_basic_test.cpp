@@ -55,7 +55,7 @@ TEST(RecoverTest, DeletedDatabaseIsRebuiltWithEveryRow) {
                              "merge_shadows: Using " + v1 + " as the base dbfile, duplicate it to " + p.db + ".tmp"))
         << log.dump();
     EXPECT_TRUE(log.contains(log_level::info, 0, "Applying journal file " + v1 + ".journal")) << log.dump();
-    EXPECT_TRUE(log.contains(log_level::info, 0, "merge_shadows: The status value for apply_journals is 0\n"))
+    EXPECT_TRUE(log.contains(log_level::info, 0, "merge_shadows: The status value for apply_journals is 0"))
         << log.dump();
     EXPECT_TRUE(log.contains(log_level::info, 0, "recover_unlocked: Recover database " + p.db + " succeeded."))
         << log.dump();
@@ -251,7 +251,7 @@ TEST(RecoverTest, FailingJournalStatementRollsTheWholeReplayBack) {
     EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED,
                              "Failed to apply journal file " + p.shadow_file("appdb.1.journal")))
         << log.dump();
-    EXPECT_TRUE(log.contains(log_level::info, 0, "merge_shadows: The status value for apply_journals is 4\n"))
+    EXPECT_TRUE(log.contains(log_level::info, 0, "merge_shadows: The status value for apply_journals is 4"))
         << log.dump();
 
     // Through recover: the real database is untouched and the .tmp file gone.

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 #include "dct/fs.h"
 #include "dct/sleep.h"
 
@@ -33,6 +35,10 @@ TempDir::~TempDir() {
 
 LogCapture::LogCapture() {
     dct::set_log_sink([this](dct::log_level level, cr_status_t status, const std::string& message) {
+        // Every record any test provokes is one line of text.
+        if (message.find_first_of(std::string("\0\n\r", 3)) != std::string::npos) {
+            ADD_FAILURE() << "log record with a NUL byte or a line break: [" << message << "]";
+        }
         std::lock_guard<std::mutex> guard(mutex_);
         records_.push_back(LogRecord{level, status, message});
     });

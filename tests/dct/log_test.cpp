@@ -73,6 +73,35 @@ TEST(LogSink, LongMessageIsNotCut) {
     EXPECT_EQ(sink.seen[0].message, "[" + big + "]-42");
 }
 
+TEST(LogSink, RecordIsOneLineWithoutNulBytes) {
+    RecordingSink sink;
+    // A format that ends in a line break, a NUL printed with %c, a line break
+    // and other control bytes inside an argument (a file name may hold them).
+    {
+        kt::TraceSwitch on(true);
+        __TraceA("path %s root %s %c\n", "/a", "/b", '\0');
+    }
+    InfoA(0, "status is %d\n\n", 4);
+    ErrorA(CR_STATUS_IO, "file %s gone", "odd\nname\r\x01\x7f\tend");
+    ASSERT_EQ(sink.seen.size(), 3u);
+    EXPECT_EQ(sink.seen[0].message, "path /a root /b \\x00");
+    EXPECT_EQ(sink.seen[1].message, "status is 4");
+    EXPECT_EQ(sink.seen[2].message, "file odd\\nname\\r\\x01\\x7f\tend gone");
+    for (const Seen& s : sink.seen) {
+        EXPECT_EQ(std::string::npos, s.message.find('\0'));
+        EXPECT_EQ(std::string::npos, s.message.find('\n'));
+    }
+}
+
+TEST(LogSink, LongRecordWithControlBytesIsOneLineToo) {
+    // The second formatting path (past the first buffer) gets the same treatment.
+    std::string big(3000, 'q');
+    RecordingSink sink;
+    ErrorA(CR_STATUS_FAILED, "%s\n%s\n", big.c_str(), big.c_str());
+    ASSERT_EQ(sink.seen.size(), 1u);
+    EXPECT_EQ(sink.seen[0].message, big + "\\n" + big);
+}
+
 TEST(LogSink, PercentSignsAreFormattedNotPassedThrough) {
     RecordingSink sink;
     InfoA(0, "100%% of %s", "rows");

@@ -61,7 +61,7 @@ TEST_F(ParsePathTest, AcceptsCatalogDirectory) {
     ASSERT_NE(nullptr, app);
     EXPECT_EQ("c1", client_);
     EXPECT_EQ("p1", policy_);
-    EXPECT_TRUE(has_trace("client c1 policy p1 dsid 7 database_root /st/databases\n")) << log_.dump();
+    EXPECT_TRUE(has_trace("client c1 policy p1 dsid 7 database_root /st/databases")) << log_.dump();
     auto* base = dynamic_cast<appdb::catalog_application_base*>(app.get());
     ASSERT_NE(nullptr, base);
     EXPECT_EQ(7u, base->dsid);
@@ -116,7 +116,7 @@ TEST_F(ParsePathTest, EmptyPolicyAndClientAreAccepted) {
     ASSERT_NE(nullptr, app);
     EXPECT_EQ("c1", client_);
     EXPECT_EQ("", policy_);
-    EXPECT_TRUE(has_trace("client c1 policy  dsid 7 database_root /r/databases\n")) << log_.dump();
+    EXPECT_TRUE(has_trace("client c1 policy  dsid 7 database_root /r/databases")) << log_.dump();
 
     auto no_client = parse("/r/databases/application/7//p");
     ASSERT_NE(nullptr, no_client);
@@ -133,47 +133,46 @@ TEST_F(ParsePathTest, LastDatabasesComponentCounts) {
 
     // A client named "databases" moves the database root below it.
     expect_refused("/x/databases/application/1/databases/p",
-                   "database_app_root=/x/databases/application/1/databases/application\n");
+                   "database_app_root=/x/databases/application/1/databases/application");
 }
 
 TEST_F(ParsePathTest, RefusesPathWithoutDatabasesComponent) {
-    expect_refused("/r/db/application/7/c1/p1", "path /r/db/application/7/c1/p1 database root is not correct\n");
-    expect_refused("/r/databases", "path /r/databases database root is not correct\n");
+    expect_refused("/r/db/application/7/c1/p1", "path /r/db/application/7/c1/p1 database root is not correct");
+    expect_refused("/r/databases", "path /r/databases database root is not correct");
     expect_refused("databases/application/7/c1/p1",
-                   "path databases/application/7/c1/p1 database root is not correct\n");
-    expect_refused("", "path  database root is not correct\n");
+                   "path databases/application/7/c1/p1 database root is not correct");
+    expect_refused("", "path  database root is not correct");
     expect_refused("/r/Databases/application/7/c1/p1",
-                   "path /r/Databases/application/7/c1/p1 database root is not correct\n");
+                   "path /r/Databases/application/7/c1/p1 database root is not correct");
 }
 
 TEST_F(ParsePathTest, RefusesPathWithoutApplicationComponent) {
-    expect_refused("/r/databases/other/7/c1/p1", "database_app_root=/r/databases/application\n");
-    expect_refused("/r/databases/", "database_app_root=/r/databases/application\n");
-    expect_refused("/r/databases/Application/7/c/p", "database_app_root=/r/databases/application\n");
+    expect_refused("/r/databases/other/7/c1/p1", "database_app_root=/r/databases/application");
+    expect_refused("/r/databases/", "database_app_root=/r/databases/application");
+    expect_refused("/r/databases/Application/7/c/p", "database_app_root=/r/databases/application");
 }
 
 TEST_F(ParsePathTest, RefusesApplicationRootNotEndingInSlash) {
     // The character shown is the one at the start position.
     expect_refused("/r/databases/applicationX/7/c1/p1",
-                   "path /r/databases/applicationX/7/c1/p1 database_app_root /r/databases/application /\n");
+                   "path /r/databases/applicationX/7/c1/p1 database_app_root /r/databases/application /");
     expect_refused("/r/databases/application_old/7/c1/p1",
-                   "path /r/databases/application_old/7/c1/p1 database_app_root /r/databases/application o\n");
-    // Nothing follows the application root: the character is the terminator.
+                   "path /r/databases/application_old/7/c1/p1 database_app_root /r/databases/application o");
+    // Nothing follows the application root: the character is the terminator,
+    // which the record shows escaped (a record holds no NUL byte).
     expect_refused("/r/databases/application",
-                   std::string("path /r/databases/application database_app_root /r/databases/application ") +
-                       '\0' + "\n");
+                   std::string("path /r/databases/application database_app_root /r/databases/application \\x00"));
     expect_refused("/r/databases/application/",
-                   std::string("path /r/databases/application/ database_app_root /r/databases/application ") +
-                       '\0' + "\n");
+                   std::string("path /r/databases/application/ database_app_root /r/databases/application \\x00"));
 }
 
 TEST_F(ParsePathTest, RefusesMissingOrExtraLevels) {
-    expect_refused("/r/databases/application/7", "path /r/databases/application/7 dsid is not correct\n");
-    expect_refused("/r/databases/application/7/c1", "path /r/databases/application/7/c1 client is not correct\n");
+    expect_refused("/r/databases/application/7", "path /r/databases/application/7 dsid is not correct");
+    expect_refused("/r/databases/application/7/c1", "path /r/databases/application/7/c1 client is not correct");
     expect_refused("/r/databases/application/7/c1/p1/sub",
-                   "path /r/databases/application/7/c1/p1/sub policy is not correct\n");
+                   "path /r/databases/application/7/c1/p1/sub policy is not correct");
     expect_refused("/r/databases/application/7/c1/p1/",
-                   "path /r/databases/application/7/c1/p1/ policy is not correct\n");
+                   "path /r/databases/application/7/c1/p1/ policy is not correct");
 }
 
 TEST_F(ParsePathTest, RefusalLeavesClientAndPolicyAlone) {

@@ -224,10 +224,11 @@ TEST_F(KavrelListingTest, OnlyCatalogDirectoriesAreListedOthersTraced) {
         EXPECT_NE(std::string::npos, r.err.find(line)) << line << "\nin:\n" << r.err;
     }
     // The application directory itself: the character at the start is the
-    // terminator, and the record is written whole, its newline included.
-    EXPECT_NE(std::string::npos,
-              r.err.find("TRACE path " + app + " database_app_root " + app + " " + '\0' + "\n"))
+    // terminator, shown escaped; every record is one line and no NUL byte.
+    EXPECT_NE(std::string::npos, r.err.find("TRACE path " + app + " database_app_root " + app + " \\x00\n"))
         << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find('\0')) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find("\n\n")) << r.err;
     // Files are not offered to parse_path.
     EXPECT_EQ(std::string::npos, r.err.find("app.db policy is not correct")) << r.err;
 }

@@ -295,7 +295,7 @@ TEST_F(KavrelStartupTest, SlashRootBecomesEmptyRoot) {
     EXPECT_EQ(0, r.exit_status);
     EXPECT_EQ("", r.out);
     // The root offered first is the empty path; then the walk finds nothing.
-    EXPECT_EQ("TRACE path  database root is not correct\n\nINFO [2] Directory  doesn't exist.\n", r.err);
+    EXPECT_EQ("TRACE path  database root is not correct\nINFO [2] Directory  doesn't exist.\n", r.err);
 }
 
 TEST_F(KavrelStartupTest, MissingDatabaseRootListsNothing) {
