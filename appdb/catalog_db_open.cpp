@@ -3,6 +3,8 @@
 // the catalog store's.
 #include "appdb/catalog_application_base.h"
 
+#include <errno.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include "dct/fs.h"
@@ -15,7 +17,7 @@ cr_status_t catalog_application_base::create_db(const std::string& client,
     const std::string dir = to_db_full_path(client, policy);
     const std::string name = to_db_full_name(client, policy);
     if (wa_access(dir, 0) != 0) {
-        if (CreateTreeA(dir, 0750) != 0) {
+        if (CreateTreeA(dir, dct::private_dir_mode) != 0) {
             ErrorA(CR_STATUS_FAILED, "%s: can't create folder: %s", "create_db", dir.c_str());
             return CR_STATUS_FAILED;
         }
@@ -25,7 +27,15 @@ cr_status_t catalog_application_base::create_db(const std::string& client,
         if (locked != CR_STATUS_OK) return locked;
         if (wa_access(name, 0) == 0) return CR_STATUS_OK;
     }
-    return catalog_store::create(name);
+    const cr_status_t status = catalog_store::create(name);
+    // SQLite makes the file 0644 less the umask, and its journals take the
+    // file's mode: the catalog is as private as its directory.
+    if (status == CR_STATUS_OK && wa_restrict_mode(name) != 0) {
+        int e = errno;
+        WarningA(_crMapError("create_db", __FILE__, __LINE__), "%s: could not restrict the mode of %s (%s)",
+                 "create_db", name.c_str(), strerror(e));
+    }
+    return status;
 }
 
 cr_status_t catalog_application_base::need_create_db(const app_catalog_item& item, bool& created) {

@@ -13,6 +13,8 @@
 #include <string.h>
 
 #include <exception>
+#include <string>
+#include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowOps.h"
@@ -30,6 +32,26 @@ std::string temporary_copy(const PODBShadow& shadow, const std::string& type) {
 }
 
 const char* tree_name(bool app) { return app ? "APP" : "PO UL"; }
+
+// Brings a shadow made with wider modes down to the private ones: the shadow
+// directory with all it holds, and each directory above it up to the shadow
+// root. A path that cannot be changed is logged and the backup goes on: the
+// copy it protects matters more.
+void restrict_shadow_modes(const std::string& shadow_root, const std::string& shadow_dir) {
+    std::vector<std::string> paths{shadow_dir};
+    for (std::string p = shadow_dir; p.size() > shadow_root.size() && p.compare(0, shadow_root.size(), shadow_root) == 0;) {
+        p.resize(p.find_last_of('/'));
+        paths.push_back(p);
+    }
+    for (size_t i = 0; i < paths.size(); ++i) {
+        const int rc = i == 0 ? wa_restrict_tree(paths[i]) : wa_restrict_mode(paths[i]);
+        if (rc != 0) {
+            int e = errno;
+            WarningA(_crMapError("backup_unlocked", __FILE__, __LINE__), "%s: could not restrict the mode of %s (%s)",
+                     "backup_unlocked", paths[i].c_str(), strerror(e));
+        }
+    }
+}
 
 }  // namespace
 
@@ -71,13 +93,14 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
             return CR_STATUS_MISSING;
         }
         const std::string& shadow_dir = shadow->get_shadow_dir();
-        if (wa_access(shadow_dir, 0) != 0 && wa_createtree_synced(shadow_dir, 0755) != 0) {
+        if (wa_access(shadow_dir, 0) != 0 && wa_createtree_synced(shadow_dir, dct::private_dir_mode) != 0) {
             int e = errno;
             cr_status_t status = _crMapError("backup_unlocked", __FILE__, __LINE__);
             ErrorA(status, "%s: Failed to create directory %s (%s)", "backup_unlocked", shadow_dir.c_str(),
                    strerror(e));
             throw "catalog backup fail";
         }
+        restrict_shadow_modes(shadow_path, shadow_dir);
 
         uint32_t crc = 1;
         cr_status_t status = shadow->duplicate(source, tmp, &crc);

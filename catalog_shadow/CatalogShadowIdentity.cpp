@@ -22,7 +22,7 @@ cr_status_t CatalogShadowIdentity::create_identity() {
         return CR_STATUS_OK;
     }
     if (wa_access(dir_, 0) != 0) {
-        if (wa_createtree_synced(dir_, 0755) != 0) {
+        if (wa_createtree_synced(dir_, dct::private_dir_mode) != 0) {
             int e = errno;
             cr_status_t status = _crMapError("create_identity", __FILE__, __LINE__);
             ErrorA(status, "%s: failed to create directory %s (%s)", "create_identity", dir_.c_str(), strerror(e));

@@ -12,7 +12,7 @@ boost::shared_ptr<JournalStream> JournalStream::open(const std::string& path) {
     if (dct::fault_point(dct::fault_op::open_write, path.c_str()) != 0) {
         return boost::shared_ptr<JournalStream>();
     }
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, dct::private_file_mode);
     if (fd < 0) return boost::shared_ptr<JournalStream>();
     struct stat st;
     if (fstat(fd, &st) != 0) {

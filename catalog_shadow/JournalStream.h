@@ -15,7 +15,7 @@
 
 class JournalStream {
 public:
-    // Opens `path` for appending, creating it (mode 0644) when missing. Asks the
+    // Opens `path` for appending, creating it (dct::private_file_mode) when missing. Asks the
     // fault seam (open_write) first. Null with errno set on failure.
     static boost::shared_ptr<JournalStream> open(const std::string& path);
 

@@ -123,7 +123,7 @@ bool PODBShadow::history_lost(const std::string& type) const {
 
 cr_status_t PODBShadow::checkCreateWorkDir() {
     if (wa_access(shadow_dir_, 0) == 0) return CR_STATUS_OK;
-    if (wa_createtree_synced(shadow_dir_, 0755) != 0) {
+    if (wa_createtree_synced(shadow_dir_, dct::private_dir_mode) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("checkCreateWorkDir", __FILE__, __LINE__);
         ErrorA(status, "%s: Failed to create directory %s (%s)", "checkCreateWorkDir",

@@ -37,13 +37,20 @@ int OpMoveFile::operator()(const DirItem& item) {
                strerror(e));
         return -1;
     }
+    // What is set aside is as private as the shadow it lies in (a live
+    // database's journal comes with SQLite's wider mode).
+    if (wa_restrict_mode(target) != 0) {
+        int e = errno;
+        WarningA(_crMapError("operator()", __FILE__, __LINE__), "%s: could not restrict the mode of %s (%s)",
+                 "operator()", target.c_str(), strerror(e));
+    }
     return 0;
 }
 
 cr_status_t PODBShadow::new_backup_dir(const std::string& type, std::string* dir) {
     const std::string path =
         shadow_dir_ + "/" + _corrupt_prefix_ + type + "_" + std::to_string(static_cast<long long>(time(nullptr)));
-    if (wa_createtree_synced(path, 0755) != 0) {
+    if (wa_createtree_synced(path, dct::private_dir_mode) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("new_backup_dir", __FILE__, __LINE__);
         ErrorA(status, "Failed to create directory %s (%s)", path.c_str(), strerror(e));

@@ -132,7 +132,7 @@ cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
 
     int fd = -1;
     if (dct::fault_point(dct::fault_op::open_write, tmp.c_str()) == 0) {
-        fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
     if (fd < 0) {
         int e = errno;

@@ -172,7 +172,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
 
     int fd = -1;
     if (dct::fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
-        fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
     if (fd < 0) {
         cr_status_t status = _crMapError("duplicate", __FILE__, __LINE__);

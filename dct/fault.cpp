@@ -26,6 +26,7 @@ const char* fault_op_name(fault_op op) {
         case fault_op::deletedir: return "deletedir";
         case fault_op::deletetree: return "deletetree";
         case fault_op::touch: return "touch";
+        case fault_op::chmod: return "chmod";
     }
     return "?";
 }

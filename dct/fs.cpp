@@ -24,6 +24,31 @@ std::atomic<int> g_case_override{-1};
         if (dct::fault_point((op), (path)) != 0) return -1;  \
     } while (0)
 
+// The mode `st` may keep: its permission bits within the private mode of its kind.
+mode_t restricted_mode(const struct stat& st) {
+    const mode_t limit = S_ISDIR(st.st_mode) ? dct::private_dir_mode : dct::private_file_mode;
+    return st.st_mode & 07777 & (limit | ~static_cast<mode_t>(0777));
+}
+
+int restrict_stat(const char* path, const struct stat& st) {
+    if (S_ISLNK(st.st_mode)) return 0;
+    const mode_t wanted = restricted_mode(st);
+    if (wanted == (st.st_mode & 07777)) return 0;
+    return chmod(path, wanted);
+}
+
+// nftw visits one thread at a time, so the first failure can be kept here.
+thread_local int t_restrict_errno = 0;
+
+int restrict_entry(const char* path, const struct stat* st, int flag, struct FTW*) {
+    if (flag == FTW_NS || flag == FTW_DNR) {
+        if (t_restrict_errno == 0) t_restrict_errno = EACCES;
+        return 0;
+    }
+    if (restrict_stat(path, *st) != 0 && t_restrict_errno == 0) t_restrict_errno = errno;
+    return 0;
+}
+
 int remove_entry(const char* path, const struct stat*, int flag, struct FTW*) {
     if (flag == FTW_DP || flag == FTW_D) return rmdir(path);
     return unlink(path);
@@ -144,7 +169,7 @@ bool wa_isdir(const std::string& path) { return wa_isdir(path.c_str()); }
 
 int wa_touch(const char* path) {
     DCT_FAULT(dct::fault_op::touch, path);
-    int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, dct::private_file_mode);
     if (fd < 0) return -1;
     int rc = futimens(fd, nullptr);
     int e = errno;
@@ -180,6 +205,52 @@ int wa_deletetree(const char* path) {
     return nftw(path, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 int wa_deletetree(const std::string& path) { return wa_deletetree(path.c_str()); }
+
+namespace dct {
+
+path_state probe_readable(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        return errno == EACCES || errno == EPERM ? path_state::denied : path_state::missing;
+    }
+    const bool dir = S_ISDIR(st.st_mode);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (dir ? O_DIRECTORY : 0));
+    if (fd < 0) return errno == EACCES || errno == EPERM ? path_state::denied : path_state::missing;
+    close(fd);
+    if (dir && faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0) return path_state::denied;
+    return path_state::present;
+}
+
+const char* path_state_name(path_state state) {
+    switch (state) {
+        case path_state::present: return "present";
+        case path_state::missing: return "missing";
+        case path_state::denied: return "denied";
+    }
+    return "?";
+}
+
+}  // namespace dct
+
+int wa_restrict_mode(const std::string& path) {
+    DCT_FAULT(dct::fault_op::chmod, path.c_str());
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return -1;
+    return restrict_stat(path.c_str(), st);
+}
+
+int wa_restrict_tree(const std::string& path) {
+    DCT_FAULT(dct::fault_op::chmod, path.c_str());
+    t_restrict_errno = 0;
+    // Top down (no FTW_DEPTH): a directory is restricted before it is
+    // entered, which its owner may still do.
+    if (nftw(path.c_str(), restrict_entry, 16, FTW_PHYS) != 0) return -1;
+    if (t_restrict_errno != 0) {
+        errno = t_restrict_errno;
+        return -1;
+    }
+    return 0;
+}
 
 int wa_syncdir(const char* path) {
     DCT_FAULT(dct::fault_op::fsync, path);

@@ -22,6 +22,7 @@ enum class fault_op {
     deletedir,    // wa_deletedir
     deletetree,   // wa_deletetree
     touch,        // wa_touch
+    chmod,        // wa_restrict_mode / wa_restrict_tree
 };
 
 const char* fault_op_name(fault_op op);

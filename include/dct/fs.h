@@ -30,7 +30,8 @@ int wa_createtree_synced(const std::string& path, mode_t mode);
 // True when `path` is a directory (links followed).
 bool wa_isdir(const char* path);
 bool wa_isdir(const std::string& path);
-// Creates an empty file when missing and updates its time stamps.
+// Creates an empty file (dct::private_file_mode) when missing and updates its
+// time stamps.
 int wa_touch(const char* path);
 int wa_touch(const std::string& path);
 int wa_rename(const char* from, const char* to);
@@ -67,6 +68,37 @@ bool OSIsCaseSensitive();
 void ConvertStringCase(std::string& s);
 
 namespace dct {
+// The most that the catalog and its shadow give away: the owner and the
+// owner's group may read, others nothing (a catalog names every client, file
+// and owner of the pool). Every directory and file they create is made with
+// these modes, so that a umask can only take more away.
+const mode_t private_dir_mode = 0750;
+const mode_t private_file_mode = 0640;
+}  // namespace dct
+
+// Takes from `path` (a link is not followed) every permission bit beyond
+// dct::private_dir_mode for a directory, dct::private_file_mode for anything
+// else; a mode already within them is left alone. 0, or -1 with errno set.
+int wa_restrict_mode(const std::string& path);
+// wa_restrict_mode for `path` and, when it is a directory, everything below
+// it (links are not followed). Goes on past a failure; 0, or -1 with errno
+// set by the first one.
+int wa_restrict_tree(const std::string& path);
+
+namespace dct {
+// What a reader finds at a path.
+enum class path_state {
+    present,  // there, and readable by this process
+    missing,  // it, or a directory on the way, does not exist
+    denied,   // there (or not known to be missing), but the system refuses
+              // this process access to it or to a directory on the way
+};
+// Probes `path` as a reader would use it: a directory is opened and must be
+// searchable, any other file is opened for reading. Changes nothing.
+path_state probe_readable(const std::string& path);
+// "present", "missing" or "denied".
+const char* path_state_name(path_state state);
+
 // Test seam: 1 or 0 forces OSIsCaseSensitive(), -1 restores the real answer.
 void set_case_sensitive_override(int value);
 }  // namespace dct

@@ -119,6 +119,7 @@ TEST(Fault, OperationNames) {
     EXPECT_STREQ(dct::fault_op_name(fault_op::deletedir), "deletedir");
     EXPECT_STREQ(dct::fault_op_name(fault_op::deletetree), "deletetree");
     EXPECT_STREQ(dct::fault_op_name(fault_op::touch), "touch");
+    EXPECT_STREQ(dct::fault_op_name(fault_op::chmod), "chmod");
 }
 
 TEST(Fault, NoHookLetsEverythingThrough) {
