@@ -42,6 +42,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <boost/shared_ptr.hpp>
 
@@ -50,6 +51,8 @@
 #include "dct/status.h"
 
 class CatalogShadowContext;
+struct PlannedJournal;
+struct RecoveryPlan;
 
 namespace sqlitedb {
 class sqlite3_wrapper;
@@ -79,8 +82,10 @@ public:
     // writer died before any was counted. With journal_lines 0 and another
     // checksum the whole journal is taken and journal_lines filled in (unless
     // auto-fix is disabled in the process configuration). 1 when the journal
-    // matches.
-    int check_crc_journal();
+    // matches. `after`, when given, receives the journal as the check leaves
+    // it (declared below).
+    struct JournalScan;
+    int check_crc_journal(JournalScan* after = nullptr);
 
     // What one read of the journal file found: whether it could be opened,
     // its lines, the Adler-32 of all of them, and the Adler-32 and byte
@@ -308,7 +313,14 @@ public:
     // when the file cannot be read.
     static bool sqlite_holds_no_table(const std::string& file);
     cr_status_t remove_version(const ShadowVersion& version);
-    cr_status_t merge_shadows(const std::string& dir, const std::string& target, const std::string& type);
+    // Rebuilds the database of `type` into `target` by the plan of
+    // plan_recovery (RecoveryPlan.h); `done`, when given, receives the plan.
+    cr_status_t merge_shadows(const std::string& dir, const std::string& target, const std::string& type,
+                              RecoveryPlan* done = nullptr);
+    // Copies the plan's base to `target` (checked against its recorded
+    // checksum) and replays the plan's journals onto it in one transaction.
+    // 0, or the status of the step that failed.
+    cr_status_t carry_out(const RecoveryPlan& plan, const std::string& target);
     cr_status_t destroy();
 
 private:
@@ -360,8 +372,7 @@ private:
     // journal file is cut back, the newest version's counters restored and the
     // stream closed.
     void abandon_journal_(const std::string& type);
-    cr_status_t apply_journal_files_(const std::list<const ShadowVersion*>& versions,
-                                     sqlitedb::sqlite3_wrapper* db);
+    cr_status_t apply_journal_files_(const std::vector<PlannedJournal>& journals, sqlitedb::sqlite3_wrapper* db);
 
     CatalogShadowContext* context_;
     std::string dir_;

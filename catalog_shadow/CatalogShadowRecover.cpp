@@ -13,10 +13,13 @@
 #include <string.h>
 
 #include <exception>
+#include <string>
+#include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowOps.h"
 #include "catalog_shadow/PODBShadowPool.h"
+#include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "sqlitedb/sqlite_wrapper.h"
@@ -25,16 +28,11 @@ namespace {
 
 const char* tree_name(bool app) { return app ? "APP" : "PO UL"; }
 
-// SQLite's companions of a database file.
-const char* const kCompanions[] = {"-journal", "-wal", "-shm"};
 
 // Removes the rebuilt file and the journal SQLite may have left beside it.
 void remove_target(const std::string& target) {
     if (wa_access(target, 0) == 0) wa_deletefile(target);
-    for (const char* suffix : kCompanions) {
-        const std::string companion = target + suffix;
-        if (wa_access(companion, 0) == 0) wa_deletefile(companion);
-    }
+    for (const std::string& companion : live_companions(target)) wa_deletefile(companion);
 }
 
 // Sets aside the journal files SQLite left beside the real database (a dead
@@ -43,12 +41,13 @@ void remove_target(const std::string& target) {
 // cannot be moved stops the recovery. The old database itself is not moved:
 // the rebuilt one is renamed over it, so that the database's name never goes
 // missing under a reader. 0 or the status of the failure.
-cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, const std::string& real) {
-    for (const char* suffix : kCompanions) {
-        const std::string companion = real + suffix;
-        if (wa_access(companion, 0) != 0) continue;
+cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, const std::string& real,
+                                 std::vector<std::string>* moved) {
+    if (moved != nullptr) moved->clear();
+    for (const std::string& companion : live_companions(real)) {
         cr_status_t status = shadow.move_file_as_backup(type, companion);
         if (status != CR_STATUS_OK) return status;
+        if (moved != nullptr) moved->push_back(companion);
     }
     return CR_STATUS_OK;
 }
@@ -56,7 +55,8 @@ cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, co
 // The work of recover_unlocked. Throws "bad parameter" or "invalid PODB path"
 // before it has touched anything; the callers log the exception under their
 // own names.
-cr_status_t recover_database(CatalogShadowContext& context, const std::string& dir, const std::string& type) {
+cr_status_t recover_database(CatalogShadowContext& context, const std::string& dir, const std::string& type,
+                             RecoveryPlan* done) {
     if (!context.pool || !PODBShadow::is_valid_type(type)) throw "bad parameter";
     boost::shared_ptr<PODBShadow> shadow = context.pool->get(dir);
     // No journal line of this directory may land while it is rebuilt.
@@ -67,7 +67,7 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
     const std::string real = dir + "/" + PODBShadow::db_file_name(type);
     const std::string target = real + ".tmp";
     cr_status_t status = CR_STATUS_OK;
-    if (wa_access(dir, 0) != 0 && wa_createtree_synced(dir, 0755) != 0) {
+    if (wa_access(dir, 0) != 0 && wa_createtree_synced(dir, dct::private_dir_mode) != 0) {
         status = _crMapError("recover_unlocked", __FILE__, __LINE__);
         ErrorA(status, "%s: %s could not be created", "recover_unlocked", dir.c_str());
     } else {
@@ -78,8 +78,10 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
         // A crashed recovery may have left its file and, worse, a journal
         // that SQLite would play back onto the fresh copy.
         if (status == CR_STATUS_OK) remove_target(target);
-        if (status == CR_STATUS_OK) status = shadow->merge_shadows(dir, target, type);
-        if (status == CR_STATUS_OK) status = set_aside_companions(*shadow, type, real);
+        if (status == CR_STATUS_OK) status = shadow->merge_shadows(dir, target, type, done);
+        if (status == CR_STATUS_OK) {
+            status = set_aside_companions(*shadow, type, real, done != nullptr ? &done->set_aside : nullptr);
+        }
         if (status == CR_STATUS_OK) {
             __TraceA("%s: Rename file %s to %s", "recover_unlocked", target.c_str(), real.c_str());
             if (FileMove(target, real) != 0) {
@@ -120,18 +122,23 @@ cr_status_t CatalogShadowContext::recover(const std::string& dir, unsigned flags
 }
 
 cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::string& type, unsigned) {
-    if (!enabled) {
+    return recover_reporting(*this, dir, type, nullptr);
+}
+
+cr_status_t recover_reporting(CatalogShadowContext& context, const std::string& dir, const std::string& type,
+                              RecoveryPlan* done) {
+    if (!context.enabled) {
         ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
                type.c_str(), dir.c_str());
         return CR_STATUS_FAILED;
     }
-    cr_status_t status = check_identity();
+    cr_status_t status = context.check_identity();
     if (status != CR_STATUS_OK) return status;
     try {
-        DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
+        DirectoryLock::ScopedLock lock(context.dir_lock.get(), dir);
         // The lock has logged why it was not had; the recovery does not start.
         if (lock.GetStatus() != CR_STATUS_OK) return lock.GetStatus();
-        return recover_database(*this, dir, type);
+        return recover_database(context, dir, type, done);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover", e);
     } catch (const std::exception& e) {
@@ -147,7 +154,7 @@ cr_status_t CatalogShadowContext::recover_unlocked(const std::string& dir, const
         return CR_STATUS_FAILED;
     }
     try {
-        return recover_database(*this, dir, type);
+        return recover_database(*this, dir, type, nullptr);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "recover_unlocked", e);
     } catch (const std::exception& e) {

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/RecoveryPlan.h"
 #include "dct/config.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -153,37 +154,53 @@ cr_status_t PODBShadow::flush_journal(const std::string& type) {
     }
 }
 
+namespace {
+
+// The whole journal of every version in the range whose journal file holds
+// anything, in range order.
+template <typename It>
+std::vector<PlannedJournal> whole_journals(It first, It last) {
+    std::vector<PlannedJournal> journals;
+    for (; first != last; ++first) {
+        struct stat st;
+        if (wa_stat(first->journal_path, &st) != 0 || st.st_size < 1) continue;
+        PlannedJournal j;
+        j.version = first->version;
+        j.path = first->journal_path;
+        j.bytes = static_cast<uint64_t>(st.st_size);
+        journals.push_back(j);
+    }
+    return journals;
+}
+
+}  // namespace
+
 cr_status_t PODBShadow::apply_journals(ShadowVersionList::const_iterator first,
                                        ShadowVersionList::const_iterator last, sqlitedb::sqlite3_wrapper* db) {
     std::lock_guard<std::recursive_mutex> guard(mutex_);
-    std::list<const ShadowVersion*> versions;
-    for (; first != last; ++first) versions.push_back(&*first);
-    return apply_journal_files_(versions, db);
+    return apply_journal_files_(whole_journals(first, last), db);
 }
 
 cr_status_t PODBShadow::apply_journals(ShadowVersionList::const_reverse_iterator first,
                                        ShadowVersionList::const_reverse_iterator last,
                                        sqlitedb::sqlite3_wrapper* db) {
     std::lock_guard<std::recursive_mutex> guard(mutex_);
-    std::list<const ShadowVersion*> versions;
-    for (; first != last; ++first) versions.push_back(&*first);
-    return apply_journal_files_(versions, db);
+    return apply_journal_files_(whole_journals(first, last), db);
 }
 
-cr_status_t PODBShadow::apply_journal_files_(const std::list<const ShadowVersion*>& versions,
+cr_status_t PODBShadow::apply_journal_files_(const std::vector<PlannedJournal>& journals,
                                              sqlitedb::sqlite3_wrapper* db) {
-    for (const ShadowVersion* v : versions) {
-        struct stat st;
-        if (wa_access(v->journal_path, 0) != 0 || wa_stat(v->journal_path, &st) != 0 || st.st_size < 1) continue;
-        InfoA(CR_STATUS_OK, "Applying journal file %s", v->journal_path.c_str());
+    for (const PlannedJournal& j : journals) {
+        if (j.bytes == 0) continue;
+        InfoA(CR_STATUS_OK, "Applying journal file %s", j.path.c_str());
         cr_status_t status;
         try {
-            status = db->exec_file(v->journal_path);
+            status = db->exec_file(j.path, j.bytes);
         } catch (const sqlitedb::db_exception& e) {
             status = e.cr_status();
         }
         if (status != CR_STATUS_OK) {
-            ErrorA(status, "Failed to apply journal file %s", v->journal_path.c_str());
+            ErrorA(status, "Failed to apply journal file %s", j.path.c_str());
             return status;
         }
     }

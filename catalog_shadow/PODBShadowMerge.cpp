@@ -1,11 +1,12 @@
 // PODBShadow: rebuilding a database from its versions and journals
-// (merge_shadows), and removing a whole shadow (destroy).
+// (merge_shadows, carry_out), and removing a whole shadow (destroy).
 #include <errno.h>
 #include <string.h>
 
 #include <sqlite3.h>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/sleep.h"
@@ -41,41 +42,28 @@ cr_status_t po_cleanup(sqlitedb::sqlite3_wrapper& db) {
 
 }  // namespace
 
-// Chooses the newest version whose checksums and SQLite structure are sound,
-// copies it to `target`, and replays onto the copy, in one transaction, the
-// journals of that version and of every newer one, oldest first. Versions that
-// fail a check are passed over and left as they are. 0 when `target` holds the
-// rebuilt database; otherwise a status, and `target` may hold anything (the
-// caller removes it).
-cr_status_t PODBShadow::merge_shadows(const std::string& dir, const std::string& target, const std::string& type) {
+// Plans the recovery with the repairing judge (RecoveryPlan.h) and carries
+// the plan out into `target`. 0 when `target` holds the rebuilt database;
+// otherwise a status, and `target` may hold anything (the caller removes it).
+// `done`, when given, receives the plan.
+cr_status_t PODBShadow::merge_shadows(const std::string& dir, const std::string& target, const std::string& type,
+                                      RecoveryPlan* done) {
     std::lock_guard<std::recursive_mutex> guard(mutex_);
     ShadowVersionListPtr versions = get_db_versions_(type);
     const std::string real_db = dir + "/" + db_file_name(type);
+    RepairingJudge judge;
     if (versions->empty()) {
         ErrorA(CR_STATUS_NOT_FOUND, "%s: Can't recover the database for %s, there're no backups.", "merge_shadows",
                real_db.c_str());
+        if (done != nullptr) *done = plan_recovery(*versions, real_db, judge);
         return CR_STATUS_NOT_FOUND;
     }
     // The journal being read back must not be written to meanwhile.
     reset_db_active_journal_(type, boost::shared_ptr<JournalStream>());
 
-    ShadowVersionList::iterator base = versions->end();
-    for (ShadowVersionList::iterator it = versions->begin(); it != versions->end(); ++it) {
-        if (!it->check_crc_journal() || !it->check_crc_db()) {
-            WarningA(CR_STATUS_CORRUPT, "%s: %s is corrupt, will try to use an earlier shadow copy.", "merge_shadows",
-                     it->db_path.c_str());
-            continue;
-        }
-        if (!sqlite_integrity_check(it->db_path)) {
-            WarningA(CR_STATUS_CORRUPT,
-                     "%s: %s did not pass the SQLite integrity check, will try to use an earlier shadow copy.",
-                     "merge_shadows", it->db_path.c_str());
-            continue;
-        }
-        base = it;
-        break;
-    }
-    if (base == versions->end()) {
+    const RecoveryPlan plan = plan_recovery(*versions, real_db, judge);
+    if (done != nullptr) *done = plan;
+    if (!plan.possible()) {
         ErrorA(CR_STATUS_CORRUPT, "%s: Can't find appropriate shadow backup to recover %s", "merge_shadows",
                real_db.c_str());
         if (type == _podb_type_) {
@@ -84,16 +72,19 @@ cr_status_t PODBShadow::merge_shadows(const std::string& dir, const std::string&
         }
         return CR_STATUS_CORRUPT;
     }
+    return carry_out(plan, target);
+}
 
-    InfoA(CR_STATUS_OK, "%s: Using %s as the base dbfile, duplicate it to %s", "merge_shadows", base->db_path.c_str(),
+cr_status_t PODBShadow::carry_out(const RecoveryPlan& plan, const std::string& target) {
+    InfoA(CR_STATUS_OK, "%s: Using %s as the base dbfile, duplicate it to %s", "merge_shadows", plan.base_path.c_str(),
           target.c_str());
     uint32_t crc = 1;
-    cr_status_t status = duplicate(base->db_path, target, &crc);
+    cr_status_t status = duplicate(plan.base_path, target, &crc);
     if (status != CR_STATUS_OK) return status;
-    if (crc != base->db_crc) {
+    if (crc != plan.base_crc) {
         // The version changed between its check and the copy.
         ErrorA(CR_STATUS_CORRUPT, "Detected CRC mismatch for %s. Expected %u, actually %u", target.c_str(),
-               base->db_crc, crc);
+               plan.base_crc, crc);
         return CR_STATUS_CORRUPT;
     }
 
@@ -108,9 +99,8 @@ cr_status_t PODBShadow::merge_shadows(const std::string& dir, const std::string&
         status = db.begin_transaction();
         if (status != CR_STATUS_OK) return status;
 
-        // From the base towards the newest: a reverse range of the newest-first list.
-        status = apply_journals(ShadowVersionList::const_reverse_iterator(std::next(base)), versions->crend(), &db);
-        InfoA(CR_STATUS_OK, "%s: The status value for apply_journals is %d\n", "merge_shadows",
+        status = apply_journal_files_(plan.journals, &db);
+        InfoA(CR_STATUS_OK, "%s: The status value for apply_journals is %d", "merge_shadows",
               static_cast<int>(status));
         if (status != CR_STATUS_OK) {
             db.rollback_transaction();

@@ -117,11 +117,12 @@ uint64_t ShadowVersion::JournalScan::replayed_bytes(uint32_t recorded_lines, uin
     return prefix_repairable(recorded_lines, recorded_crc) ? position_at_recorded : bytes;
 }
 
-int ShadowVersion::check_crc_journal() {
+int ShadowVersion::check_crc_journal(JournalScan* after) {
     journal_verified = false;
-    const JournalScan scan = scan_journal();
+    JournalScan scan = scan_journal();
     uint32_t result = scan.crc;
     uint32_t lines = scan.lines;
+    if (after != nullptr) *after = scan;
     if (scan.prefix_repairable(journal_lines, journal_crc)) {
         // Lines appended after the checksum file was last persisted: a crash
         // between the journal sync and the checksum file. Cut them away (all
@@ -131,6 +132,12 @@ int ShadowVersion::check_crc_journal() {
                      journal_path.c_str());
             result = scan.crc_at_recorded;
             lines = journal_lines;
+            if (after != nullptr) {
+                // The file now holds exactly the recorded prefix.
+                after->lines = lines;
+                after->crc = result;
+                after->bytes = scan.position_at_recorded;
+            }
         } else {
             ErrorA(CR_STATUS_NONE, "Journal file %s was corrupted, tried to fix but failed.", journal_path.c_str());
         }

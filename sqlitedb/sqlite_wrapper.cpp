@@ -4,8 +4,10 @@
 
 #include <stdarg.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <new>
 
 #include "dct/fs.h"
@@ -141,6 +143,10 @@ cr_status_t sqlite3_wrapper::exec(const std::string& sql) {
 }
 
 cr_status_t sqlite3_wrapper::exec_file(const std::string& file) {
+    return exec_file(file, std::numeric_limits<uint64_t>::max());
+}
+
+cr_status_t sqlite3_wrapper::exec_file(const std::string& file, uint64_t max_bytes) {
     if (handle == nullptr) {
         ErrorA(CR_STATUS_MISSING, "%s is not opened.", path.c_str());
         return CR_STATUS_MISSING;
@@ -148,8 +154,15 @@ cr_status_t sqlite3_wrapper::exec_file(const std::string& file) {
     __TraceA("Execute sql file %s", file.c_str());
     std::string content;
     try {
-        std::ifstream in(file.c_str(), std::ios::in | std::ios::binary);
-        content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        std::ifstream in(file.c_str(), std::ios::in | std::ios::binary | std::ios::ate);
+        const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : 0;
+        if (size > 0) {
+            const uint64_t wanted = std::min<uint64_t>(static_cast<uint64_t>(size), max_bytes);
+            content.resize(static_cast<size_t>(wanted));
+            in.seekg(0);
+            in.read(&content[0], static_cast<std::streamsize>(wanted));
+            content.resize(static_cast<size_t>(in.gcount()));
+        }
     } catch (const std::bad_alloc&) {
         ErrorA(CR_STATUS_FAILED, "Failed to load the content of %s", file.c_str());
         return CR_STATUS_FAILED;

@@ -72,6 +72,8 @@ public:
     // Runs the whole content of `file` as one script through exec(). A file
     // that cannot be opened reads as empty text and so yields 0.
     cr_status_t exec_file(const std::string& file);
+    // The same for the first `max_bytes` bytes of `file` only.
+    cr_status_t exec_file(const std::string& file, uint64_t max_bytes);
 
     // Opens the stored path (creating the file when missing) with a busy
     // timeout of 10000 ms and extended result codes. A failure ends closed and
