@@ -5,6 +5,7 @@
 
 #include <exception>
 
+#include "dct/fs.h"
 #include "dct/log.h"
 
 namespace {
@@ -62,6 +63,17 @@ cr_status_t CatalogShadowContext::check_identity() {
     if (!identity) identity.reset(new CatalogShadowIdentity(shadow_path.c_str()));
     if (identity->identity_exist()) return CR_STATUS_OK;
     const std::string& file = identity->get_identity_file();
+    if (dct::probe_readable(file) == dct::path_state::denied) {
+        // Not lost: this process may not look. No alarm of a lost root, but
+        // the feature cannot run here either.
+        ErrorA(CR_STATUS_ACCESS_DENIED,
+               "%s: Catalog shadow identity file %s is not readable (permission denied). The catalog backup and "
+               "recovery feature will be disabled.",
+               "check_identity", file.c_str());
+        enabled = false;
+        auto_recovery = false;
+        return CR_STATUS_ACCESS_DENIED;
+    }
     if (proxy) proxy->on_identity_missing(file);
     ErrorA(CR_STATUS_FAILED,
            "%s: Catalog shadow identity file %s does not exist. The catalog backup and recovery feature will be "
@@ -87,7 +99,7 @@ std::string CatalogShadowContext::real_to_shadow_path(const std::string& real) {
     }
     if (!known) {
         ErrorA(CR_STATUS_NONE, "%s: %s is an invalid podb directory path.", "real_to_shadow_path", real.c_str());
-        throw "invalid PODB path";
+        return std::string();
     }
     const std::string shadow = shadow_path + real.substr(root.size());
     __TraceA("Real2Shadow: %s  ==>  %s", real.c_str(), shadow.c_str());
@@ -98,7 +110,7 @@ std::string CatalogShadowContext::shadow_to_real_path(const std::string& shadow,
     const std::string root = type == PODBShadow::_appdb_type_ ? app_db_root_() : podb_root_();
     if (shadow_path.empty() || !starts_with(shadow, shadow_path)) {
         ErrorA(CR_STATUS_NONE, "%s: %s is an invalid shadow directory path.", "shadow_to_real_path", shadow.c_str());
-        throw "bad parameter";
+        return std::string();
     }
     const std::string real = root + shadow.substr(shadow_path.size());
     __TraceA("Shadow2Real: %s  ==>  %s", shadow.c_str(), real.c_str());

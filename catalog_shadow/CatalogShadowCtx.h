@@ -113,7 +113,8 @@ public:
     // load_configurations, the identity object for shadow_path, check_identity
     // (skipped when the configuration turned the feature off), and the pool.
     // 0, or the status of the failed step (the feature is then off):
-    // CR_STATUS_NONE for a missing storage path, 4 for a missing identity file.
+    // CR_STATUS_NONE for a missing storage path, 4 for a missing identity file,
+    // 106 for one this process may not read.
     // Call it once, on one thread, before any other operation. With the
     // feature off, backups and journal writes are successes that do nothing
     // and recoveries fail with 4; catalog applications keep working, without
@@ -128,14 +129,18 @@ public:
     cr_status_t load_configurations();
 
     // 0 when the identity file exists. Otherwise notifies the proxy, turns the
-    // feature and auto recovery off and returns 4.
+    // feature and auto recovery off and returns 4; when the file may be there
+    // but this process may not look (permission denied), the proxy is not
+    // told of a loss, the feature is off all the same, and the result is 106.
     cr_status_t check_identity();
 
     // Real directory -> its shadow directory (shadow_path replaces the real
-    // root). Throws "invalid PODB path" for a path below neither root.
+    // root). "" for a path below neither root, logged once ("%s: %s is an
+    // invalid podb directory path.").
     std::string real_to_shadow_path(const std::string& real);
     // Shadow directory -> real directory (application root for "appdb", PO/UL
-    // root otherwise). Throws "bad parameter" for a path outside shadow_path.
+    // root otherwise). "" for a path outside shadow_path, logged once ("%s: %s
+    // is an invalid shadow directory path.").
     std::string shadow_to_real_path(const std::string& shadow, const std::string& type);
 
     // Whether the shadow of `dir` holds at least one version of the PO database

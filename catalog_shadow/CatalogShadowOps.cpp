@@ -46,6 +46,7 @@ int OpRecoverCatalog::operator()(const DirItem& item) {
 
     try {
         const std::string dir = context_->shadow_to_real_path(item.dir, *type);
+        if (dir.empty()) throw "bad parameter";  // logged by the mapping
         const std::string db = dir + "/" + PODBShadow::db_file_name(*type);
         if (wa_access(db, 0) == 0) return 0;
 

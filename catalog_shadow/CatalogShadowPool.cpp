@@ -38,6 +38,8 @@ boost::shared_ptr<PODBShadow> PODBShadowPool::get(const std::string& dir) {
     if (static_cast<int64_t>(shadows_.size()) >= size_) evict_unused_();
 
     const std::string shadow_dir = context_->real_to_shadow_path(dir);
+    // Logged by the mapping; the public operation above reports it.
+    if (shadow_dir.empty()) throw "invalid PODB path";
     boost::shared_ptr<PODBShadow> shadow(new PODBShadow(context_, dir, shadow_dir));
     if (wa_access(dir + "/" + SQLiteULDB::dbfilename, 0) == 0) {
         __TraceA("New ULDB shadow for %s", dir.c_str());

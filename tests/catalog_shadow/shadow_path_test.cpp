@@ -27,26 +27,30 @@ TEST(ShadowPath, ApplicationDirectoryMapsBelowTheShadowRoot) {
     EXPECT_EQ(l.shadow, ctx->real_to_shadow_path(l.dbroot + "/databases/application"));
 }
 
-TEST(ShadowPath, PathOutsideBothRootsThrows) {
+TEST(ShadowPath, PathOutsideBothRootsGivesEmptyAndOneRecord) {
     PoolLayout l;
     std::unique_ptr<CatalogShadowContext> ctx = l.context();
     kt::LogCapture log;
     const std::string outside = l.tmp.file("elsewhere/1");
-    try {
-        ctx->real_to_shadow_path(outside);
-        FAIL() << "no exception";
-    } catch (const char* e) {
-        EXPECT_STREQ("invalid PODB path", e);
-    }
-    EXPECT_EQ(1u, log.count_message("real_to_shadow_path: " + outside + " is an invalid podb directory path."))
+    std::string mapped = "unset";
+    EXPECT_NO_THROW(mapped = ctx->real_to_shadow_path(outside));
+    EXPECT_EQ("", mapped);
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE,
+                            "real_to_shadow_path: " + outside + " is an invalid podb directory path."))
         << log.dump();
+    EXPECT_EQ(1u, log.records().size()) << log.dump();
+    // Nor for paths that are no directory at all.
+    EXPECT_NO_THROW(mapped = ctx->real_to_shadow_path(""));
+    EXPECT_EQ("", mapped);
+    EXPECT_NO_THROW(mapped = ctx->real_to_shadow_path("relative/1"));
+    EXPECT_EQ("", mapped);
 }
 
 TEST(ShadowPath, PrefixTestIsCaseSensitiveBytes) {
     PoolLayout l;
     std::unique_ptr<CatalogShadowContext> ctx = l.context();
     std::string upper = l.dbroot + "/DATABASES/po/1";
-    EXPECT_THROW(ctx->real_to_shadow_path(upper), const char*);
+    EXPECT_EQ("", ctx->real_to_shadow_path(upper));
 }
 
 TEST(ShadowPath, ShadowToRealByType) {
@@ -60,19 +64,20 @@ TEST(ShadowPath, ShadowToRealByType) {
     EXPECT_EQ(1u, log.count_message("Shadow2Real: " + l.shadow + "/3/c/p  ==>  " + l.app_dir("3/c/p"))) << log.dump();
 }
 
-TEST(ShadowPath, ShadowPathOutsideTheShadowRootThrows) {
+TEST(ShadowPath, ShadowPathOutsideTheShadowRootGivesEmptyAndOneRecord) {
     PoolLayout l;
     std::unique_ptr<CatalogShadowContext> ctx = l.context();
     kt::LogCapture log;
     const std::string outside = l.tmp.file("other/3");
-    try {
-        ctx->shadow_to_real_path(outside, "appdb");
-        FAIL() << "no exception";
-    } catch (const char* e) {
-        EXPECT_STREQ("bad parameter", e);
-    }
-    EXPECT_EQ(1u, log.count_message("shadow_to_real_path: " + outside + " is an invalid shadow directory path."))
+    std::string mapped = "unset";
+    EXPECT_NO_THROW(mapped = ctx->shadow_to_real_path(outside, "appdb"));
+    EXPECT_EQ("", mapped);
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE,
+                            "shadow_to_real_path: " + outside + " is an invalid shadow directory path."))
         << log.dump();
+    EXPECT_EQ(1u, log.records().size()) << log.dump();
+    EXPECT_NO_THROW(mapped = ctx->shadow_to_real_path("", "podb"));
+    EXPECT_EQ("", mapped);
 }
 
 TEST(ShadowPath, RoundTrip) {
