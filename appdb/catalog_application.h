@@ -11,7 +11,9 @@
 //
 // Each client and policy of the data store has its own SQLite database,
 // database_root/application/DSID/CLIENT/POLICY/app.db, created by the first
-// update_catalog that needs it.
+// update_catalog that needs it. Within one database a file name is unique: it
+// is the row's key (the column "name"), so a second item with the same file
+// name is refused (4).
 #ifndef APPDB_CATALOG_APPLICATION_H_
 #define APPDB_CATALOG_APPLICATION_H_
 
@@ -68,17 +70,23 @@ public:
     // all 28 fields, or whose stored text holds a NUL byte
     // (unstorable_text_field), gives 4 and creates nothing. The shadow kind never
     // recreates empty a missing database that has a shadow copy: it recovers
-    // it. On 0 the row is committed.
+    // it. A file name that the catalog holds already is refused with 4 (the
+    // name is the row's key; SQLite reports the clash, which is logged). On 0
+    // the row is committed.
     virtual cr_status_t update_catalog(const char* user, unsigned int role,
                                        const std::string& item_text) = 0;
     // Runs `query` (app_query grammar) and returns the records the user may
-    // read, in the list form (catalog_application_base::to_string; "" when
-    // none is left). `result` is left alone on failure.
+    // read in the list form: the number of records in decimal, "|", then each
+    // record's line form (app_catalog_item::to_string, 28 fields each ended by
+    // "|") back to back, as in "2|<28 fields>|<28 fields>|"; "" when none is
+    // left. Read it back with appdb::from_string one record at a time after
+    // the count. `result` is left alone on failure.
     virtual cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
                                      std::string& result) = 0;
     // The same, returning the records. Records the user
     // may not read are dropped without error; a database that does not exist
-    // yet gives no records and 0. On failure `result` holds nothing useful.
+    // yet gives no records and 0, one that this process may not read 106. On
+    // failure `result` holds nothing useful.
     virtual cr_status_t find_catalog(const char* user, unsigned int role, const std::string& query,
                                      std::vector<app_catalog_item>& result) = 0;
     // The same, handing each readable record to `sink` as it is read: nothing

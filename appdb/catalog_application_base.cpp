@@ -86,6 +86,14 @@ bool catalog_application_base::db_existed(const std::string& client,
     return true;
 }
 
+cr_status_t catalog_application_base::check_db_readable(const char* function, const std::string& client,
+                                                        const std::string& policy) const {
+    const std::string name = to_db_full_name(client, policy);
+    if (dct::probe_readable(name) != dct::path_state::denied) return CR_STATUS_OK;
+    ErrorA(CR_STATUS_ACCESS_DENIED, "%s: app db %s is not readable (permission denied)", function, name.c_str());
+    return CR_STATUS_ACCESS_DENIED;
+}
+
 cr_status_t catalog_application_base::authenticate(const std::string& user, unsigned int role,
                                                    const app_catalog_item* item,
                                                    auth_application_ac access, bool log) {

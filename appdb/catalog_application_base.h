@@ -78,6 +78,14 @@ public:
     std::string to_primary_name(const std::string& name);
     // Whether the database file of client and policy exists.
     bool db_existed(const std::string& client, const std::string& policy) const;
+    // Whether this process may read the database of client and policy: 106
+    // (logged once, "%s: app db %s is not readable (permission denied)" with
+    // `function`) when the file or a directory on its way refuses this
+    // process, 0 otherwise (missing included). A database that is there but
+    // may not be read is neither missing nor damaged: nothing is created,
+    // recovered or reported empty in its place.
+    cr_status_t check_db_readable(const char* function, const std::string& client,
+                                  const std::string& policy) const;
     // Client and policy name directory levels below app_root, so each must
     // be one plain directory name: not empty, not "." or "..", without "/"
     // or a NUL byte. Returns 0, or 4 after logging one error for `function`.
@@ -87,7 +95,7 @@ public:
 
     // ---- creation and opening ----
 
-    // Creates the directory (mode 0750) when missing and a new database with
+    // Creates the directory (dct::private_dir_mode) when missing and a new database with
     // the `catalog` table and its backupid index. Returns 0, 4 when the
     // directory cannot be made, or the mapped SQLite status; a file left by a
     // failed table or index creation stays on disk.

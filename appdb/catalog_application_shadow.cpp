@@ -89,7 +89,11 @@ bool catalog_application_impl_shadow::need_recover_after_db_operation(cr_status_
     if (status == CR_STATUS_CORRUPT) {
         recover = true;
     } else if (status == CR_STATUS_IO) {
-        if (!shadow_copy_exist(client, policy)) {
+        if (check_db_readable(fn, client, policy) != CR_STATUS_OK) {
+            // The file could not be opened for lack of permission: it is
+            // neither lost nor damaged, and a rebuild would replace a
+            // database that may be sound. Logged; the operation keeps its status.
+        } else if (!shadow_copy_exist(client, policy)) {
             // Nothing to recover from.
             ErrorA(status, "%s: no app db shadow for %s %s", fn, client.c_str(), policy.c_str());
         } else if (!db_existed(client, policy)) {

@@ -126,6 +126,9 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
             InfoA(CR_STATUS_OK, "%s: no app.db shadow for %s %s", fn, query.client.c_str(),
                   query.policy.c_str());
             if (!db_existed(query.client, query.policy)) {
+                // Not to be taken for an empty catalog.
+                const cr_status_t readable = check_db_readable(fn, query.client, query.policy);
+                if (readable != CR_STATUS_OK) return readable;
                 InfoA(CR_STATUS_OK, "%s: no app db for %s %s", fn, query.client.c_str(),
                       query.policy.c_str());
                 return CR_STATUS_OK;
@@ -207,6 +210,8 @@ cr_status_t try_delete(catalog_application_base& self, const char* fn, removal_k
             InfoA(CR_STATUS_OK, "%s: no app db shadow for %s %s", fn, client.c_str(),
                   policy.c_str());
             if (!self.db_existed(client, policy)) {
+                const cr_status_t readable = self.check_db_readable(fn, client, policy);
+                if (readable != CR_STATUS_OK) return readable;
                 // Nothing to delete from: a success, and nothing is created.
                 InfoA(CR_STATUS_OK, "%s: no app db for %s %s", fn, client.c_str(), policy.c_str());
                 return CR_STATUS_OK;
