@@ -8,7 +8,11 @@
 // now; recover rebuilds a database from its shadow and checks the result.
 // Every database is worked on under its directory lock, as the services do.
 //
-// Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.
+// init creates the shadow root and its identity file for the configured pool.
+//
+// Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run, 4 some
+// file or directory could not be read (permission denied) and nothing else
+// was wrong.
 #include <stdio.h>
 #include <unistd.h>
 
@@ -21,9 +25,11 @@
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "catalog_shadow/PODBShadowPool.h"
+#include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "tool/progress.h"
+#include "tool/shadow_init.h"
 #include "tool/shadow_inspect.h"
 #include "tool/shadow_inventory.h"
 #include "tool/shadow_report.h"
@@ -36,6 +42,7 @@ const int kExitOk = 0;
 const int kExitProblems = 1;
 const int kExitUsage = 2;
 const int kExitCannotRun = 3;
+const int kExitNotReadable = 4;
 
 const char kUsage[] =
     "Check, back up and restore the catalog shadow.\n"
@@ -46,7 +53,9 @@ const char kUsage[] =
     "\tbackup                 takes a version now (DATABASE-DIR or --all)\n"
     "\trecover [--dry-run]    rebuilds DATABASE-DIR from its shadow, or shows the plan\n"
     "\trecover --missing      rebuilds every database that has a shadow but no live file\n"
-    "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.\n";
+    "\tinit                   creates the shadow root and its identity file\n"
+    "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
+    "\t4 some file or directory could not be read (permission denied).\n";
 
 enum class Output { text, json, json_lines };
 
@@ -97,7 +106,7 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
     }
     if (o->help) return true;
     const std::string& c = o->command;
-    if (c != "status" && c != "verify" && c != "backup" && c != "recover") {
+    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init") {
         *error = c.empty() ? "no command given" : "unknown command " + c;
         return false;
     }
@@ -118,6 +127,10 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             *error = "recover needs a database directory or --missing";
             return false;
         }
+    }
+    if (c == "init" && (!o->dir.empty() || o->all)) {
+        *error = "init takes no database directory";
+        return false;
     }
     if (c == "backup" && o->dir.empty() && !o->all) {
         *error = "backup needs a database directory or --all";
@@ -171,20 +184,23 @@ void run_backup(CatalogShadowContext& context, DatabaseReport* r) {
 }
 
 void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
-    DatabaseReport before;
-    before.target = r->target;
-    inspect_database(Depth::status, &before);
     Action& a = r->action;
     a.name = "recover";
-    a.status = context.recover(r->target.dir, r->target.type, 0);
+    ::RecoveryPlan done;
+    a.status = recover_reporting(context, r->target.dir, r->target.type, &done);
     inspect_database(Depth::status, r);
     check_live_database(r);
     if (a.status == CR_STATUS_OK) {
         a.result = "recovered";
-        a.version = before.recovery.base_version;
+        a.version = done.base_version;
+        a.journal_lines = done.journal_lines;
+        a.passed_over = done.passed_over;
+        a.set_aside = done.set_aside;
+        a.detail = std::to_string(done.journal_lines) + (done.journal_lines == 1 ? " journal line" : " journal lines");
+        for (const std::string& path : done.set_aside) a.detail += ", set aside " + path;
     } else {
         a.result = "failed";
-        a.detail = before.recovery.possible ? "see the log" : before.recovery.reason;
+        a.detail = done.reason.empty() ? "see the log" : done.reason;
         r->problems.push_back(Problem{r->target.db_path, "recovery failed: " + a.detail});
     }
 }
@@ -236,6 +252,21 @@ const char* progress_verb(const Options& o) {
     return "checking";
 }
 
+// Says why the command cannot run, and where the log records that tell more
+// went.
+int cannot_run(const std::string& why) {
+    fprintf(stderr, "kavrel-shadow: %s (log records went to %s)\n", why.c_str(), dct::log_destination().c_str());
+    return kExitCannotRun;
+}
+
+int run_init(CatalogShadowContext& context, bool json) {
+    InitReport report;
+    const cr_status_t status = init_shadow_root(context, &report);
+    fputs((json ? init_json(report) : init_text(report)).c_str(), stdout);
+    if (status == CR_STATUS_NONE) return cannot_run(report.reason);
+    return status == CR_STATUS_OK ? kExitOk : kExitProblems;
+}
+
 int run(const Options& o) {
     std::string cr_config;
     const std::string registry = appdb::registry_path(o.registry);
@@ -250,15 +281,23 @@ int run(const Options& o) {
         return kExitCannotRun;
     }
     CatalogShadowContext context(new ConfigFileShadowProxy(cr_config, root), new CatalogDirectoryLock());
-    if (context.init() != CR_STATUS_OK || !context.enabled) {
-        fprintf(stderr, "kavrel-shadow: the catalog shadow of this pool is disabled or has lost its identity file "
-                        "(see the log)\n");
-        return kExitCannotRun;
+    if (o.command == "init") return run_init(context, o.output != Output::text);
+    const cr_status_t started = context.init();
+    if (started == CR_STATUS_ACCESS_DENIED) {
+        fprintf(stderr, "kavrel-shadow: %s: %s\n", context.identity->get_identity_file().c_str(), kNotReadable);
+        return kExitNotReadable;
+    }
+    if (started != CR_STATUS_OK || !context.enabled) {
+        return cannot_run(context.shadow_path.empty() || !context.identity
+                              ? "the catalog shadow of this pool is disabled"
+                              : "the catalog shadow of this pool is disabled or has lost its identity file " +
+                                    context.identity->get_identity_file());
     }
 
     std::vector<Target> targets;
+    std::vector<std::string> unreadable;
     if (o.all) {
-        targets = find_all_databases(context);
+        targets = find_all_databases(context, &unreadable);
     } else if (find_databases_in(context, o.dir, &targets) != CR_STATUS_OK) {
         fprintf(stderr, "kavrel-shadow: %s is not a catalog database directory of this pool\n", o.dir.c_str());
         return kExitUsage;
@@ -285,9 +324,15 @@ int run(const Options& o) {
         }
     }
 
-    Summary summary = summarize(reports);
+    Summary summary = summarize(reports, unreadable);
     const bool nothing = !o.all && !o.missing && reports.empty();
-    summary.exit_code = (summary.problems > 0 || nothing) ? kExitProblems : kExitOk;
+    if (summary.problems > summary.not_readable || nothing) {
+        summary.exit_code = kExitProblems;
+    } else if (summary.not_readable > 0) {
+        summary.exit_code = kExitNotReadable;
+    } else {
+        summary.exit_code = kExitOk;
+    }
     if (nothing) fprintf(stderr, "kavrel-shadow: no catalog database in %s\n", o.dir.c_str());
     switch (o.output) {
     case Output::text: fputs(summary_text(command, summary).c_str(), stdout); break;
@@ -314,7 +359,6 @@ int main(int argc, char** argv) {
         return run(options);
     } catch (...) {
         ErrorA(CR_STATUS_FAILED, "%s: unexpected exception", "kavrel-shadow");
-        fprintf(stderr, "kavrel-shadow: unexpected failure (see the log)\n");
-        return kExitCannotRun;
+        return cannot_run("unexpected failure");
     }
 }

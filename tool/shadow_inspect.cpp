@@ -5,12 +5,12 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
+#include <map>
 #include <vector>
 
 #include "appdb/catalog_row_check.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "sqlitedb/sqlite_wrapper.h"
@@ -51,9 +51,18 @@ bool count_rows(const std::string& type, const std::string& path, uint64_t* rows
 
 void inspect_live(DatabaseReport* report) {
     LiveState& live = report->live;
-    live.exists = file_facts(report->target.db_path, &live.size, nullptr);
+    const std::string& path = report->target.db_path;
+    switch (dct::probe_readable(path)) {
+        case dct::path_state::missing: return;
+        case dct::path_state::denied:
+            live.denied = true;
+            report->problems.push_back(not_readable_problem(path));
+            return;
+        case dct::path_state::present: break;
+    }
+    live.exists = file_facts(path, &live.size, nullptr);
     if (!live.exists) return;
-    live.rows_known = count_rows(report->target.type, report->target.db_path, &live.rows);
+    live.rows_known = count_rows(report->target.type, path, &live.rows);
 }
 
 // Reads the checksum file into versions; false when there is none usable.
@@ -61,6 +70,11 @@ bool read_versions(DatabaseReport* report, ShadowVersionList* list) {
     uint64_t current = 0;
     std::string reason;
     const std::string path = report->target.shadow_dir + "/" + PODBShadow::chksum_file(report->target.type);
+    if (dct::probe_readable(path) == dct::path_state::denied) {
+        report->checksum_file = kDenied;
+        report->problems.push_back(not_readable_problem(path));
+        return false;
+    }
     cr_status_t status = PODBShadow::read_chksum(report->target.shadow_dir, report->target.type, &current, list,
                                                  &reason);
     if (status == CR_STATUS_MISSING) {
@@ -76,13 +90,18 @@ bool read_versions(DatabaseReport* report, ShadowVersionList* list) {
     return true;
 }
 
-void inspect_version(ShadowVersion& v, bool integrity, DatabaseReport* report, VersionState* out) {
+void inspect_version(ShadowVersion& v, bool integrity, DatabaseReport* report, VersionState* out,
+                     ShadowVersion::JournalScan* scan) {
     out->number = v.version;
     out->path = v.db_path;
     out->journal_path = v.journal_path;
     out->journal_recorded_lines = v.journal_lines;
-    out->exists = file_facts(v.db_path, &out->size, &out->age_seconds);
-    if (!out->exists) {
+    const dct::path_state db_state = dct::probe_readable(v.db_path);
+    out->exists = db_state == dct::path_state::present && file_facts(v.db_path, &out->size, &out->age_seconds);
+    if (db_state == dct::path_state::denied) {
+        out->checksum = kDenied;
+        report->problems.push_back(not_readable_problem(v.db_path));
+    } else if (!out->exists) {
         out->checksum = kMissing;
         add_problem(report, v.db_path, "version file missing");
     } else if (v.check_crc_db()) {
@@ -91,16 +110,20 @@ void inspect_version(ShadowVersion& v, bool integrity, DatabaseReport* report, V
         out->checksum = kBad;
         add_problem(report, v.db_path, "version checksum mismatch");
     }
-    ShadowVersion::JournalScan scan;
-    if (v.verify_journal(&scan)) {
+    if (dct::probe_readable(v.journal_path) == dct::path_state::denied) {
+        out->journal = kDenied;
+        report->problems.push_back(not_readable_problem(v.journal_path));
+        return;
+    }
+    if (v.verify_journal(scan)) {
         out->journal = kOk;
     } else {
         out->journal = kBad;
         add_problem(report, v.journal_path,
-                    "journal does not match the checksum file (" + std::to_string(scan.lines) + " lines, " +
+                    "journal does not match the checksum file (" + std::to_string(scan->lines) + " lines, " +
                         std::to_string(v.journal_lines) + " recorded)");
     }
-    out->journal_lines = scan.lines;
+    out->journal_lines = scan->lines;
     if (integrity && out->checksum == kOk) {
         out->integrity = PODBShadow::sqlite_integrity_check(v.db_path) ? kOk : kBad;
         if (out->integrity == kBad) add_problem(report, v.db_path, "version fails the SQLite integrity check");
@@ -126,123 +149,92 @@ private:
     std::string path_;
 };
 
-// Copies the first `length` bytes of `from` to `to`; false (logged) on failure.
-bool copy_prefix(const std::string& from, const std::string& to, uint64_t length) {
-    std::ifstream in(from.c_str(), std::ios::in | std::ios::binary);
-    std::ofstream out(to.c_str(), std::ios::out | std::ios::binary | std::ios::trunc);
-    std::vector<char> buffer(static_cast<size_t>(length));
-    if (in.read(buffer.data(), static_cast<std::streamsize>(length)) && out.write(buffer.data(), in.gcount()) &&
-        out.flush()) {
-        return true;
-    }
-    ErrorA(CR_STATUS_IO, "%s: failed to copy %s to %s", "rehearse_recovery", from.c_str(), to.c_str());
-    return false;
-}
+// The library's planner judging versions by what the inspection found: it
+// reads nothing twice and writes nothing. Integrity is checked only for a
+// candidate base whose inspection did not check it (status).
+class InspectingJudge : public VersionJudge {
+public:
+    explicit InspectingJudge(DatabaseReport* report) : report_(report) {}
 
-// Replays the recovery from `base` onto a scratch copy and counts the rows it
-// gives. False (with the plan's reason set) when the replay fails.
-bool rehearse(const DatabaseReport& report, const ShadowVersionList& list, ShadowVersionList::const_iterator base,
-              RecoveryPlan* plan) {
+    void remember(uint64_t version, VersionState* state, const ShadowVersion::JournalScan& scan) {
+        seen_[version] = Seen{state, scan};
+    }
+    bool denied() const { return denied_; }
+
+    bool checksums_hold(ShadowVersion& version, ShadowVersion::JournalScan* scan) override {
+        const Seen& seen = seen_.at(version.version);
+        *scan = seen.scan;
+        if (seen.state->checksum == kDenied || seen.state->journal == kDenied) denied_ = true;
+        return seen.state->checksum == kOk && seen.state->journal == kOk;
+    }
+
+    bool integrity_holds(const ShadowVersion& version) override {
+        VersionState& state = *seen_.at(version.version).state;
+        if (state.integrity == kUnknown) {
+            state.integrity = PODBShadow::sqlite_integrity_check(version.db_path) ? kOk : kBad;
+            if (state.integrity == kBad) {
+                add_problem(report_, version.db_path, "version fails the SQLite integrity check");
+            }
+        }
+        return state.integrity == kOk;
+    }
+
+private:
+    struct Seen {
+        VersionState* state;
+        ShadowVersion::JournalScan scan;
+    };
+    DatabaseReport* report_;
+    std::map<uint64_t, Seen> seen_;
+    bool denied_ = false;
+};
+
+// Carries `plan` out on a scratch copy, as a recovery would, and counts the
+// rows it gives. False (with the report's reason set) when it fails.
+bool rehearse(const DatabaseReport& report, const ::RecoveryPlan& plan, RecoveryPlan* out) {
     ScratchDir scratch;
     if (scratch.path().empty()) {
         ErrorA(CR_STATUS_IO, "%s: failed to create a scratch directory", "rehearse_recovery");
-        plan->reason = "no scratch directory for the rehearsal";
+        out->reason = "no scratch directory for the rehearsal";
         return false;
     }
     PODBShadow shadow(nullptr, report.target.dir, report.target.shadow_dir);
     const std::string copy = scratch.path() + "/" + PODBShadow::db_file_name(report.target.type);
-    uint32_t crc = 0;
-    if (shadow.duplicate(base->db_path, copy, &crc) != CR_STATUS_OK) {
-        plan->reason = "base version could not be copied";
-        return false;
-    }
-    // The journals as a recovery replays them, oldest first: each cut back to
-    // its recorded prefix where a recovery's check would cut it.
-    ShadowVersionList replay;
-    for (auto it = std::next(base);; ) {
-        --it;
-        replay.emplace_back(scratch.path(), it->type, it->version);
-        const ShadowVersion::JournalScan scan = it->scan_journal();
-        if (scan.exists && !copy_prefix(it->journal_path, replay.back().journal_path,
-                                        scan.replayed_bytes(it->journal_lines, it->journal_crc))) {
-            plan->reason = "journal could not be copied";
-            return false;
-        }
-        if (it == list.begin()) break;
-    }
-    sqlitedb::sqlite3_wrapper db(copy);
-    if (db.checkopen() != CR_STATUS_OK || db.begin_transaction() != CR_STATUS_OK) {
-        plan->reason = "scratch copy could not be opened";
-        return false;
-    }
-    cr_status_t status = shadow.apply_journals(replay.cbegin(), replay.cend(), &db);
-    if (status != CR_STATUS_OK) {
-        db.rollback_transaction();
-        db.close_db(kCloseRetries);
-        plan->reason = "journal replay fails";
-        return false;
-    }
-    if (db.commit_transaction() != CR_STATUS_OK) {
-        db.close_db(kCloseRetries);
-        plan->reason = "journal replay does not commit";
+    if (shadow.carry_out(plan, copy) != CR_STATUS_OK) {
+        out->reason = "the replay of the journals fails";
         return false;
     }
     if (report.target.type == PODBShadow::_appdb_type_) {
-        plan->rows_known = appdb::count_catalog_rows(db.handle, copy, &plan->rows_after) == CR_STATUS_OK;
+        sqlitedb::sqlite3_wrapper db(copy);
+        out->rows_known = db.checkopen() == CR_STATUS_OK &&
+                          appdb::count_catalog_rows(db.handle, copy, &out->rows_after) == CR_STATUS_OK;
+        db.close_db(kCloseRetries);
     }
-    db.close_db(kCloseRetries);
     return true;
 }
 
-// Journal lines a recovery replays from a version: lines written after the
-// checksum file was last persisted are cut away first when the recorded part
-// is intact.
-uint32_t replayed_lines(const VersionState& v) {
-    if (v.journal == kOk && v.journal_recorded_lines != 0 && v.journal_lines > v.journal_recorded_lines) {
-        return v.journal_recorded_lines;
-    }
-    return v.journal_lines;
-}
-
-void plan_recovery(Depth depth, DatabaseReport* report, const ShadowVersionList& list) {
-    RecoveryPlan& plan = report->recovery;
-    auto state = report->versions.begin();
-    ShadowVersionList::const_iterator base = list.end();
-    for (auto it = list.begin(); it != list.end(); ++it, ++state) {
-        bool usable = state->checksum == kOk && state->journal == kOk;
-        if (usable && state->integrity == kUnknown) {
-            state->integrity = PODBShadow::sqlite_integrity_check(it->db_path) ? kOk : kBad;
-            if (state->integrity == kBad) add_problem(report, it->db_path, "version fails the SQLite integrity check");
+void plan_recovery(Depth depth, DatabaseReport* report, ShadowVersionList& list, InspectingJudge& judge) {
+    RecoveryPlan& out = report->recovery;
+    const ::RecoveryPlan plan = ::plan_recovery(list, report->target.db_path, judge);
+    out.passed_over = plan.passed_over;
+    if (!plan.possible()) {
+        if (judge.denied()) {
+            // Not known to be unusable: the user may not read it.
+            out.reason = kNotReadable;
+            return;
         }
-        if (usable && state->integrity == kOk) {
-            base = it;
-            break;
-        }
-        plan.passed_over.push_back(it->version);
-    }
-    if (list.empty()) {
-        plan.reason = "no shadow version";
-    } else if (base == list.end()) {
-        plan.reason = "no usable shadow version";
-    }
-    if (base == list.end()) {
-        add_problem(report, report->target.shadow_dir, "recovery impossible: " + plan.reason);
+        out.reason = plan.reason;
+        add_problem(report, report->target.shadow_dir, "recovery impossible: " + out.reason);
         return;
     }
-    plan.base_version = base->version;
-    plan.base_path = base->db_path;
-    for (const VersionState& v : report->versions) {
-        plan.journal_lines += replayed_lines(v);
-        if (v.number == base->version) break;
-    }
-    for (const char* suffix : {"-journal", "-wal", "-shm"}) {
-        const std::string path = report->target.db_path + suffix;
-        if (wa_access(path, 0) == 0) plan.set_aside.push_back(path);
-    }
-    plan.possible = true;
-    if (depth != Depth::status && !rehearse(*report, list, base, &plan)) {
-        plan.possible = false;
-        add_problem(report, report->target.shadow_dir, "recovery impossible: " + plan.reason);
+    out.base_version = plan.base_version;
+    out.base_path = plan.base_path;
+    out.journal_lines = plan.journal_lines;
+    out.set_aside = plan.set_aside;
+    out.possible = true;
+    if (depth != Depth::status && !rehearse(*report, plan, &out)) {
+        out.possible = false;
+        add_problem(report, report->target.shadow_dir, "recovery impossible: " + out.reason);
     }
 }
 
@@ -274,20 +266,27 @@ void inspect_database(Depth depth, DatabaseReport* report) {
     inspect_live(report);
     ShadowVersionList list;
     const bool have_versions = read_versions(report, &list);
-    if (!report->live.exists && (have_versions || report->checksum_file == kBad)) {
+    if (!report->live.exists && !report->live.denied && (have_versions || report->checksum_file == kBad)) {
         add_problem(report, report->target.db_path, "live database missing");
     }
+    InspectingJudge judge(report);
+    report->versions.reserve(list.size());
     for (ShadowVersion& v : list) {
         report->versions.emplace_back();
-        inspect_version(v, depth == Depth::verify, report, &report->versions.back());
+        ShadowVersion::JournalScan scan;
+        inspect_version(v, depth == Depth::verify, report, &report->versions.back(), &scan);
+        judge.remember(v.version, &report->versions.back(), scan);
     }
     if (!report->versions.empty()) {
         report->journal_lines_since_newest = report->versions.front().journal_lines;
         report->newest_age_seconds = report->versions.front().age_seconds;
     }
-    if (report->checksum_file != kBad) plan_recovery(depth, report, list);
     if (report->checksum_file == kBad) {
         report->recovery.reason = "checksum file damaged";
+    } else if (report->checksum_file == kDenied) {
+        report->recovery.reason = kNotReadable;
+    } else {
+        plan_recovery(depth, report, list, judge);
     }
     if (depth == Depth::verify) check_live_database(report);
 }

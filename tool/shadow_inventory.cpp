@@ -1,5 +1,6 @@
 #include "tool/shadow_inventory.h"
 
+#include <algorithm>
 #include <set>
 #include <utility>
 
@@ -23,7 +24,11 @@ std::vector<std::string> types_of(bool app) {
 // Whether the shadow directory holds a checksum file of `type` that lists a
 // version or cannot be read (a damaged one must be reported, not hidden).
 bool shadow_lists_versions(const std::string& shadow_dir, const std::string& type) {
-    if (wa_access(shadow_dir + "/" + PODBShadow::chksum_file(type), 0) != 0) return false;
+    switch (dct::probe_readable(shadow_dir + "/" + PODBShadow::chksum_file(type))) {
+        case dct::path_state::missing: return false;
+        case dct::path_state::denied: return true;  // reported as not readable
+        case dct::path_state::present: break;
+    }
     uint64_t current = 0;
     ShadowVersionList list;
     std::string reason;
@@ -45,11 +50,8 @@ public:
             if (!shadow_) {
                 found_.insert(std::make_pair(item.dir, type));
             } else if (shadow_lists_versions(item.dir, type)) {
-                try {
-                    found_.insert(std::make_pair(context_.shadow_to_real_path(item.dir, type), type));
-                } catch (const char* e) {
-                    ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "find_all_databases", e);
-                }
+                const std::string real = context_.shadow_to_real_path(item.dir, type);
+                if (!real.empty()) found_.insert(std::make_pair(real, type));  // else logged by the mapping
             }
         }
         return 0;
@@ -62,11 +64,39 @@ private:
     DirTypeSet& found_;
 };
 
-void walk(CatalogShadowContext& context, const std::string& root, bool app, bool shadow, DirTypeSet& found) {
-    if (root.empty() || !wa_isdir(root)) return;
+// Walk functor around another: a directory this user may not read is
+// recorded in `unreadable` and not entered (the walk would stop there and say
+// nothing of the rest), every other entry goes to the inner functor.
+template <typename Op>
+class OpNoteUnreadable {
+public:
+    OpNoteUnreadable(Op& op, std::vector<std::string>& unreadable) : op_(op), unreadable_(unreadable) {}
+    int operator()(const DirItem& item) {
+        if (item.is_dir && dct::probe_readable(item.fullpath) == dct::path_state::denied) {
+            unreadable_.push_back(item.fullpath);
+            return 1;
+        }
+        return op_(item);
+    }
+
+private:
+    Op& op_;
+    std::vector<std::string>& unreadable_;
+};
+
+void walk(CatalogShadowContext& context, const std::string& root, bool app, bool shadow, DirTypeSet& found,
+          std::vector<std::string>& unreadable) {
+    if (root.empty()) return;
+    switch (dct::probe_readable(root)) {
+        case dct::path_state::missing: return;
+        case dct::path_state::denied: unreadable.push_back(root); return;
+        case dct::path_state::present: break;
+    }
+    if (!wa_isdir(root)) return;
     OpCollect op(context, app, shadow, found);
     OpFilterDSID<OpCollect> filter(app, op);
-    TraverseDir(root, filter, true, 0);
+    OpNoteUnreadable<OpFilterDSID<OpCollect>> note(filter, unreadable);
+    TraverseDir(root, note, true, 0);
 }
 
 bool starts_with(const std::string& text, const std::string& prefix) {
@@ -78,22 +108,23 @@ bool make_target(CatalogShadowContext& context, const std::string& dir, const st
     t->dir = dir;
     t->type = type;
     t->db_path = dir + "/" + PODBShadow::db_file_name(type);
-    try {
-        t->shadow_dir = context.real_to_shadow_path(dir);
-    } catch (const char*) {
-        return false;  // logged by real_to_shadow_path
-    }
-    return true;
+    t->shadow_dir = context.real_to_shadow_path(dir);
+    return !t->shadow_dir.empty();  // else logged by real_to_shadow_path
 }
 
 }  // namespace
 
-std::vector<Target> find_all_databases(CatalogShadowContext& context) {
+std::vector<Target> find_all_databases(CatalogShadowContext& context, std::vector<std::string>* unreadable) {
     DirTypeSet found;
+    std::vector<std::string> denied;
     for (bool app : {false, true}) {
-        walk(context, app ? context.proxy->app_db_root : context.proxy->get_podb_root(), app, false, found);
-        walk(context, context.shadow_path, app, true, found);
+        walk(context, app ? context.proxy->app_db_root : context.proxy->get_podb_root(), app, false, found, denied);
+        walk(context, context.shadow_path, app, true, found, denied);
     }
+    // Each walk may meet the same directory (the shadow root is walked twice).
+    std::sort(denied.begin(), denied.end());
+    denied.erase(std::unique(denied.begin(), denied.end()), denied.end());
+    if (unreadable != nullptr) *unreadable = denied;
     std::vector<Target> targets;
     for (const auto& entry : found) {
         Target t;
@@ -117,7 +148,9 @@ cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& 
     for (const std::string& type : types_of(app)) {
         Target t;
         if (!make_target(context, dir, type, &t)) return CR_STATUS_FAILED;
-        if (wa_access(t.db_path, 0) == 0 || shadow_lists_versions(t.shadow_dir, type)) targets->push_back(t);
+        if (dct::probe_readable(t.db_path) != dct::path_state::missing || shadow_lists_versions(t.shadow_dir, type)) {
+            targets->push_back(t);
+        }
     }
     return CR_STATUS_OK;
 }

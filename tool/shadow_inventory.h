@@ -15,12 +15,15 @@
 namespace kshadow {
 
 // Every database of the pool, ordered by directory, then type word. A shadow
-// whose checksum file is damaged counts as listing a version.
-std::vector<Target> find_all_databases(CatalogShadowContext& context);
+// whose checksum file is damaged or may not be read counts as listing a
+// version. The directories this user may not read, where databases may lie
+// unseen, go to `unreadable` (sorted) when it is given.
+std::vector<Target> find_all_databases(CatalogShadowContext& context, std::vector<std::string>* unreadable);
 
 // The databases of real directory `dir` (a trailing "/" is dropped): each type
 // of the directory's tree whose database file exists or whose shadow holds a
-// checksum file that is damaged or lists a version. 0, or 4 (logged "%s: %s is
+// checksum file that is damaged, may not be read or lists a version (a
+// database file this user may not see counts as there). 0, or 4 (logged "%s: %s is
 // not a catalog database directory") when `dir` lies below neither real root.
 cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& dir,
                               std::vector<Target>* targets);

@@ -17,6 +17,11 @@ extern const char* const kUnknown;  // "unknown": not checked
 extern const char* const kOk;       // "ok"
 extern const char* const kBad;      // "bad"
 extern const char* const kMissing;  // "missing"
+extern const char* const kDenied;   // "denied": there, but this user may not read it
+
+// The problem of a file or directory that exists but may not be read: never
+// damage, never a loss, and nothing a recovery would mend.
+extern const char* const kNotReadable;  // "not readable (permission denied)"
 
 // One catalog database: its real directory, type word and shadow directory.
 struct Target {
@@ -28,6 +33,7 @@ struct Target {
 
 struct LiveState {
     bool exists = false;
+    bool denied = false;  // there, or not known to be missing, but not readable
     uint64_t size = 0;
     bool rows_known = false;
     uint64_t rows = 0;
@@ -65,7 +71,11 @@ struct RecoveryPlan {
 struct Problem {
     std::string path;
     std::string what;
+    bool not_readable = false;  // `what` is kNotReadable
 };
+
+// The problem of `path` that this user may not read.
+Problem not_readable_problem(const std::string& path);
 
 // What backup or recover did to the database.
 struct Action {
@@ -74,6 +84,10 @@ struct Action {
     cr_status_t status = CR_STATUS_OK;
     uint64_t version = 0;  // the version kept or recovered from (0: none)
     std::string detail;
+    // What a recovery carried out (name "recover", result "recovered").
+    uint64_t journal_lines = 0;
+    std::vector<uint64_t> passed_over;
+    std::vector<std::string> set_aside;
 };
 
 struct DatabaseReport {

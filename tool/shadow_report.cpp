@@ -11,11 +11,6 @@ namespace {
 // Width of the label column of the text form.
 const int kLabelWidth = 14;
 
-std::string line(const std::string& label, const std::string& text) {
-    char buf[64];
-    snprintf(buf, sizeof(buf), "  %-*s", kLabelWidth, label.c_str());
-    return buf + text + "\n";
-}
 
 std::string plural(uint64_t n, const char* word) {
     return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
@@ -33,6 +28,7 @@ void write_live(JsonWriter& w, const DatabaseReport& r) {
     w.begin_object();
     w.member("path", r.target.db_path);
     w.member("exists", r.live.exists);
+    w.member("readable", !r.live.denied);
     w.member("size", r.live.size);
     w.member_or_null("rows", r.live.rows_known, r.live.rows);
     w.member("integrity", r.live.integrity);
@@ -89,6 +85,15 @@ void write_action(JsonWriter& w, const Action& a) {
     w.member("status", static_cast<uint64_t>(a.status));
     w.member_or_null("version", a.version != 0, a.version);
     w.member("detail", a.detail);
+    w.member("journal_lines", a.journal_lines);
+    w.key("passed_over");
+    w.begin_array();
+    for (uint64_t n : a.passed_over) w.value(n);
+    w.end_array();
+    w.key("set_aside");
+    w.begin_array();
+    for (const std::string& path : a.set_aside) w.value(path);
+    w.end_array();
     w.end_object();
 }
 
@@ -99,6 +104,11 @@ void write_summary(JsonWriter& w, const Summary& s) {
     w.member("problems", s.problems);
     w.member("recoverable", s.recoverable);
     w.member("exit_code", static_cast<int64_t>(s.exit_code));
+    w.member("not_readable", s.not_readable);
+    w.key("unreadable");
+    w.begin_array();
+    for (const std::string& path : s.unreadable) w.value(path);
+    w.end_array();
     w.end_object();
 }
 
@@ -109,14 +119,24 @@ void write_head(JsonWriter& w, const std::string& command) {
 
 }  // namespace
 
-Summary summarize(const std::vector<DatabaseReport>& reports) {
+std::string labelled_line(const std::string& label, const std::string& text) {
+    char buf[64];
+    snprintf(buf, sizeof(buf), "  %-*s", kLabelWidth, label.c_str());
+    return buf + text + "\n";
+}
+
+Summary summarize(const std::vector<DatabaseReport>& reports, const std::vector<std::string>& unreadable) {
     Summary s;
     for (const DatabaseReport& r : reports) {
         ++s.databases;
         if (!r.problems.empty()) ++s.with_problems;
         s.problems += r.problems.size();
+        for (const Problem& p : r.problems) s.not_readable += p.not_readable ? 1 : 0;
         if (r.recovery.possible) ++s.recoverable;
     }
+    s.unreadable = unreadable;
+    s.problems += unreadable.size();
+    s.not_readable += unreadable.size();
     return s;
 }
 
@@ -142,6 +162,7 @@ std::string database_json(const DatabaseReport& r) {
         w.begin_object();
         w.member("path", p.path);
         w.member("problem", p.what);
+        w.member("not_readable", p.not_readable);
         w.end_object();
     }
     w.end_array();
@@ -179,19 +200,21 @@ std::string summary_json_line(const std::string& command, const Summary& summary
 std::string database_text(const std::string& command, const DatabaseReport& r) {
     std::string out = r.target.type + " " + r.target.dir + "\n";
     const LiveState& live = r.live;
-    std::string text = live.exists ? "present, " + plural(live.size, "byte") : std::string("missing");
+    std::string text = live.exists   ? "present, " + plural(live.size, "byte")
+                       : live.denied ? std::string(kNotReadable)
+                                     : std::string("missing");
     if (live.rows_known) text += ", " + plural(live.rows, "row");
     if (live.exists) text += ", integrity " + live.integrity + ", row checksums " + live.row_checksums;
-    out += line("live", text);
-    out += line("checksums", r.checksum_file);
+    out += labelled_line("live", text);
+    out += labelled_line("checksums", r.checksum_file == kDenied ? std::string(kNotReadable) : r.checksum_file);
     for (const VersionState& v : r.versions) {
         std::string vt = v.exists ? plural(v.size, "byte") + ", age " + age_text(v.age_seconds) : std::string("missing");
         vt += ", checksum " + v.checksum + ", journal " + v.journal + " (" + plural(v.journal_lines, "line") + ")";
         vt += ", integrity " + v.integrity;
-        out += line("version " + std::to_string(v.number), vt);
+        out += labelled_line("version " + std::to_string(v.number), vt);
     }
     if (!r.versions.empty()) {
-        out += line("journal", plural(r.journal_lines_since_newest, "line") + " since version " +
+        out += labelled_line("journal", plural(r.journal_lines_since_newest, "line") + " since version " +
                                    std::to_string(r.versions.front().number) + ", age " +
                                    age_text(r.newest_age_seconds));
     }
@@ -210,23 +233,28 @@ std::string database_text(const std::string& command, const DatabaseReport& r) {
     } else {
         pt = "impossible: " + p.reason;
     }
-    out += line(command == "recover --dry-run" ? "plan" : "recovery", pt);
-    for (const Problem& problem : r.problems) out += line("problem", problem.path + ": " + problem.what);
+    out += labelled_line(command == "recover --dry-run" ? "plan" : "recovery", pt);
+    for (const Problem& problem : r.problems) out += labelled_line("problem", problem.path + ": " + problem.what);
     const Action& a = r.action;
     if (!a.name.empty()) {
         std::string at = a.result;
         if (a.version != 0) at += (a.name == "recover" ? " from version " : " version ") + std::to_string(a.version);
         if (!a.detail.empty()) at += " (" + a.detail + ")";
         if (a.status != 0) at += " [status " + std::to_string(a.status) + "]";
-        out += line(a.name, at);
+        out += labelled_line(a.name, at);
     }
     return out;
 }
 
 std::string summary_text(const std::string& command, const Summary& s) {
-    return command + ": " + plural(s.databases, "database") + ", " + std::to_string(s.with_problems) +
+    std::string out;
+    for (const std::string& path : s.unreadable) out += labelled_line("problem", path + ": " + kNotReadable);
+    if (!s.unreadable.empty()) out += "\n";
+    out += command + ": " + plural(s.databases, "database") + ", " + std::to_string(s.with_problems) +
            " with problems, " + plural(s.problems, "problem") + ", " + std::to_string(s.recoverable) +
-           " recoverable\n";
+           " recoverable";
+    if (s.not_readable > 0) out += ", " + std::to_string(s.not_readable) + " not readable";
+    return out + "\n";
 }
 
 }  // namespace kshadow

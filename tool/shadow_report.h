@@ -14,9 +14,16 @@
 //   RECOVERY    {"possible", "base_version" (null: none), "base_path" (null), "journal_lines",
 //                "rows_after" (null: not rehearsed), "passed_over":[N...], "set_aside":[PATH...],
 //                "reason" (null when possible)}
-//   ACTION      {"name", "result", "status", "version" (null: none), "detail"}
-//   SUMMARY     {"databases", "with_problems", "problems", "recoverable", "exit_code"}
-// Check results are "ok", "bad", "missing" or "unknown" (not checked).
+//   ACTION      {"name", "result", "status", "version" (null: none), "detail",
+//                "journal_lines", "passed_over":[N...], "set_aside":[PATH...]}
+//   SUMMARY     {"databases", "with_problems", "problems", "recoverable", "exit_code",
+//                "not_readable", "unreadable":[PATH...]}
+// A problem is {"path", "problem", "not_readable"}: "not_readable" is true for
+// the problem "not readable (permission denied)" of a file or directory that
+// exists but that this user may not read. "unreadable" lists the directories
+// the search for databases could not enter; each counts as one problem.
+// Check results are "ok", "bad", "missing", "denied" (not readable) or
+// "unknown" (not checked). "live" has "readable" besides "exists".
 #ifndef TOOL_SHADOW_REPORT_H_
 #define TOOL_SHADOW_REPORT_H_
 
@@ -34,13 +41,19 @@ const int kJsonSchema = 1;
 struct Summary {
     uint64_t databases = 0;
     uint64_t with_problems = 0;
-    uint64_t problems = 0;
+    uint64_t problems = 0;      // the not-readable ones included
     uint64_t recoverable = 0;
+    uint64_t not_readable = 0;  // problems "not readable (permission denied)"
+    std::vector<std::string> unreadable;  // directories the search could not enter
     int exit_code = 0;
 };
 
-// Counts of `reports`; exit_code is left to the caller.
-Summary summarize(const std::vector<DatabaseReport>& reports);
+// Counts of `reports` and of the `unreadable` directories; exit_code is left
+// to the caller.
+Summary summarize(const std::vector<DatabaseReport>& reports, const std::vector<std::string>& unreadable);
+
+// "  LABEL" padded to the label column, then `text` and a newline.
+std::string labelled_line(const std::string& label, const std::string& text);
 
 // One DATABASE record on one line (no newline).
 std::string database_json(const DatabaseReport& report);
@@ -52,7 +65,8 @@ std::string summary_json_line(const std::string& command, const Summary& summary
 
 // The text block of one database, every line ended by a newline.
 std::string database_text(const std::string& command, const DatabaseReport& report);
-// The closing summary line of a command.
+// The problem lines of the unreadable directories, then the closing summary
+// line of a command (", N not readable" only when there are such problems).
 std::string summary_text(const std::string& command, const Summary& summary);
 
 }  // namespace kshadow

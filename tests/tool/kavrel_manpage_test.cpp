@@ -60,7 +60,8 @@ TEST(KavrelShadowManPage, NamesEveryCommandOptionAndExitStatus) {
                              "\\-\\-missing", "\\-\\-json", "\\-\\-json\\-lines", "\\-\\-registry",
                              "\\-\\-all", "VELKREGISTRY", "DCT_LOG", "kavrel\\-shadow.timer",
                              "SUMMARY    {\"databases\", \"with_problems\", \"problems\", \"recoverable\"",
-                             ".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n"}) {
+                             ".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n", ".B 4\n", ".B init\n",
+                             "not readable (permission denied)", ".SH CONFIGURATION", "CatalogBackupVersionCount"}) {
         EXPECT_NE(std::string::npos, text.find(word)) << word;
     }
 }

@@ -4,151 +4,20 @@
 // journal, a missing database, a corrupted live row. Each case checks the exit
 // status, the text and the JSON, and that the read-only commands leave every
 // file as it was, also when run by a user without write access.
-#include <ftw.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <map>
-#include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application_base.h"
-#include "catalog_shadow/CatalogShadowCtx.h"
-#include "catalog_shadow/ConfigFileShadowProxy.h"
-#include "common/test_util.h"
-#include "json_value.h"
-#include "tool_test_util.h"
+#include "kavrel_shadow_fixture.h"
 
 namespace {
 
-std::string shadow_binary() {
-    const char* dir = getenv("KAVREL_BINARY_DIR");
-    return std::string(dir != nullptr ? dir : "") + "/tool/kavrel-shadow";
-}
-
-// Every file and directory below a root: path -> mode and content.
-std::map<std::string, std::string>* g_tree = nullptr;
-int record_entry(const char* path, const struct stat* st, int flag, struct FTW*) {
-    std::string entry = std::to_string(st->st_mode) + ":";
-    if (flag == FTW_F) entry += kt::read_file(path);
-    (*g_tree)[path] = entry;
-    return 0;
-}
-std::map<std::string, std::string> snapshot(const std::string& root) {
-    std::map<std::string, std::string> tree;
-    g_tree = &tree;
-    nftw(root.c_str(), record_entry, 16, FTW_PHYS);
-    g_tree = nullptr;
-    return tree;
-}
-
-// Makes the tree readable by everyone and writable by no one.
-int make_read_only(const char* path, const struct stat* st, int flag, struct FTW*) {
-    chmod(path, flag == FTW_D ? 0555 : (S_ISREG(st->st_mode) ? 0444 : st->st_mode));
-    return 0;
-}
-int make_writable(const char* path, const struct stat* st, int flag, struct FTW*) {
-    chmod(path, flag == FTW_DP || flag == FTW_D ? 0755 : (S_ISREG(st->st_mode) ? 0644 : st->st_mode));
-    return 0;
-}
-
-int drop_privileges() {
-    if (geteuid() != 0) return 0;
-    if (setgid(65534) != 0) return 1;
-    if (setuid(65534) != 0) return 2;
-    return 0;
-}
-
-// Ages change from run to run; the texts are compared with them masked.
-std::string mask_ages(const std::string& text) {
-    return std::regex_replace(text, std::regex("age [0-9]+[smhd]"), "age N");
-}
-
-appdb::app_catalog_item item(const std::string& client, const std::string& policy, int n) {
-    appdb::app_catalog_item it;
-    it.client = client;
-    it.policy = policy;
-    it.backup_id = client + "_" + std::to_string(1700000000 + n);
-    it.file_name = it.backup_id + "_C1_F1";
-    it.file_len = 4096u * static_cast<uint64_t>(n + 1);
-    it.policy_type = 4;
-    it.frag_nums = 1;
-    it.app_id = "orcl";
-    it.data_object = "DATAFILE";
-    it.backup_start_time = 1700000000 + n;
-    it.backup_stop_time = 1700000600 + n;
-    it.owner = "svc";
-    it.owner_role = appdb::APP_ROLE_APP;
-    return it;
-}
-
-class KavrelShadowTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        chmod(pool_.dir().path().c_str(), 0755);
-        storage_ = pool_.dir().file("storage");
-        kt::write_file(pool_.config(), "[Paths]\nDatabase = " + pool_.root() + "\nStorageDatabase = " + pool_.root() +
-                                           "\n[Storage]\nStorage Path = " + storage_ + "\n");
-        shadow_root_ = storage_ + "/catalogshadow";
-        p1_ = pool_.catalog_dir(1, "c1", "p1");
-        p2_ = pool_.catalog_dir(1, "c2", "p2");
-        s1_ = shadow_root_ + "/1/c1/p1";
-        build({{"c1", "p1", 3}, {"c2", "p2", 2}});
-    }
-
-    struct Fill {
-        std::string client, policy;
-        int items;
-    };
-
-    // Makes the catalogs through a shadow-protected catalog application, as
-    // a service does: each database gets its first version when created and a
-    // journal line per item.
-    void build(const std::vector<Fill>& fills) {
-        CatalogShadowContext context(new ConfigFileShadowProxy(pool_.config(), pool_.root()),
-                                     new CatalogDirectoryLock());
-        ASSERT_EQ(CR_STATUS_OK, context.load_configurations());
-        ASSERT_EQ(CR_STATUS_OK, CatalogShadowIdentity(context.shadow_path.c_str()).create_identity());
-        ASSERT_EQ(CR_STATUS_OK, context.init());
-        std::unique_ptr<appdb::catalog_application> catalog(appdb::catalog_application_factory::create_catalog(
-            1, pool_.root() + "/databases", appdb::APP_D_CATALOG_SHADOW, &context, 5));
-        ASSERT_TRUE(catalog);
-        for (const Fill& f : fills) {
-            for (int i = 0; i < f.items; ++i) {
-                ASSERT_EQ(CR_STATUS_OK,
-                          catalog->update_catalog("svc", appdb::APP_ROLE_APP, item(f.client, f.policy, i).to_string()));
-            }
-        }
-    }
-
-    kt::RunResult run(const std::vector<std::string>& args, kt::RunOptions options = kt::RunOptions()) {
-        options.set_env.emplace(appdb::kRegistryEnv, pool_.registry());
-        options.set_env["DCT_LOG"] = "none";
-        return kt::run_program(shadow_binary(), args, options);
-    }
-
-    // Runs a command that must change nothing, and checks that it did not.
-    kt::RunResult run_read_only(const std::vector<std::string>& args) {
-        const auto before = snapshot(pool_.dir().path());
-        kt::RunResult r = run(args);
-        EXPECT_EQ(before, snapshot(pool_.dir().path())) << "changed by " << args[0];
-        return r;
-    }
-
-    std::string live_block(const std::string& dir, const std::string& live) const {
-        return "appdb " + dir + "\n  live          " + live + "\n";
-    }
-
-    kt::TestPool pool_;
-    std::string storage_, shadow_root_, p1_, p2_, s1_;
-};
+using namespace kshadowt;
 
 TEST_F(KavrelShadowTest, HealthyPool) {
     kt::RunResult r = run_read_only({"status"});
@@ -198,13 +67,14 @@ TEST_F(KavrelShadowTest, JsonSchemaIsPinned) {
     ASSERT_EQ(0, r.exit_status) << r.err;
     EXPECT_EQ(
         "{schema:number,command:string,databases:[{dir:string,type:string,"
-        "live:{path:string,exists:bool,size:number,rows:number,integrity:string,row_checksums:string},"
+        "live:{path:string,exists:bool,readable:bool,size:number,rows:number,integrity:string,row_checksums:string},"
         "checksum_file:string,versions:[{version:number,path:string,exists:bool,size:number,age_seconds:number,"
         "checksum:string,journal:{path:string,lines:number,recorded_lines:number,checksum:string},integrity:string}],"
         "journal_lines_since_newest:number,newest_age_seconds:number,"
         "recovery:{possible:bool,base_version:number,base_path:string,journal_lines:number,rows_after:null,"
         "passed_over:[],set_aside:[],reason:null},problems:[],action:null}],"
-        "summary:{databases:number,with_problems:number,problems:number,recoverable:number,exit_code:number}}",
+        "summary:{databases:number,with_problems:number,problems:number,recoverable:number,exit_code:number,"
+        "not_readable:number,unreadable:[]}}",
         kt::JsonParser::parse(r.out).shape());
     EXPECT_EQ(1, kt::JsonParser::parse(r.out)["schema"].n);
 
@@ -215,7 +85,7 @@ TEST_F(KavrelShadowTest, JsonSchemaIsPinned) {
     ASSERT_EQ(3u, lines.size()) << r.out;
     EXPECT_EQ(kt::JsonParser::parse(lines[0]).shape(), kt::JsonParser::parse(lines[1]).shape());
     EXPECT_EQ("{schema:number,command:string,summary:{databases:number,with_problems:number,problems:number,"
-              "recoverable:number,exit_code:number}}",
+              "recoverable:number,exit_code:number,not_readable:number,unreadable:[]}}",
               kt::JsonParser::parse(lines[2]).shape());
 
     // A failed check fills the nullable members with their other kinds.
@@ -226,11 +96,12 @@ TEST_F(KavrelShadowTest, JsonSchemaIsPinned) {
     EXPECT_EQ("{possible:bool,base_version:null,base_path:null,journal_lines:number,rows_after:null,"
               "passed_over:[number],set_aside:[],reason:string}",
               db["recovery"].shape());
-    EXPECT_EQ("[{path:string,problem:string}]", db["problems"].shape());
+    EXPECT_EQ("[{path:string,problem:string,not_readable:bool}]", db["problems"].shape());
 
     r = run({"--json", "backup", p2_});
     ASSERT_EQ(0, r.exit_status) << r.err;
-    EXPECT_EQ("{name:string,result:string,status:number,version:number,detail:string}",
+    EXPECT_EQ("{name:string,result:string,status:number,version:number,detail:string,journal_lines:number,"
+              "passed_over:[],set_aside:[]}",
               kt::JsonParser::parse(r.out)["databases"][0]["action"].shape());
 }
 
@@ -317,7 +188,7 @@ TEST_F(KavrelShadowTest, MissingDatabase) {
     EXPECT_NE(std::string::npos,
               r.out.find(live_block(p1_, "present, 16384 bytes, 3 rows, integrity ok, row checksums ok")))
         << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("  recover       recovered from version 1\n"));
+    EXPECT_NE(std::string::npos, r.out.find("  recover       recovered from version 1 (3 journal lines)\n"));
     EXPECT_NE(std::string::npos, r.out.find("recover --missing: 1 database, 0 with problems, 0 problems, 1 recoverable\n"));
     EXPECT_EQ(std::string::npos, r.out.find(p2_)) << "a present database is left alone";
 
@@ -397,7 +268,8 @@ TEST_F(KavrelShadowTest, UsageAndCannotRun) {
     EXPECT_EQ(2, run({"status", "/not/below/the/pool"}).exit_status);
     r = run({"--help"});
     EXPECT_EQ(0, r.exit_status);
-    EXPECT_NE(std::string::npos, r.out.find("Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run.\n"));
+    EXPECT_NE(std::string::npos, r.out.find("Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
+                                            "\t4 some file or directory could not be read (permission denied).\n"));
 
     r = run({"--registry", pool_.dir().file("no-such-registry.cfg"), "status"});
     EXPECT_EQ(3, r.exit_status);
