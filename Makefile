@@ -73,9 +73,10 @@ define need_script
 	@if [ ! -f $(1) ]; then echo "make $(2): not available yet ($(1) is missing)"; exit 1; fi
 endef
 
+# The script configures build/ and builds only the programs the demo runs.
 demo:
 	$(call need_script,scripts/demo.sh,demo)
-	@$(MAKE) --no-print-directory build
+	@$(MAKE) --no-print-directory deps
 	@BUILD_DIR=build DEMO_DIR=build/demo bash scripts/demo.sh
 
 bench:
