@@ -182,6 +182,10 @@ void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
     if (a.status == CR_STATUS_OK) {
         a.result = "recovered";
         a.version = before.recovery.base_version;
+        // What the old file left beside it was moved away, not applied.
+        for (const std::string& path : before.recovery.set_aside) {
+            a.detail += (a.detail.empty() ? "set aside " : ", ") + path;
+        }
     } else {
         a.result = "failed";
         a.detail = before.recovery.possible ? "see the log" : before.recovery.reason;
