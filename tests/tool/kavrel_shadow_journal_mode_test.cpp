@@ -22,32 +22,10 @@
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "common/test_util.h"
 #include "json_value.h"
+#include "shadow_tool_util.h"
 #include "tool_test_util.h"
 
 namespace {
-
-std::string shadow_binary() {
-    const char* dir = getenv("KAVREL_BINARY_DIR");
-    return std::string(dir != nullptr ? dir : "") + "/tool/kavrel-shadow";
-}
-
-appdb::app_catalog_item item(int n) {
-    appdb::app_catalog_item it;
-    it.client = "c1";
-    it.policy = "p1";
-    it.backup_id = "c1_" + std::to_string(1700000000 + n);
-    it.file_name = it.backup_id + "_C1_F1";
-    it.file_len = 4096u * static_cast<uint64_t>(n + 1);
-    it.policy_type = 4;
-    it.frag_nums = 1;
-    it.app_id = "orcl";
-    it.data_object = "DATAFILE";
-    it.backup_start_time = 1700000000 + n;
-    it.backup_stop_time = 1700000600 + n;
-    it.owner = "svc";
-    it.owner_role = appdb::APP_ROLE_APP;
-    return it;
-}
 
 // The value of a single-value statement on a connection of its own.
 std::string scalar(const std::string& file, const std::string& sql) {
@@ -101,7 +79,7 @@ protected:
 
     void insert(int from, int to) {
         for (int i = from; i < to; ++i) {
-            const appdb::app_catalog_item it = item(i);
+            const appdb::app_catalog_item it = kst::item("c1", "p1", i);
             ASSERT_EQ(CR_STATUS_OK, service_->update_catalog("svc", appdb::APP_ROLE_APP, it.to_string()));
             acknowledged_[it.file_name] = it.to_string();
         }
@@ -121,7 +99,7 @@ protected:
     kt::RunResult run(const std::vector<std::string>& args, kt::RunOptions options = kt::RunOptions()) {
         options.set_env.emplace(appdb::kRegistryEnv, pool_.registry());
         options.set_env["DCT_LOG"] = "none";
-        return kt::run_program(shadow_binary(), args, options);
+        return kt::run_program(kst::shadow_binary(), args, options);
     }
 
     // kavrel-shadow backup while the service still holds the file open.
@@ -213,27 +191,11 @@ TEST_F(KavrelShadowJournalMode, TheListingReadsAWalFileAsItIsWithoutSwitchingIt)
     EXPECT_EQ("wal", scalar(file_, "PRAGMA journal_mode;"));
 }
 
-// Makes the tree readable by everyone and writable by no one, and back.
-int make_read_only(const char* path, const struct stat* st, int flag, struct FTW*) {
-    chmod(path, flag == FTW_D ? 0555 : (S_ISREG(st->st_mode) ? 0444 : st->st_mode));
-    return 0;
-}
-int make_writable(const char* path, const struct stat* st, int flag, struct FTW*) {
-    chmod(path, flag == FTW_DP || flag == FTW_D ? 0755 : (S_ISREG(st->st_mode) ? 0644 : st->st_mode));
-    return 0;
-}
 
 uid_t g_owner = 0;
 int give_to_nobody(const char* path, const struct stat* st, int, struct FTW*) {
     if (lchown(path, g_owner, g_owner) != 0) return 1;
     if (g_owner != 0) chmod(path, S_ISDIR(st->st_mode) ? 0755 : 0644);
-    return 0;
-}
-
-int drop_privileges() {
-    if (geteuid() != 0) return 0;
-    if (setgid(65534) != 0) return 1;
-    if (setuid(65534) != 0) return 2;
     return 0;
 }
 
@@ -246,13 +208,13 @@ TEST_F(KavrelShadowJournalMode, AUserWhoMayOnlyReadNeverCopiesTheMainFileAlone) 
     service_.reset();
     ASSERT_GT(file_size(file_ + "-wal"), 0);
     const std::string shadow = pool_.dir().file("storage") + "/catalogshadow/1/c1/p1";
-    nftw(pool_.dir().path().c_str(), make_read_only, 16, FTW_PHYS);
+    nftw(pool_.dir().path().c_str(), kst::make_read_only, 16, FTW_PHYS);
     chmod(pool_.dir().path().c_str(), 0755);
     // The user may write the shadow, but not the live database.
     g_owner = 65534;
     nftw(shadow.c_str(), give_to_nobody, 16, FTW_PHYS);
     kt::RunOptions o;
-    o.in_child = drop_privileges;
+    o.in_child = kst::drop_privileges;
 
     // The log cannot be emptied without write access to the database: no
     // version is taken.
@@ -273,7 +235,7 @@ TEST_F(KavrelShadowJournalMode, AUserWhoMayOnlyReadNeverCopiesTheMainFileAlone) 
 
     g_owner = 0;
     nftw(shadow.c_str(), give_to_nobody, 16, FTW_PHYS);
-    nftw(pool_.dir().path().c_str(), make_writable, 16, FTW_PHYS | FTW_DEPTH);
+    nftw(pool_.dir().path().c_str(), kst::make_writable, 16, FTW_PHYS | FTW_DEPTH);
     sqlite3_close(other);
     EXPECT_EQ(acknowledged_, live_rows());
 }
