@@ -19,6 +19,48 @@ namespace appdb {
 namespace {
 
 std::atomic<int> busy_timeout_ms_{10000};
+std::atomic<bool> journal_mode_switch_{true};
+
+// The journal mode every catalog runs in; write-ahead logging is the one
+// other mode a file keeps across connections.
+const char kCatalogJournalMode[] = "delete";
+
+// Steps the single-value statement `sql` into *value. SQLite's code.
+int read_text(sqlite3* db, const char* sql, std::string* value) {
+    sqlitedb::statement stmt;
+    int rc = stmt.prepare(db, sql, -1, false);
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(stmt.get());
+    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? SQLITE_OK : rc;
+    const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
+    value->assign(text != nullptr ? reinterpret_cast<const char*>(text) : "");
+    return SQLITE_OK;
+}
+
+// Puts a file found in another persistent journal mode back into the
+// catalog's own. Leaving write-ahead logging checkpoints the log into the
+// main file and removes it; it needs the only connection to the file.
+void restore_journal_mode(sqlite3* db, const std::string& file) {
+    std::string mode;
+    // A file that cannot be read here is reported by the operation.
+    if (read_text(db, "PRAGMA main.journal_mode;", &mode) != SQLITE_OK || mode != "wal") return;
+    if (!catalog_store::journal_mode_switch() || sqlite3_db_readonly(db, "main") != 0) {
+        WarningA(CR_STATUS_OK, "%s: app db %s is in journal mode %s, read as it is", "open_db", file.c_str(),
+                 mode.c_str());
+        return;
+    }
+    std::string now;
+    int rc = read_text(db, "PRAGMA main.journal_mode=DELETE;", &now);
+    if (rc == SQLITE_OK && now != kCatalogJournalMode) rc = SQLITE_BUSY;
+    if (rc == SQLITE_OK) {
+        WarningA(CR_STATUS_OK, "%s: app db %s was in journal mode %s, switched back to %s", "open_db",
+                 file.c_str(), mode.c_str(), kCatalogJournalMode);
+    } else {
+        WarningA(catalog_store::map_status(rc),
+                 "%s: app db %s is in journal mode %s and could not be switched back to %s (%d, %s), read as it is",
+                 "open_db", file.c_str(), mode.c_str(), kCatalogJournalMode, rc, sqlite3_errstr(rc));
+    }
+}
 
 // Close calls a busy connection gets before it is left behind.
 constexpr unsigned long close_retries = 2;
@@ -146,6 +188,14 @@ void catalog_store::set_busy_timeout_ms(int ms) {
 
 int catalog_store::busy_timeout_ms() { return busy_timeout_ms_.load(std::memory_order_relaxed); }
 
+void catalog_store::set_journal_mode_switch(bool on) {
+    journal_mode_switch_.store(on, std::memory_order_relaxed);
+}
+
+bool catalog_store::journal_mode_switch() {
+    return journal_mode_switch_.load(std::memory_order_relaxed);
+}
+
 cr_status_t catalog_store::map_status(int rc) { return sqlitedb::sqlite_to_crstatus(rc, true); }
 
 catalog_store::catalog_store(sqlite3* db, const std::string& file)
@@ -190,6 +240,7 @@ cr_status_t catalog_store::open(const std::string& file, std::unique_ptr<catalog
         ErrorA(map_status(rc), "%s: Failed to set extended result code for (%d, %s)", "open_db",
                rc, file.c_str());
     }
+    restore_journal_mode(db, file);
     try {
         *out = adopt(db, file);
     } catch (const std::bad_alloc&) {

@@ -60,6 +60,13 @@ public:
     static void set_busy_timeout_ms(int ms);
     static int busy_timeout_ms();
 
+    // Whether open() switches a database that another SQLite client left in
+    // write-ahead-log mode back to rollback-journal mode; on unless changed.
+    // Process-wide. A program that only reads (the listing tool) turns it
+    // off and reads such a file as it is.
+    static void set_journal_mode_switch(bool on);
+    static bool journal_mode_switch();
+
     // SQLite result code -> status: sqlitedb's table, except that CANTOPEN
     // (14) is an input/output error here (21).
     static cr_status_t map_status(int rc);
@@ -68,6 +75,14 @@ public:
     // the busy timeout and extended result codes. On failure `*out` is empty
     // and the mapped status (21 for a missing file) is returned, logged
     // "open_db: could not open db FILE,(RC, TEXT)".
+    //
+    // Every catalog runs in SQLite's rollback-journal mode ("delete"). Any
+    // SQLite client can switch a file to write-ahead logging, which the file
+    // keeps: such a file is checkpointed and switched back here (the caller
+    // holds the directory lock), with one warning naming the file and the
+    // mode found. A file that cannot be switched (a read-only connection,
+    // another connection holding the log, the switch turned off) is opened
+    // and used as it is, with a warning; SQLite reads it whole either way.
     static cr_status_t open(const std::string& file, std::unique_ptr<catalog_store>* out);
 
     // Creates the database `file` (its directory exists) with the `catalog`

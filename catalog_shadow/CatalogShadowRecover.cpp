@@ -11,6 +11,7 @@
 // and has no meaning yet.
 #include <errno.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <exception>
 #include <string>
@@ -36,17 +37,40 @@ void remove_target(const std::string& target) {
 }
 
 // Sets aside the journal files SQLite left beside the real database (a dead
-// writer's hot journal, a write-ahead log): they belong to the old file, and
-// SQLite would play them back onto the rebuilt one at its next open. One that
-// cannot be moved stops the recovery. The old database itself is not moved:
-// the rebuilt one is renamed over it, so that the database's name never goes
-// missing under a reader. 0 or the status of the failure.
+// writer's hot journal, a write-ahead log and its index): they belong to the
+// old file, and SQLite would play them back onto the rebuilt one at its next
+// open. They go into one "#corrupt_" directory together with the old database
+// they belong to, each named in a record; none is deleted. The old database
+// itself is not moved: the rebuilt one is renamed over it, so that the
+// database's name never goes missing under a reader; it is kept beside its
+// companions as a second name of the same file where the file system allows
+// one. A companion that cannot be moved stops the recovery. `moved`, when
+// given, receives the companions set aside. 0 or the status of the failure.
 cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, const std::string& real,
                                  std::vector<std::string>* moved) {
     if (moved != nullptr) moved->clear();
+    std::string dir;
     for (const std::string& companion : live_companions(real)) {
-        cr_status_t status = shadow.move_file_as_backup(type, companion);
-        if (status != CR_STATUS_OK) return status;
+        if (dir.empty()) {
+            cr_status_t status = shadow.new_backup_dir(type, &dir);
+            if (status != CR_STATUS_OK) return status;
+            const std::string kept = dir + "/" + PODBShadow::db_file_name(type);
+            if (wa_access(real, 0) == 0 && ::link(real.c_str(), kept.c_str()) != 0) {
+                __TraceA("%s: %s stays where it is (%s); its companions are set aside without it", "recover_unlocked",
+                         real.c_str(), strerror(errno));
+            }
+        }
+        DirItem item;
+        item.fullpath = companion;
+        item.name = companion.substr(companion.rfind('/') + 1);
+        OpMoveFile mover(dir);
+        if (mover(item) < 0) {
+            cr_status_t status = *__cr_errno_location();
+            ErrorA(status, "Failed to backup files %s", companion.c_str());
+            return status;
+        }
+        WarningA(CR_STATUS_OK, "%s: %s of the replaced database set aside in %s, not applied to the rebuilt one",
+                 "recover_unlocked", companion.c_str(), dir.c_str());
         if (moved != nullptr) moved->push_back(companion);
     }
     return CR_STATUS_OK;

@@ -16,11 +16,21 @@
 // process to the same database (a catalog service keeps such connections
 // open), letting a writer commit under a reader that believes itself safe.
 //
-// Databases in write-ahead-log mode are outside this scheme (their committed
-// state is not all in the main file); the catalog databases never use it.
+// Any SQLite client may switch a database to write-ahead logging, and the mode
+// is kept in the file. Commits of such a database may then lie in its "-wal"
+// file rather than the main file, so before the bytes are read the log is
+// checkpointed into the main file and emptied (TRUNCATE), and the read lock
+// is taken only once the log is found empty: a reader that started on an
+// empty log reads the main file alone, and no checkpoint writes into the main
+// file while such a reader holds its lock. A copy of such a database is
+// written in rollback-journal mode (the two file-format bytes that name the
+// mode are set back to 1, as SQLite does when it leaves the mode), so that
+// every copy opens as the rest of the system expects. A database whose log
+// cannot be emptied (read-only access) is not copied from its main file.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sqlite3.h>
@@ -42,6 +52,11 @@ const size_t kBlockSize = 32768;
 const int kFastBusyPolls = 10000;
 const int kBusyPolls = kFastBusyPolls + 9000;
 const unsigned long kCloseRetries = 3;
+// Offsets of the file-format write and read version bytes in a database's
+// header: 1 for rollback-journal mode, 2 for write-ahead logging.
+const size_t kWriteVersionOffset = 18;
+const size_t kReadVersionOffset = 19;
+const char kRollbackFormat = 1;
 
 // Writes all of `data` to `fd`; -1 with errno set on failure.
 int write_all(int fd, const char* data, size_t length) {
@@ -86,29 +101,39 @@ public:
     SourceSnapshot(const SourceSnapshot&) = delete;
     SourceSnapshot& operator=(const SourceSnapshot&) = delete;
 
-    // Opens the source and takes the read lock. SQLITE_OK, or the SQLite result
-    // of the step that failed. With SQLITE_CORRUPT or SQLITE_NOTADB the
-    // connection stays usable for reading the raw bytes, without a lock.
+    // Opens the source and takes a read lock under which the main file holds
+    // every commit. SQLITE_OK, or the SQLite result of the step that failed.
+    // With SQLITE_CORRUPT or SQLITE_NOTADB the connection stays usable for
+    // reading the raw bytes, without a lock.
     int open() {
         int rc = sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr);
         if (rc != SQLITE_OK) return rc;
         sqlite3_busy_handler(db_, poll_busy, nullptr);
         sqlite3_extended_result_codes(db_, 1);
-        rc = sqlite3_exec(db_, "BEGIN;", nullptr, nullptr, nullptr);
-        if (rc != SQLITE_OK) return rc;
-        in_transaction_ = true;
-        // Reading the schema takes the shared lock, after any hot journal has
-        // been played back. Inside BEGIN the lock stays until the end.
-        // When the polls ran out, the read lock is tried again one second
-        // apart, as every busy database is.
+        // A writer may commit into the log between the checkpoint that
+        // emptied it and the read lock: the log is emptied once more at once,
+        // and after that as often as a busy database is tried.
         sqlitedb::retry_while_busy(
             [&] {
-                rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
-                return (rc & 0xFF) == SQLITE_BUSY ? CR_STATUS_BUSY : CR_STATUS_OK;
+                for (int pass = 0; pass < 2; ++pass) {
+                    rc = begin_read();
+                    if (rc != SQLITE_OK || !wal_ || log_is_empty()) return CR_STATUS_OK;
+                    end_read();
+                    rc = sqlite3_wal_checkpoint_v2(db_, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+                    const int primary = rc & 0xFF;
+                    // Anything but a busy log (read-only access, damage) ends the copy.
+                    if (primary != SQLITE_OK && primary != SQLITE_BUSY) return CR_STATUS_OK;
+                }
+                rc = SQLITE_BUSY;
+                return CR_STATUS_BUSY;
             },
             [](unsigned int) { return true; });
         return rc;
     }
+
+    // Whether the source is in write-ahead-log mode (known once open() took
+    // its lock): its copy is then written in rollback-journal mode.
+    bool wal() const { return wal_; }
 
     // The connection's handle of the main database file; null when SQLite
     // has none open.
@@ -123,9 +148,60 @@ public:
     const char* errmsg() const { return db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory"; }
 
 private:
+    // Takes the read lock and learns the journal mode under it.
+    int begin_read() {
+        int rc = sqlite3_exec(db_, "BEGIN;", nullptr, nullptr, nullptr);
+        if (rc != SQLITE_OK) return rc;
+        in_transaction_ = true;
+        // Reading the schema takes the shared lock, after any hot journal has
+        // been played back. Inside BEGIN the lock stays until the end.
+        // When the polls ran out, the read lock is tried again one second
+        // apart, as every busy database is.
+        sqlitedb::retry_while_busy(
+            [&] {
+                rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
+                return (rc & 0xFF) == SQLITE_BUSY ? CR_STATUS_BUSY : CR_STATUS_OK;
+            },
+            [](unsigned int) { return true; });
+        if (rc != SQLITE_OK) return rc;
+        return read_journal_mode();
+    }
+
+    void end_read() {
+        if (in_transaction_) sqlite3_exec(db_, "ROLLBACK;", nullptr, nullptr, nullptr);
+        in_transaction_ = false;
+    }
+
+    int read_journal_mode() {
+        sqlite3_stmt* stmt = nullptr;
+        int rc = sqlite3_prepare_v2(db_, "PRAGMA main.journal_mode;", -1, &stmt, nullptr);
+        if (rc == SQLITE_OK && sqlite3_step(stmt) == SQLITE_ROW) {
+            const unsigned char* mode = sqlite3_column_text(stmt, 0);
+            wal_ = mode != nullptr && sqlite3_stricmp(reinterpret_cast<const char*>(mode), "wal") == 0;
+        } else if (rc == SQLITE_OK) {
+            rc = sqlite3_errcode(db_);
+        }
+        sqlite3_finalize(stmt);
+        return rc;
+    }
+
+    // Whether the log holds no frame: then this read transaction reads the
+    // main file alone. A log that holds frames is never emptied while a
+    // reader of them holds its lock, so an empty one means none was there.
+    bool log_is_empty() const {
+        sqlite3_file* log = nullptr;
+        sqlite3_int64 size = -1;
+        if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
+            log == nullptr || log->pMethods == nullptr) {
+            return false;
+        }
+        return log->pMethods->xFileSize(log, &size) == SQLITE_OK && size == 0;
+    }
+
     std::string path_;
     sqlite3* db_ = nullptr;
     bool in_transaction_ = false;
+    bool wal_ = false;
 };
 
 // Logs a failed copy and removes the partial destination; errno is kept for
@@ -174,6 +250,14 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
     if (dct::fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
         fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
+    // The mode exactly, whatever the umask: a copy holds the catalog's rows.
+    if (fd >= 0 && ::fchmod(fd, dct::private_file_mode) != 0) {
+        const int e = errno;
+        ::close(fd);
+        wa_deletefile(dst);
+        errno = e;
+        fd = -1;
+    }
     if (fd < 0) {
         cr_status_t status = _crMapError("duplicate", __FILE__, __LINE__);
         ErrorA(status, "failed to open file %s for writing.", dst.c_str());
@@ -192,6 +276,10 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
             // A short read (the file shrank under us) is as bad as a failed one.
             status = CR_STATUS_IO;
             break;
+        }
+        if (offset == 0 && snapshot.wal() && n > static_cast<int>(kReadVersionOffset)) {
+            block[kWriteVersionOffset] = kRollbackFormat;
+            block[kReadVersionOffset] = kRollbackFormat;
         }
         if (dct::fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
             write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "appdb/catalog_list.h"
+#include "appdb/catalog_store.h"
 #include "appdb/kavrel_config.h"
 #include "dct/fileutil.h"
 #include "dct/log.h"
@@ -64,6 +65,9 @@ int main(int argc, char** argv) {
     if (appdb::locate_cr_config(appdb::registry_path(""), &cr_config) != CR_STATUS_OK) return -1;
     dct::configure_log_level(cr_config);
     std::string root = appdb::read_database_root(cr_config);
+    // The listing only reads: a catalog another client left in another
+    // journal mode is read as it is, never switched back here.
+    appdb::catalog_store::set_journal_mode_switch(false);
 
     bool listing = false;
     bool verbose = false;

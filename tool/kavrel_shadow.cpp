@@ -197,7 +197,10 @@ void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
         a.passed_over = done.passed_over;
         a.set_aside = done.set_aside;
         a.detail = std::to_string(done.journal_lines) + (done.journal_lines == 1 ? " journal line" : " journal lines");
-        for (const std::string& path : done.set_aside) a.detail += ", set aside " + path;
+        // What the old file left beside it was moved away, not applied.
+        for (size_t i = 0; i < done.set_aside.size(); ++i) {
+            a.detail += (i == 0 ? ", set aside " : ", ") + done.set_aside[i];
+        }
     } else {
         a.result = "failed";
         a.detail = done.reason.empty() ? "see the log" : done.reason;

@@ -28,81 +28,10 @@ long file_size(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
 }
 
-// count(*), min(id), max(id) of the catalog table.
-std::vector<std::string> row_span(const std::string& path) {
-    return backup_test::sql_rows(path, "SELECT count(*), ifnull(min(id), 0), ifnull(max(id), 0) FROM catalog;");
-}
-
-// The writer of the concurrency test: inserts rows 2, 3, ... one commit each,
-// as fast as it can, until a byte (or end of file) arrives on `stop`; then
-// sends the last id committed on `result`. Exits 0, or non-zero when any
-// insert failed.
-void writer(const std::string& db_path, int stop, int result) {
-    fcntl(stop, F_SETFL, O_NONBLOCK);
-    sqlite3* db = nullptr;
-    if (sqlite3_open(db_path.c_str(), &db) != SQLITE_OK) _exit(2);
-    sqlite3_busy_timeout(db, 60000);
-    long last = 1;
-    for (;;) {
-        char c;
-        if (read(stop, &c, 1) >= 0) break;
-        if (sqlite3_exec(db, backup_test::insert_row(static_cast<int>(last + 1), 200).c_str(), nullptr, nullptr,
-                         nullptr) != SQLITE_OK) {
-            _exit(3);
-        }
-        ++last;
-    }
-    sqlite3_close(db);
-    if (write(result, &last, sizeof(last)) != static_cast<ssize_t>(sizeof(last))) _exit(4);
-    _exit(0);
-}
-
 TEST(BackupConsistencyTest, BackupsWhileAnotherProcessInsertsAsFastAsItCan) {
     AppPool p;
     p.create(1);
-    int stop[2];
-    int result[2];
-    ASSERT_EQ(0, pipe(stop));
-    ASSERT_EQ(0, pipe(result));
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(stop[1]);
-        close(result[0]);
-        writer(p.db, stop[0], result[1]);
-    }
-    close(stop[0]);
-    close(result[1]);
-
-    long previous = 0;
-    int versions_added = 0;
-    for (int i = 0; i < 50; ++i) {
-        const uint64_t before = p.shadow()->get_db_current_ver_("appdb");
-        ASSERT_EQ(CR_STATUS_OK, p.ctx->backup(p.dir, "appdb")) << "backup " << i;
-        boost::shared_ptr<PODBShadow> shadow = p.shadow();
-        if (shadow->get_db_current_ver_("appdb") == before) continue;  // the writer had not committed since
-        ++versions_added;
-        const std::string version = shadow->get_db_versions_("appdb")->front().db_path;
-        ASSERT_TRUE(backup_test::integrity_ok(version)) << version;
-        // A prefix of the writer's rows: 1..n with none missing.
-        std::vector<std::string> span = row_span(version);
-        ASSERT_EQ(1u, span.size());
-        const long count = std::stol(span[0].substr(0, span[0].find('|')));
-        EXPECT_EQ(std::to_string(count) + "|1|" + std::to_string(count), span[0]);
-        EXPECT_GE(count, previous);
-        previous = count;
-    }
-    ASSERT_EQ(1, write(stop[1], "x", 1));
-    close(stop[1]);
-    long last = 0;
-    ASSERT_EQ(static_cast<ssize_t>(sizeof(last)), read(result[0], &last, sizeof(last)));
-    close(result[0]);
-    ASSERT_EQ(0, wait_exit(pid)) << "the writer saw a failed insert";
-
-    EXPECT_GT(versions_added, 1);
-    EXPECT_GE(last, previous);
-    EXPECT_EQ((std::vector<std::string>{std::to_string(last) + "|1|" + std::to_string(last)}), row_span(p.db));
-    EXPECT_TRUE(backup_test::integrity_ok(p.db));
+    backup_test::backups_while_writing(p, 50, false);
 }
 
 TEST(BackupConsistencyTest, HotJournalOfAKilledWriterIsPlayedBackBeforeTheCopy) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -202,6 +203,88 @@ struct AppPool {
     std::string shadow_dir() { return shadow()->get_shadow_dir(); }
     std::string shadow_file(const std::string& name) { return shadow_dir() + "/" + name; }
 };
+
+// count(*), min(id), max(id) of the catalog table.
+inline std::vector<std::string> row_span(const std::string& path) {
+    return sql_rows(path, "SELECT count(*), ifnull(min(id), 0), ifnull(max(id), 0) FROM catalog;");
+}
+
+// The writer of the concurrency tests: inserts rows 2, 3, ... one commit each,
+// as fast as it can, until a byte (or end of file) arrives on `stop`; then
+// sends the last id committed on `result`. With `wal` it first switches the
+// file to write-ahead logging, as any SQLite client may. Exits 0, or non-zero
+// when any statement failed.
+inline void row_writer(const std::string& db_path, int stop, int result, bool wal) {
+    fcntl(stop, F_SETFL, O_NONBLOCK);
+    sqlite3* db = nullptr;
+    if (sqlite3_open(db_path.c_str(), &db) != SQLITE_OK) _exit(2);
+    sqlite3_busy_timeout(db, 60000);
+    if (wal && sqlite3_exec(db, "PRAGMA journal_mode=WAL;", nullptr, nullptr, nullptr) != SQLITE_OK) _exit(5);
+    long last = 1;
+    for (;;) {
+        char c;
+        if (read(stop, &c, 1) >= 0) break;
+        if (sqlite3_exec(db, insert_row(static_cast<int>(last + 1), 200).c_str(), nullptr, nullptr, nullptr) !=
+            SQLITE_OK) {
+            _exit(3);
+        }
+        ++last;
+    }
+    sqlite3_close(db);
+    if (write(result, &last, sizeof(last)) != static_cast<ssize_t>(sizeof(last))) _exit(4);
+    _exit(0);
+}
+
+// `rounds` backups of the pool's database while row_writer commits in another
+// process: each new version holds rows 1..n with none missing, n never
+// shrinks, and the database ends with every row the writer committed.
+inline void backups_while_writing(AppPool& p, int rounds, bool wal) {
+    int stop[2];
+    int result[2];
+    ASSERT_EQ(0, pipe(stop));
+    ASSERT_EQ(0, pipe(result));
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(stop[1]);
+        close(result[0]);
+        row_writer(p.db, stop[0], result[1], wal);
+    }
+    close(stop[0]);
+    close(result[1]);
+
+    long previous = 0;
+    int versions_added = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const uint64_t before = p.shadow()->get_db_current_ver_("appdb");
+        ASSERT_EQ(CR_STATUS_OK, p.ctx->backup(p.dir, "appdb")) << "backup " << i;
+        boost::shared_ptr<PODBShadow> shadow = p.shadow();
+        if (shadow->get_db_current_ver_("appdb") == before) continue;  // the writer had not committed since
+        ++versions_added;
+        const std::string version = shadow->get_db_versions_("appdb")->front().db_path;
+        ASSERT_TRUE(integrity_ok(version)) << version;
+        std::vector<std::string> span = row_span(version);
+        ASSERT_EQ(1u, span.size());
+        const long count = std::stol(span[0].substr(0, span[0].find('|')));
+        EXPECT_EQ(std::to_string(count) + "|1|" + std::to_string(count), span[0]);
+        EXPECT_GE(count, previous);
+        previous = count;
+    }
+    ASSERT_EQ(1, write(stop[1], "x", 1));
+    close(stop[1]);
+    long last = 0;
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(last)), read(result[0], &last, sizeof(last)));
+    close(result[0]);
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the writer saw a failed insert";
+
+    EXPECT_GT(versions_added, 1);
+    EXPECT_GE(last, previous);
+    EXPECT_GT(previous, 1) << "no version held a row the writer committed";
+    EXPECT_EQ((std::vector<std::string>{std::to_string(last) + "|1|" + std::to_string(last)}), row_span(p.db));
+    EXPECT_TRUE(integrity_ok(p.db));
+}
 
 // The application directories of a small pool: data stores 1, 2, 3, each with
 // clients c1, c2 and policies p1, p2 (12 databases). With `rows`, each gets an

@@ -25,14 +25,16 @@
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "common/test_util.h"
 #include "json_value.h"
+#include "shadow_tool_util.h"
 #include "tool_test_util.h"
 
 namespace kshadowt {
 
-inline std::string shadow_binary() {
-    const char* dir = getenv("KAVREL_BINARY_DIR");
-    return std::string(dir != nullptr ? dir : "") + "/tool/kavrel-shadow";
-}
+using kst::drop_privileges;
+using kst::item;
+using kst::make_read_only;
+using kst::make_writable;
+using kst::shadow_binary;
 
 // Every file and directory below a root: path -> mode and content.
 inline std::map<std::string, std::string>* g_tree = nullptr;
@@ -50,44 +52,9 @@ inline std::map<std::string, std::string> snapshot(const std::string& root) {
     return tree;
 }
 
-// Makes the tree readable by everyone and writable by no one.
-inline int make_read_only(const char* path, const struct stat* st, int flag, struct FTW*) {
-    chmod(path, flag == FTW_D ? 0555 : (S_ISREG(st->st_mode) ? 0444 : st->st_mode));
-    return 0;
-}
-inline int make_writable(const char* path, const struct stat* st, int flag, struct FTW*) {
-    chmod(path, flag == FTW_DP || flag == FTW_D ? 0755 : (S_ISREG(st->st_mode) ? 0644 : st->st_mode));
-    return 0;
-}
-
-inline int drop_privileges() {
-    if (geteuid() != 0) return 0;
-    if (setgid(65534) != 0) return 1;
-    if (setuid(65534) != 0) return 2;
-    return 0;
-}
-
 // Ages change from run to run; the texts are compared with them masked.
 inline std::string mask_ages(const std::string& text) {
     return std::regex_replace(text, std::regex("age [0-9]+[smhd]"), "age N");
-}
-
-inline appdb::app_catalog_item item(const std::string& client, const std::string& policy, int n) {
-    appdb::app_catalog_item it;
-    it.client = client;
-    it.policy = policy;
-    it.backup_id = client + "_" + std::to_string(1700000000 + n);
-    it.file_name = it.backup_id + "_C1_F1";
-    it.file_len = 4096u * static_cast<uint64_t>(n + 1);
-    it.policy_type = 4;
-    it.frag_nums = 1;
-    it.app_id = "orcl";
-    it.data_object = "DATAFILE";
-    it.backup_start_time = 1700000000 + n;
-    it.backup_stop_time = 1700000600 + n;
-    it.owner = "svc";
-    it.owner_role = appdb::APP_ROLE_APP;
-    return it;
 }
 
 class KavrelShadowTest : public ::testing::Test {
