@@ -63,26 +63,26 @@ cr_status_t CatalogShadowContext::check_identity() {
     if (!identity) identity.reset(new CatalogShadowIdentity(shadow_path.c_str()));
     if (identity->identity_exist()) return CR_STATUS_OK;
     const std::string& file = identity->get_identity_file();
+    cr_status_t status = CR_STATUS_FAILED;
     if (dct::probe_readable(file) == dct::path_state::denied) {
         // Not lost: this process may not look. No alarm of a lost root, but
         // the feature cannot run here either.
-        ErrorA(CR_STATUS_ACCESS_DENIED,
+        status = CR_STATUS_ACCESS_DENIED;
+        ErrorA(status,
                "%s: Catalog shadow identity file %s is not readable (permission denied). The catalog backup and "
                "recovery feature will be disabled.",
                "check_identity", file.c_str());
-        enabled = false;
-        auto_recovery = false;
-        return CR_STATUS_ACCESS_DENIED;
+    } else {
+        if (proxy) proxy->on_identity_missing(file);
+        ErrorA(status,
+               "%s: Catalog shadow identity file %s does not exist. The catalog backup and recovery feature will be "
+               "disabled. Please fix the issues ASAP and restart TARN services.",
+               "check_identity", file.c_str());
     }
-    if (proxy) proxy->on_identity_missing(file);
-    ErrorA(CR_STATUS_FAILED,
-           "%s: Catalog shadow identity file %s does not exist. The catalog backup and recovery feature will be "
-           "disabled. Please fix the issues ASAP and restart TARN services.",
-           "check_identity", file.c_str());
     enabled = false;
     auto_recovery = false;
-    WarningA(CR_STATUS_FAILED, "The catalog shadow backup and recovery feature is disabled.");
-    return CR_STATUS_FAILED;
+    WarningA(status, "The catalog shadow backup and recovery feature is disabled.");
+    return status;
 }
 
 std::string CatalogShadowContext::real_to_shadow_path(const std::string& real) {

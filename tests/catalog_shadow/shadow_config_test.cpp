@@ -1,4 +1,12 @@
 // Shadow context configuration, identity file and init.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
@@ -307,6 +315,46 @@ TEST(ShadowInit, IdentityMissingDisablesAndNotifies) {
     EXPECT_TRUE(log.contains(log_level::error, CR_STATUS_FAILED, "init: failed to check catalog shadow identity file"));
     // Never adopted silently: the file is still missing.
     EXPECT_FALSE(kt::file_exists(file));
+}
+
+// A process that may not look into the shadow root (a service run as another
+// user) finds the feature off, but no lost root: the proxy hears of no loss.
+TEST(ShadowInit, IdentityThisProcessMayNotReadIsNoLoss) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    PoolLayout l;
+    l.write_config();
+    l.create_identity();  // the storage directory is private to root
+    ASSERT_EQ(0, chmod(l.tmp.path().c_str(), 0755));
+    ASSERT_EQ(0, chmod(l.config.c_str(), 0644));
+    const std::string file = l.shadow + "/.catalog_shadow_identity";
+    fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(20);
+        std::vector<std::string> records;
+        dct::set_log_sink([&records](log_level, cr_status_t status, const std::string& message) {
+            records.push_back(std::to_string(status) + " " + message);
+        });
+        ConfigFileShadowProxy* proxy = new ConfigFileShadowProxy(l.config, l.dbroot);
+        CatalogShadowContext ctx(proxy, new CatalogDirectoryLock);
+        if (ctx.init() != CR_STATUS_ACCESS_DENIED) _exit(21);
+        if (ctx.enabled || ctx.auto_recovery) _exit(22);
+        if (!proxy->missing_identities().empty()) _exit(23);
+        const std::string expected = "106 check_identity: Catalog shadow identity file " + file +
+                                     " is not readable (permission denied). The catalog backup and recovery feature "
+                                     "will be disabled.";
+        if (std::find(records.begin(), records.end(), expected) == records.end()) _exit(24);
+        for (const std::string& r : records) {
+            if (r.find("does not exist") != std::string::npos) _exit(25);
+        }
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(kt::file_exists(file));
 }
 
 TEST(ShadowInit, IdentityLostLaterIsNoticedByCheck) {

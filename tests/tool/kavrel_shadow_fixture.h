@@ -52,6 +52,16 @@ inline std::map<std::string, std::string> snapshot(const std::string& root) {
     return tree;
 }
 
+// Changes a stored field of the second row behind the catalog's back: its
+// checksum no longer matches.
+inline void tamper_second_row(const std::string& db_file) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(db_file.c_str(), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "UPDATE catalog SET description = 'tampered' WHERE rowid = 2;", nullptr,
+                                      nullptr, nullptr));
+    sqlite3_close(db);
+}
+
 // Ages change from run to run; the texts are compared with them masked.
 inline std::string mask_ages(const std::string& text) {
     return std::regex_replace(text, std::regex("age [0-9]+[smhd]"), "age N");

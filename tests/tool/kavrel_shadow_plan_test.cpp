@@ -3,7 +3,6 @@
 // version it starts from, the versions it passes over, the journal lines it
 // replays, the files it sets aside and the rows the database holds afterwards;
 // and where it promises nothing, the recovery fails for the reason it gave.
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <functional>
@@ -86,11 +85,7 @@ TEST_F(KavrelShadowPlanTest, MissingDatabase) {
 }
 
 TEST_F(KavrelShadowPlanTest, CorruptedLiveRowAndAHotJournalBesideIt) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open((p1_ + "/app.db").c_str(), &db));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "UPDATE catalog SET description = 'tampered' WHERE rowid = 2;", nullptr,
-                                      nullptr, nullptr));
-    sqlite3_close(db);
+    tamper_second_row(p1_ + "/app.db");
     kt::write_file(p1_ + "/app.db-journal", "left by a dead writer");
     kt::write_file(p1_ + "/app.db-wal", "left by another client");
     expect_recovery_as_planned("tampered, with companions", true, 3);

@@ -199,11 +199,7 @@ TEST_F(KavrelShadowTest, MissingDatabase) {
 }
 
 TEST_F(KavrelShadowTest, CorruptedLiveRow) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open((p1_ + "/app.db").c_str(), &db));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "UPDATE catalog SET description = 'tampered' WHERE rowid = 2;", nullptr,
-                                      nullptr, nullptr));
-    sqlite3_close(db);
+    tamper_second_row(p1_ + "/app.db");
 
     // status reads no rows: the damage shows in verify.
     kt::RunResult r = run_read_only({"status"});
