@@ -15,7 +15,7 @@ JOBS       ?= 2
 CTEST_JOBS ?= 2
 
 # Debian packages the build and the tests need.
-DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev \
+DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev nlohmann-json3-dev \
                 libgtest-dev libgmock-dev libbenchmark-dev
 
 # Recursive makes (the demo's build, CMake's own makefiles) stay quiet about the

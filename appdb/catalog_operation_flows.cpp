@@ -112,6 +112,30 @@ cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* di
     return CR_STATUS_OK;
 }
 
+cr_status_t catalog_application_base::find_filtered_flow(CatalogDirectoryLock* dir_lock,
+                                                         const char* user, unsigned int role,
+                                                         const std::string& client,
+                                                         const std::string& policy,
+                                                         const catalog_filter_statement& statement,
+                                                         catalog_item_sink& sink) {
+    const char* const fn = "find_catalog";
+    InfoA(CR_STATUS_OK, "%s: find app catalog %s in %s %s", fn, statement.sql.c_str(),
+          client.c_str(), policy.c_str());
+    cr_status_t status = check_db_names(fn, client, policy);
+    if (status != CR_STATUS_OK) return status;
+    const std::string path = to_db_full_path(client, policy);
+    dir_lock_scope lock(dir_lock, path, fn);
+    if (lock.status() != CR_STATUS_OK) return lock.status();
+    const std::string who = user_or_empty(user);
+    readable_item_sink readable(fn, who, role, sink);
+    status = do_db_filter(client, policy, statement, readable);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to query %s for %s", fn, statement.sql.c_str(), path.c_str());
+        return status;
+    }
+    return CR_STATUS_OK;
+}
+
 cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* dir_lock,
                                                         const char* user, unsigned int role,
                                                         const std::string& query_text,
