@@ -207,6 +207,7 @@ bool parse_time(const std::string& text, int64_t now, int64_t* out) {
 bool parse_args(const std::vector<std::string>& args, int64_t now, options* o, std::string* error) {
     int forms = 0;
     int results = 0;
+    int limits = 0;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
         // The option's value, or false with the error set.
@@ -295,6 +296,7 @@ bool parse_args(const std::vector<std::string>& args, int64_t now, options* o, s
             }
             o->first = arg == "--first";
             o->last = arg == "--last";
+            ++limits;
         } else if (arg == "--count") {
             o->result = result_kind::count;
             ++results;
@@ -315,6 +317,10 @@ bool parse_args(const std::vector<std::string>& args, int64_t now, options* o, s
     }
     if (forms > 1) {
         *error = "give one of --json-lines, --csv and --format";
+        return false;
+    }
+    if (limits > 1) {
+        *error = "give one --first or --last";
         return false;
     }
     if (results > 1) {
