@@ -499,6 +499,8 @@ public:
     void commit() {
         s_.matched += count_;
         if (s_.opts.result == result_kind::summary) {
+            // A catalog without a matching item has no row.
+            if (summary_.items == 0) return;
             const std::string row = render_summary(s_.opts, summary_);
             fwrite(row.data(), 1, row.size(), stdout);
         } else if (s_.opts.result == result_kind::items) {
