@@ -17,6 +17,10 @@
 //   ACTION      {"name", "result", "status", "version" (null: none), "detail"}
 //   SUMMARY     {"databases", "with_problems", "problems", "recoverable", "exit_code"}
 // Check results are "ok", "bad", "missing" or "unknown" (not checked).
+// Every text (paths, names, messages) is a JSON string when its bytes are
+// valid UTF-8; otherwise it is the object {"hex": H}, H holding each byte as
+// two lower-case hexadecimal digits, so that it reads back to the same bytes
+// (tool/json_text.h).
 #ifndef TOOL_SHADOW_REPORT_H_
 #define TOOL_SHADOW_REPORT_H_
 
