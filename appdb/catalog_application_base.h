@@ -279,6 +279,13 @@ protected:
                                     removal_check& check);
 
 private:
+    // The read of a find: names checked, the directory of client and policy
+    // locked, `read` given a sink that passes on only the records the user
+    // may read; a failure logged "%s: failed to query %s for %s" with `what`.
+    template <typename Read>
+    cr_status_t read_locked(CatalogDirectoryLock* dir_lock, const char* function, const char* user,
+                            unsigned int role, const std::string& client, const std::string& policy,
+                            const std::string& what, catalog_item_sink& sink, Read read);
     // parse_query, logging "%s: failed to parse %s" for `function` on failure.
     cr_status_t parse_query_logged(const char* function, const std::string& query_text,
                                    app_query& query, std::string& sql);

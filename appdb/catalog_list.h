@@ -27,6 +27,26 @@ struct catalog_dir {
     std::string policy;
 };
 
+// Offers `root` itself to `op` as a directory, then walks the tree below it
+// with copies of `op` (TraverseDir never offers its starting directory, and
+// the root may itself be a catalog directory). The walk's result.
+template <typename Op>
+TraverseResult walk_catalog_tree(const std::string& root, const Op& op) {
+    DirItem self;
+    self.fullpath = root;
+    self.dir = root;
+    self.name = root;
+    self.depth = 0;
+    self.is_dir = true;
+    if (op(self) < 0) {
+        TraverseResult aborted;
+        aborted.status = CR_STATUS_FAILED;
+        aborted.path = root;
+        return aborted;
+    }
+    return TraverseDir(root, op, true, 0);
+}
+
 // Who a listing reads a catalog as: the administrator (user "", role 1),
 // so the access rule drops nothing.
 extern const char kListUser[];

@@ -654,17 +654,9 @@ int run(const options& o) {
         o.result == result_kind::summary ? summary_header(o) : state->renderer.header();
     if (o.result != result_kind::count) fwrite(header.data(), 1, header.size(), stdout);
 
-    const find_walk walk(state);
-    DirItem self;
-    self.fullpath = root;
-    self.dir = root;
-    self.name = root;
-    self.depth = 0;
-    self.is_dir = true;
-    if (walk(self) == 0) {
-        const TraverseResult r = TraverseDir(root, walk, true, 0);
-        if (r.status != CR_STATUS_OK && !state->done && !state->failed) ++state->skipped;
-    }
+    const TraverseResult r = walk_catalog_tree(root, find_walk(state));
+    // A walk that stopped early without saying why left something unread.
+    if (r.status != CR_STATUS_OK && !state->done && !state->failed) ++state->skipped;
     if (state->failed) {
         fprintf(stderr, "%s: the search could not be completed (see the log)\n", kProgram);
         return kExitCannotRun;
