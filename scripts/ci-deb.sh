@@ -111,7 +111,8 @@ found=$(kavrel-find --count)
 found=$(kavrel-find --backup-id clientB_1700000000 --count)
 [ "$found" -eq 4 ] || fail "kavrel-find --backup-id clientB_1700000000 found $found items, expected 4"
 rows=$(kavrel-find --summary --csv | wc -l)
-[ "$rows" -eq 10 ] || fail "kavrel-find --summary --csv printed $rows lines, expected a header and 9 rows"
+# Nine catalogs, one of them empty: a header and eight rows.
+[ "$rows" -eq 9 ] || fail "kavrel-find --summary --csv printed $rows lines, expected a header and 8 rows"
 echo "ci-deb: kavrel-find: $found items of clientB_1700000000, $((rows - 1)) summary rows"
 
 status=0
