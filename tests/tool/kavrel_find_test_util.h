@@ -26,10 +26,11 @@ inline std::string kavrel_find_binary() {
     return std::string(dir) + "/tool/kavrel-find";
 }
 
+// The reference lies beside this header (the build compiles it from the
+// source tree, so the path is known there).
 inline std::string kavrel_find_reference_script() {
-    const char* dir = getenv("KAVREL_SOURCE_DIR");
-    if (dir == nullptr || *dir == '\0') return "";
-    return std::string(dir) + "/tests/tool/kavrel_find_reference.py";
+    const std::string self = __FILE__;
+    return self.substr(0, self.rfind('/') + 1) + "kavrel_find_reference.py";
 }
 
 // The lines of `text`, sorted: the walk's order is the file system's.
