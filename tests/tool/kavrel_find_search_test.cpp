@@ -255,7 +255,9 @@ TEST_F(KavrelFindTest, CsvQuotesWhatNeedsQuoting) {
 
 TEST_F(KavrelFindTest, SortFirstAndLastOrderAcrossThePool) {
     const RunResult all = pool_.reference({"--format", "{file_name}"});
+    ASSERT_EQ(0, all.exit_status) << all.err;
     std::vector<std::string> names = sorted_lines(all.out);
+    ASSERT_GE(names.size(), 3u);
     std::string joined;
     for (const auto& n : names) joined += n + "\n";
     RunResult r = pool_.find({"--sort", "file_name", "--format", "{file_name}"});
