@@ -15,8 +15,8 @@ JOBS       ?= 2
 CTEST_JOBS ?= 2
 
 # Debian packages the build and the tests need.
-DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev \
-                libgtest-dev libgmock-dev libbenchmark-dev
+DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev nlohmann-json3-dev \
+                libgtest-dev libgmock-dev libbenchmark-dev python3
 
 # Recursive makes (the demo's build, CMake's own makefiles) stay quiet about the
 # directories they enter; the build's progress lines are what a reader needs.

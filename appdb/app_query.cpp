@@ -110,4 +110,10 @@ std::string to_query_by_file_name(const std::string& client, const std::string& 
     return std::string(app_query_type_str[APP_QUERY_NAME]) + "|" + client + "," + policy + "," + file_name;
 }
 
+std::string to_query_by_time_range(const std::string& client, const std::string& policy,
+                                   int64_t start, int64_t stop) {
+    return std::string(app_query_type_str[APP_QUERY_TIME_RANGE]) + "|" + client + "," + policy + "," +
+           std::to_string(start) + "," + std::to_string(stop);
+}
+
 }  // namespace appdb

@@ -11,8 +11,8 @@
 // character, "[...]" one of a set, case-sensitive); otherwise it is compared
 // exactly.
 //
-// A service builds query strings with to_query_by_backup_id and
-// to_query_by_file_name and hands them to catalog_application::find_catalog or
+// A service builds query strings with to_query_by_backup_id,
+// to_query_by_file_name and to_query_by_time_range and hands them to catalog_application::find_catalog or
 // del_catalog; app_query is what the catalog parses them into. Plain values:
 // no shared state, nothing to release.
 #ifndef APPDB_APP_QUERY_H_
@@ -66,6 +66,12 @@ std::string to_query_by_backup_id(const std::string& client, const std::string& 
 // "name|" + client + "," + policy + "," + file_name
 std::string to_query_by_file_name(const std::string& client, const std::string& policy,
                                   const std::string& file_name);
+
+// "time_range|" + client + "," + policy + "," + start + "," + stop: the items
+// whose backup started at or after `start` and at or before `stop` (seconds;
+// the catalog compares the low 32 bits of each bound).
+std::string to_query_by_time_range(const std::string& client, const std::string& policy,
+                                   int64_t start, int64_t stop);
 
 }  // namespace appdb
 

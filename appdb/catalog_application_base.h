@@ -18,6 +18,7 @@
 #include "appdb/appdb_cache.h"
 #include "appdb/authentication_application.h"
 #include "appdb/catalog_application.h"
+#include "appdb/catalog_filter.h"
 #include "appdb/catalog_guards.h"
 #include "appdb/catalog_item_sink.h"
 #include "appdb/catalog_store.h"
@@ -162,6 +163,15 @@ public:
     cr_status_t do_db_query(const app_query& query, std::vector<app_catalog_item>& items,
                             const std::string& sql);
 
+    // A filter's statement (catalog_filter.h) on the database of client and
+    // policy, as try_do_db_query / do_db_query run a query's: same missing
+    // database rule, checksum check, busy retries and log records.
+    cr_status_t try_do_db_filter(const std::string& client, const std::string& policy,
+                                 const catalog_filter_statement& statement,
+                                 catalog_item_sink& sink);
+    cr_status_t do_db_filter(const std::string& client, const std::string& policy,
+                             const catalog_filter_statement& statement, catalog_item_sink& sink);
+
     // A missing database is reported as the open failure. With a `check`,
     // only the rows the caller may remove go (see removal_check), a missing
     // database without a shadow copy matches nothing, and `sql` is left empty
@@ -229,6 +239,13 @@ protected:
     cr_status_t find_catalog_flow(CatalogDirectoryLock* dir_lock, const char* user,
                                   unsigned int role, const std::string& query_text,
                                   std::vector<app_catalog_item>& records);
+    // find_catalog with a filter's statement on the database of client and
+    // policy instead of a query text.
+    cr_status_t find_filtered_flow(CatalogDirectoryLock* dir_lock, const char* user,
+                                   unsigned int role, const std::string& client,
+                                   const std::string& policy,
+                                   const catalog_filter_statement& statement,
+                                   catalog_item_sink& sink);
     // The list form, over the record form's virtual slot.
     cr_status_t find_catalog_text_flow(const char* user, unsigned int role,
                                        const std::string& query_text, std::string& result);
@@ -270,6 +287,13 @@ protected:
                                     removal_check& check);
 
 private:
+    // The read of a find: names checked, the directory of client and policy
+    // locked, `read` given a sink that passes on only the records the user
+    // may read; a failure logged "%s: failed to query %s for %s" with `what`.
+    template <typename Read>
+    cr_status_t read_locked(CatalogDirectoryLock* dir_lock, const char* function, const char* user,
+                            unsigned int role, const std::string& client, const std::string& policy,
+                            const std::string& what, catalog_item_sink& sink, Read read);
     // parse_query, logging "%s: failed to parse %s" for `function` on failure.
     cr_status_t parse_query_logged(const char* function, const std::string& query_text,
                                    app_query& query, std::string& sql);
@@ -317,6 +341,16 @@ public:
     cr_status_t find_by_file_name(const std::string& client, const std::string& policy,
                                   const std::string& file_name, app_catalog_item& result,
                                   bool lock) override;
+
+    // The records of the database of client and policy that `statement`
+    // (make_filter_statement) selects and `user` may read, handed to `sink`
+    // one at a time, under the directory lock: what find_catalog does for a
+    // query text (logged as "find_catalog"), for a search that no query text
+    // can express.
+    cr_status_t find_catalog_filtered(const char* user, unsigned int role,
+                                      const std::string& client, const std::string& policy,
+                                      const catalog_filter_statement& statement,
+                                      catalog_item_sink& sink);
 
     std::unique_ptr<CatalogDirectoryLock> dir_lock;
 };

@@ -19,6 +19,14 @@ cr_status_t catalog_application_impl::update_catalog(const char* user, unsigned 
     return update_catalog_flow(dir_lock.get(), user, role, item_text);
 }
 
+cr_status_t catalog_application_impl::find_catalog_filtered(const char* user, unsigned int role,
+                                                            const std::string& client,
+                                                            const std::string& policy,
+                                                            const catalog_filter_statement& statement,
+                                                            catalog_item_sink& sink) {
+    return find_filtered_flow(dir_lock.get(), user, role, client, policy, statement, sink);
+}
+
 cr_status_t catalog_application_impl::find_catalog(const char* user, unsigned int role,
                                                    const std::string& query_text,
                                                    std::vector<app_catalog_item>& records) {

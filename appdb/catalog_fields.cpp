@@ -10,18 +10,18 @@ namespace {
 
 using item = app_catalog_item;
 
-constexpr catalog_field number32(const char* label, uint32_t item::*m,
+constexpr catalog_field number32(const char* label, const char* name, uint32_t item::*m,
                                  field_kind kind = field_kind::u32) {
-    return {label, kind, m, nullptr, nullptr, nullptr};
+    return {label, name, kind, m, nullptr, nullptr, nullptr};
 }
-constexpr catalog_field size64(const char* label, uint64_t item::*m) {
-    return {label, field_kind::u64, nullptr, m, nullptr, nullptr};
+constexpr catalog_field size64(const char* label, const char* name, uint64_t item::*m) {
+    return {label, name, field_kind::u64, nullptr, m, nullptr, nullptr};
 }
-constexpr catalog_field time64(const char* label, int64_t item::*m) {
-    return {label, field_kind::time, nullptr, nullptr, m, nullptr};
+constexpr catalog_field time64(const char* label, const char* name, int64_t item::*m) {
+    return {label, name, field_kind::time, nullptr, nullptr, m, nullptr};
 }
-constexpr catalog_field text(const char* label, std::string item::*m) {
-    return {label, field_kind::text, nullptr, nullptr, nullptr, m};
+constexpr catalog_field text(const char* label, const char* name, std::string item::*m) {
+    return {label, name, field_kind::text, nullptr, nullptr, nullptr, m};
 }
 
 // Indexes into catalog_fields, for the column table.
@@ -91,34 +91,34 @@ void append_number(std::string& out, Int v) {
 }  // namespace
 
 const catalog_field catalog_fields[catalog_field_count] = {
-    number32("version:", &item::version),
-    text("file name:", &item::file_name),
-    size64("file len:", &item::file_len),
-    text("backup id:", &item::backup_id),
-    text("policy:", &item::policy),
-    number32("policy type:", &item::policy_type),
-    number32("schedule type:", &item::schedule_type),
-    number32("fragment numbers:", &item::frag_nums),
-    text("client:", &item::client),
-    text("appid:", &item::app_id),
-    text("data object:", &item::data_object),
-    time64("app expire time:", &item::app_expire_time),
-    time64("orvo expire time:", &item::orvo_expire_time),
-    time64("backup start time:", &item::backup_start_time),
-    time64("backup stop time:", &item::backup_stop_time),
-    text("owner:", &item::owner),
-    number32("owner role:", &item::owner_role, field_kind::role),
-    text("description:", &item::description),
-    text("reserver0:", &item::reserver0),
-    text("reserver1:", &item::reserver1),
-    text("reserver2:", &item::reserver2),
-    text("reserver3:", &item::reserver3),
-    text("reserver4:", &item::reserver4),
-    text("reserver5:", &item::reserver5),
-    text("reserver6:", &item::reserver6),
-    text("reserver7:", &item::reserver7),
-    text("reserver8:", &item::reserver8),
-    text("reserver9:", &item::reserver9),
+    number32("version:", "version", &item::version),
+    text("file name:", "file_name", &item::file_name),
+    size64("file len:", "file_len", &item::file_len),
+    text("backup id:", "backup_id", &item::backup_id),
+    text("policy:", "policy", &item::policy),
+    number32("policy type:", "policy_type", &item::policy_type),
+    number32("schedule type:", "schedule_type", &item::schedule_type),
+    number32("fragment numbers:", "frag_nums", &item::frag_nums),
+    text("client:", "client", &item::client),
+    text("appid:", "app_id", &item::app_id),
+    text("data object:", "data_object", &item::data_object),
+    time64("app expire time:", "app_expire_time", &item::app_expire_time),
+    time64("orvo expire time:", "orvo_expire_time", &item::orvo_expire_time),
+    time64("backup start time:", "backup_start_time", &item::backup_start_time),
+    time64("backup stop time:", "backup_stop_time", &item::backup_stop_time),
+    text("owner:", "owner", &item::owner),
+    number32("owner role:", "owner_role", &item::owner_role, field_kind::role),
+    text("description:", "description", &item::description),
+    text("reserver0:", "reserver0", &item::reserver0),
+    text("reserver1:", "reserver1", &item::reserver1),
+    text("reserver2:", "reserver2", &item::reserver2),
+    text("reserver3:", "reserver3", &item::reserver3),
+    text("reserver4:", "reserver4", &item::reserver4),
+    text("reserver5:", "reserver5", &item::reserver5),
+    text("reserver6:", "reserver6", &item::reserver6),
+    text("reserver7:", "reserver7", &item::reserver7),
+    text("reserver8:", "reserver8", &item::reserver8),
+    text("reserver9:", "reserver9", &item::reserver9),
 };
 
 // The column names are part of the on-disk format (and "dataobject",
@@ -184,6 +184,13 @@ void catalog_field::set_number(app_catalog_item& it, int64_t value) const {
         case field_kind::text:
             break;
     }
+}
+
+const catalog_field* catalog_field_named(const std::string& name) {
+    for (const catalog_field& f : catalog_fields) {
+        if (name == f.name) return &f;
+    }
+    return nullptr;
 }
 
 uint32_t catalog_row_crc(const app_catalog_item& it) {

@@ -29,6 +29,8 @@ enum class field_kind {
 // one of the member pointers is set, the one its kind names.
 struct catalog_field {
     const char* label;  // the labelled form's label, e.g. "file name:"
+    const char* name;   // the member's name, e.g. "file_name": the key of the
+                        // machine-readable forms (JSON, CSV, format fields)
     field_kind kind;
     uint32_t app_catalog_item::*u32;
     uint64_t app_catalog_item::*u64;
@@ -61,6 +63,9 @@ struct catalog_column {
 constexpr int catalog_column_count = 28;
 constexpr int catalog_crc_column = catalog_column_count - 1;
 extern const catalog_column catalog_columns[catalog_column_count];
+
+// The field whose member name is `name`, or null.
+const catalog_field* catalog_field_named(const std::string& name);
 
 // The item checksum stored in (and verified against) the crc column:
 // Adler-32 from 1 over the checked columns in column order, numbers as

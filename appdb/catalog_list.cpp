@@ -21,10 +21,6 @@ namespace {
 const char kDatabasesDir[] = "databases";
 const char kApplicationDir[] = "application";
 
-// The listing reads as administrator, so the access rule drops nothing.
-const char kListUser[] = "";
-const unsigned int kListRole = appdb::APP_ROLE_ADMIN;
-
 // Open databases kept per data store while its directories are listed.
 const unsigned int kListCacheSize = 5;
 
@@ -56,6 +52,9 @@ private:
 };
 
 }  // namespace
+
+const char kListUser[] = "";
+const unsigned int kListRole = appdb::APP_ROLE_ADMIN;
 
 const size_t OpList::default_memory_limit = 1u << 20;
 
@@ -114,13 +113,12 @@ appdb::catalog_application* OpList::parse_path(const std::string& path, std::str
     }
 }
 
-appdb::catalog_application* OpList::parse_catalog_path(const std::string& path, std::string& client,
-                                                       std::string& policy) {
+bool parse_catalog_dir(const std::string& path, catalog_dir* out) {
     const std::string databases_mark = std::string("/") + kDatabasesDir + "/";
     const size_t mark = path.rfind(databases_mark);
     if (mark == std::string::npos) {
         __TraceA("path %s database root is not correct\n", path.c_str());
-        return nullptr;
+        return false;
     }
 
     // DBROOT/databases, without the slash after it.
@@ -128,7 +126,7 @@ appdb::catalog_application* OpList::parse_catalog_path(const std::string& path, 
     const std::string app_root = database_root + "/" + kApplicationDir;
     if (path.rfind(app_root) == std::string::npos) {
         __TraceA("database_app_root=%s\n", app_root.c_str());
-        return nullptr;
+        return false;
     }
 
     // The application root is a prefix of the path by construction, so the
@@ -138,7 +136,7 @@ appdb::catalog_application* OpList::parse_catalog_path(const std::string& path, 
         // Past the end there is no character; the string's terminator is shown.
         __TraceA("path %s database_app_root %s %c\n", path.c_str(), app_root.c_str(),
                  path.c_str()[std::min(start, path.size())]);
-        return nullptr;
+        return false;
     }
 
     const uint32_t dsid = static_cast<uint32_t>(atol(path.c_str() + start));
@@ -146,27 +144,38 @@ appdb::catalog_application* OpList::parse_catalog_path(const std::string& path, 
     const size_t dsid_end = path.find('/', start);
     if (dsid_end == std::string::npos) {
         __TraceA("path %s dsid is not correct\n", path.c_str());
-        return nullptr;
+        return false;
     }
     const size_t client_end = path.find('/', dsid_end + 1);
     if (client_end == std::string::npos) {
         __TraceA("path %s client is not correct\n", path.c_str());
-        return nullptr;
+        return false;
     }
     if (path.find('/', client_end + 1) != std::string::npos) {
         __TraceA("path %s policy is not correct\n", path.c_str());
-        return nullptr;
+        return false;
     }
-    client = path.substr(dsid_end + 1, client_end - dsid_end - 1);
-    policy = path.substr(client_end + 1);
+    out->dsid = dsid;
+    out->database_root = database_root;
+    out->client = path.substr(dsid_end + 1, client_end - dsid_end - 1);
+    out->policy = path.substr(client_end + 1);
 
-    __TraceA("client %s policy %s dsid %u database_root %s\n", client.c_str(), policy.c_str(), dsid,
-             database_root.c_str());
-
-    return create_list_catalog(dsid, database_root);
+    __TraceA("client %s policy %s dsid %u database_root %s\n", out->client.c_str(),
+             out->policy.c_str(), dsid, database_root.c_str());
+    return true;
 }
 
-appdb::catalog_application* OpList::create_list_catalog(uint32_t dsid, const std::string& database_root) {
+appdb::catalog_application* OpList::parse_catalog_path(const std::string& path, std::string& client,
+                                                       std::string& policy) {
+    catalog_dir dir;
+    if (!parse_catalog_dir(path, &dir)) return nullptr;
+    client = dir.client;
+    policy = dir.policy;
+    return create_list_catalog(dir.dsid, dir.database_root);
+}
+
+appdb::catalog_application_impl* OpList::create_list_catalog(uint32_t dsid,
+                                                             const std::string& database_root) {
     appdb::catalog_application_impl* app = nullptr;
     try {
         app = new (std::nothrow) appdb::catalog_application_impl(dsid, database_root, kListCacheSize);

@@ -15,7 +15,47 @@
 
 namespace appdb {
 class catalog_application;
+class catalog_application_impl;
 }  // namespace appdb
+
+// The parts of a catalog directory path
+// DBROOT/databases/application/DSID/CLIENT/POLICY.
+struct catalog_dir {
+    uint32_t dsid = 0;
+    std::string database_root;  // DBROOT/databases
+    std::string client;
+    std::string policy;
+};
+
+// Offers `root` itself to `op` as a directory, then walks the tree below it
+// with copies of `op` (TraverseDir never offers its starting directory, and
+// the root may itself be a catalog directory). The walk's result.
+template <typename Op>
+TraverseResult walk_catalog_tree(const std::string& root, const Op& op) {
+    DirItem self;
+    self.fullpath = root;
+    self.dir = root;
+    self.name = root;
+    self.depth = 0;
+    self.is_dir = true;
+    if (op(self) < 0) {
+        TraverseResult aborted;
+        aborted.status = CR_STATUS_FAILED;
+        aborted.path = root;
+        return aborted;
+    }
+    return TraverseDir(root, op, true, 0);
+}
+
+// Who a listing reads a catalog as: the administrator (user "", role 1),
+// so the access rule drops nothing.
+extern const char kListUser[];
+extern const unsigned int kListRole;
+
+// The path rule of the listing (OpList::parse_path without the catalog
+// application): true and `*out` filled for exactly the paths it accepts;
+// false, with the same trace records, for every other path.
+bool parse_catalog_dir(const std::string& path, catalog_dir* out);
 
 // Copied by value into every level of the walk, so it holds its two settings
 // and a handle on the one output buffer the copies share. Everything goes to
@@ -57,15 +97,18 @@ public:
     const std::string& backup_id_pattern() const { return backup_id_; }
     bool verbose() const { return verbose_; }
 
+    // The plain catalog application of one data store, with its own lock,
+    // as every listing reads a catalog directory (open-database cache of 5,
+    // access as administrator); null (logged) when it cannot be allocated.
+    static appdb::catalog_application_impl* create_list_catalog(uint32_t dsid,
+                                                               const std::string& database_root);
+
 private:
     // Lists `dir` when it is a catalog directory.
     void list_catalog(const std::string& dir) const;
     // parse_path without its guard against allocation failures.
     static appdb::catalog_application* parse_catalog_path(const std::string& path, std::string& client,
                                                           std::string& policy);
-    // The plain catalog application of one data store, with its own lock;
-    // null (logged) when it cannot be allocated.
-    static appdb::catalog_application* create_list_catalog(uint32_t dsid, const std::string& database_root);
 
     std::string backup_id_;
     bool verbose_;

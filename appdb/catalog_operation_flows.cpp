@@ -87,6 +87,28 @@ private:
 
 }  // namespace
 
+template <typename Read>
+cr_status_t catalog_application_base::read_locked(CatalogDirectoryLock* dir_lock, const char* fn,
+                                                  const char* user, unsigned int role,
+                                                  const std::string& client,
+                                                  const std::string& policy,
+                                                  const std::string& what, catalog_item_sink& sink,
+                                                  Read read) {
+    cr_status_t status = check_db_names(fn, client, policy);
+    if (status != CR_STATUS_OK) return status;
+    const std::string path = to_db_full_path(client, policy);
+    dir_lock_scope lock(dir_lock, path, fn);
+    if (lock.status() != CR_STATUS_OK) return lock.status();
+    const std::string who = user_or_empty(user);
+    readable_item_sink readable(fn, who, role, sink);
+    status = read(readable);
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "%s: failed to query %s for %s", fn, what.c_str(), path.c_str());
+        return status;
+    }
+    return CR_STATUS_OK;
+}
+
 cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* dir_lock,
                                                         const char* user, unsigned int role,
                                                         const std::string& query_text,
@@ -97,19 +119,23 @@ cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* di
     std::string sql;
     cr_status_t status = parse_query_logged(fn, query_text, query, sql);
     if (status != CR_STATUS_OK) return status;
-    status = check_db_names(fn, query.client, query.policy);
-    if (status != CR_STATUS_OK) return status;
-    const std::string path = to_db_full_path(query.client, query.policy);
-    dir_lock_scope lock(dir_lock, path, fn);
-    if (lock.status() != CR_STATUS_OK) return lock.status();
-    const std::string who = user_or_empty(user);
-    readable_item_sink readable(fn, who, role, sink);
-    status = query_step(fn, query, readable, sql);
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: failed to query %s for %s", fn, query_text.c_str(), path.c_str());
-        return status;
-    }
-    return CR_STATUS_OK;
+    return read_locked(dir_lock, fn, user, role, query.client, query.policy, query_text, sink,
+                       [&](catalog_item_sink& readable) { return query_step(fn, query, readable, sql); });
+}
+
+cr_status_t catalog_application_base::find_filtered_flow(CatalogDirectoryLock* dir_lock,
+                                                         const char* user, unsigned int role,
+                                                         const std::string& client,
+                                                         const std::string& policy,
+                                                         const catalog_filter_statement& statement,
+                                                         catalog_item_sink& sink) {
+    const char* const fn = "find_catalog";
+    InfoA(CR_STATUS_OK, "%s: find app catalog %s in %s %s", fn, statement.sql.c_str(),
+          client.c_str(), policy.c_str());
+    return read_locked(dir_lock, fn, user, role, client, policy, statement.sql, sink,
+                       [&](catalog_item_sink& readable) {
+                           return do_db_filter(client, policy, statement, readable);
+                       });
 }
 
 cr_status_t catalog_application_base::find_catalog_flow(CatalogDirectoryLock* dir_lock,

@@ -117,37 +117,36 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
     return try_do_db_query(query, sink, sql);
 }
 
-cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
-                                                      catalog_item_sink& sink,
-                                                      const std::string& sql_in) {
+namespace {
+
+// One attempt of a query on the database of client and policy: a missing
+// database (without a shadow copy) has no rows; otherwise `run` gets the
+// store borrowed from the cache.
+template <typename Run>
+cr_status_t query_attempt(catalog_application_base& self, const std::string& client,
+                          const std::string& policy, Run run) {
     const char* const fn = "try_do_db_query";
     try {
-        if (!shadow_copy_exist(query.client, query.policy)) {
-            InfoA(CR_STATUS_OK, "%s: no app.db shadow for %s %s", fn, query.client.c_str(),
-                  query.policy.c_str());
-            if (!db_existed(query.client, query.policy)) {
+        if (!self.shadow_copy_exist(client, policy)) {
+            InfoA(CR_STATUS_OK, "%s: no app.db shadow for %s %s", fn, client.c_str(),
+                  policy.c_str());
+            if (!self.db_existed(client, policy)) {
                 // Not to be taken for an empty catalog.
-                const cr_status_t readable = check_db_readable(fn, query.client, query.policy);
+                const cr_status_t readable = self.check_db_readable(fn, client, policy);
                 if (readable != CR_STATUS_OK) return readable;
-                InfoA(CR_STATUS_OK, "%s: no app db for %s %s", fn, query.client.c_str(),
-                      query.policy.c_str());
+                InfoA(CR_STATUS_OK, "%s: no app db for %s %s", fn, client.c_str(), policy.c_str());
                 return CR_STATUS_OK;
             }
         }
-        // A type without a statement prepares the empty text; it is refused
-        // where the parameters are bound.
-        std::string own_sql;
-        if (sql_in.empty()) query.query_sql(own_sql);
-        const std::string& sql = sql_in.empty() ? own_sql : sql_in;
         appdb_value* value = nullptr;
-        const cr_status_t status = open_db_with_cached(query.client, query.policy, &value);
+        const cr_status_t status = self.open_db_with_cached(client, policy, &value);
         if (status != CR_STATUS_OK) {
             ErrorA(status, "%s: failed to open db file %s", fn,
-                   to_db_full_name(query.client, query.policy).c_str());
+                   self.to_db_full_name(client, policy).c_str());
             return status;
         }
-        Auto_Return_DB db_guard(cache.get(), to_db_full_path(query.client, query.policy), value);
-        return value->store->query(query, sql, sink);
+        Auto_Return_DB db_guard(self.cache.get(), self.to_db_full_path(client, policy), value);
+        return run(*value->store);
     } catch (const std::bad_alloc&) {
         ErrorA(CR_STATUS_NOMEM, "%s: out of memory when do db query", fn);
         return CR_STATUS_NOMEM;
@@ -156,25 +155,20 @@ cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
     }
 }
 
-cr_status_t catalog_application_base::do_db_query(const app_query& query,
-                                                  std::vector<app_catalog_item>& items,
-                                                  const std::string& sql) {
-    vector_item_sink sink(items);
-    return do_db_query(query, sink, sql);
-}
-
-cr_status_t catalog_application_base::do_db_query(const app_query& query, catalog_item_sink& sink,
-                                                  const std::string& sql, bool* stopped_by_sink) {
+// Repeats `attempt` (given the sink to fill) while the database is busy,
+// restarting the sink before every attempt.
+template <typename Attempt>
+cr_status_t query_retry(const std::string& name, catalog_item_sink& sink, bool* stopped_by_sink,
+                        Attempt attempt) {
     const char* const fn = "do_db_query";
     try {
-        const std::string name = to_db_full_name(query.client, query.policy);
         stop_noting_sink noting(sink);
         const cr_status_t status = sqlitedb::retry_while_busy(
             [&] {
                 // Every attempt starts from an empty result, so a retried
                 // query never gives a record twice.
                 noting.restart();
-                return try_do_db_query(query, noting, sql);
+                return attempt(noting);
             },
             [&](unsigned int busy) {
                 // A sink's own busy is not the database's: no retry.
@@ -189,6 +183,60 @@ cr_status_t catalog_application_base::do_db_query(const app_query& query, catalo
         return status;
     } catch (...) {
         return exception_status(fn);
+    }
+}
+
+}  // namespace
+
+cr_status_t catalog_application_base::try_do_db_query(const app_query& query,
+                                                      catalog_item_sink& sink,
+                                                      const std::string& sql_in) {
+    return query_attempt(*this, query.client, query.policy, [&](catalog_store& store) {
+        // A type without a statement prepares the empty text; it is refused
+        // where the parameters are bound.
+        std::string own_sql;
+        if (sql_in.empty()) query.query_sql(own_sql);
+        return store.query(query, sql_in.empty() ? own_sql : sql_in, sink);
+    });
+}
+
+cr_status_t catalog_application_base::do_db_query(const app_query& query,
+                                                  std::vector<app_catalog_item>& items,
+                                                  const std::string& sql) {
+    vector_item_sink sink(items);
+    return do_db_query(query, sink, sql);
+}
+
+cr_status_t catalog_application_base::do_db_query(const app_query& query, catalog_item_sink& sink,
+                                                  const std::string& sql, bool* stopped_by_sink) {
+    try {
+        return query_retry(to_db_full_name(query.client, query.policy), sink, stopped_by_sink,
+                           [&](catalog_item_sink& noting) { return try_do_db_query(query, noting, sql); });
+    } catch (...) {
+        return exception_status("do_db_query");
+    }
+}
+
+cr_status_t catalog_application_base::try_do_db_filter(const std::string& client,
+                                                       const std::string& policy,
+                                                       const catalog_filter_statement& statement,
+                                                       catalog_item_sink& sink) {
+    return query_attempt(*this, client, policy, [&](catalog_store& store) {
+        return store.query(statement, client, policy, sink);
+    });
+}
+
+cr_status_t catalog_application_base::do_db_filter(const std::string& client,
+                                                   const std::string& policy,
+                                                   const catalog_filter_statement& statement,
+                                                   catalog_item_sink& sink) {
+    try {
+        return query_retry(to_db_full_name(client, policy), sink, nullptr,
+                           [&](catalog_item_sink& noting) {
+                               return try_do_db_filter(client, policy, statement, noting);
+                           });
+    } catch (...) {
+        return exception_status("do_db_query");
     }
 }
 

@@ -20,16 +20,19 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "appdb/app_catalog_item.h"
 #include "appdb/app_query.h"
+#include "appdb/catalog_filter.h"
 #include "appdb/catalog_item_sink.h"
 #include "dct/status.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace appdb {
 
@@ -134,6 +137,12 @@ public:
     // sink returns ends the query as it is.
     cr_status_t query(const app_query& query, const std::string& sql, catalog_item_sink& sink);
 
+    // The same for a filter's statement: its values are bound in order and
+    // each row goes to `sink` with `client` and `policy`, after the same
+    // checksum check.
+    cr_status_t query(const catalog_filter_statement& statement, const std::string& client,
+                      const std::string& policy, catalog_item_sink& sink);
+
     // Deletes the rows whose `key` column is `key_value`, and puts the literal
     // DELETE text into `sql`. DONE is success also when no row matched; a file
     // without its table has nothing to delete. With a `check`, only the rows
@@ -149,6 +158,14 @@ public:
 
 private:
     class statements;
+
+    // Prepares the SELECT `sql` (kept), lets `bind` bind its parameters
+    // (returning 0 or its logged status), then steps it to its end, checking
+    // every row's checksum and handing it to `sink` with `client` and
+    // `policy`. A file without its table has no rows (0).
+    cr_status_t run_select(const std::string& sql, const std::string& client,
+                           const std::string& policy, catalog_item_sink& sink,
+                           const std::function<cr_status_t(sqlite3_stmt*)>& bind);
 
     catalog_store(sqlite3* db, const std::string& file);
 

@@ -134,8 +134,9 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
     return status;
 }
 
-cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
-                                 catalog_item_sink& sink) {
+cr_status_t catalog_store::run_select(const std::string& sql, const std::string& client,
+                                      const std::string& policy, catalog_item_sink& sink,
+                                      const std::function<cr_status_t(sqlite3_stmt*)>& bind) {
     const char* const fn = "try_do_db_query";
     sqlitedb::statement once;
     int rc = SQLITE_OK;
@@ -149,43 +150,10 @@ cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
         }
         return prepare_failure(fn, file_, sql.c_str(), rc);
     }
-    // A text without a statement prepares to none; binding to it fails below.
+    // A text without a statement prepares to none; binding to it fails.
     sqlitedb::statement_use use(stmt);
-
-    switch (query.type) {
-        case APP_QUERY_NAME:
-        case APP_QUERY_BACKUP_ID: {
-            const bool by_name = query.type == APP_QUERY_NAME;
-            const std::string& key = by_name ? query.file_name : query.backup_id;
-            if (by_name) {
-                __TraceA("%s: query by name %s, sql %s", fn, key.c_str(), sql.c_str());
-            } else {
-                __TraceA("%s: query by backupid %s, sql %s", fn, key.c_str(), sql.c_str());
-            }
-            rc = bind_text(stmt, 1, key);
-            if (rc != SQLITE_OK) return bind_failure(fn, file_, sql, key, rc);
-            break;
-        }
-        case APP_QUERY_TIME_RANGE:
-            __TraceA("%s: query by time start %ld stop %ld, sql %s", fn,
-                     static_cast<long>(query.start_time), static_cast<long>(query.stop_time),
-                     sql.c_str());
-            // The range is bound as 32-bit integers, as it always has been:
-            // larger bounds are cut to their low 32 bits.
-            rc = sqlite3_bind_int(stmt, 1, static_cast<int>(query.start_time));
-            if (rc == SQLITE_OK) rc = sqlite3_bind_int(stmt, 2, static_cast<int>(query.stop_time));
-            if (rc != SQLITE_OK) {
-                const cr_status_t status = map_status(rc);
-                ErrorA(status, "%s: DB[%s] failed to bind [%s] %ld %ld (%d, %s).", fn,
-                       file_.c_str(), sql.c_str(), static_cast<long>(query.start_time),
-                       static_cast<long>(query.stop_time), rc, sqlite3_errstr(rc));
-                return status;
-            }
-            break;
-        default:
-            ErrorA(CR_STATUS_FAILED, "%s: unsupported app query type %u", fn, query.type);
-            return CR_STATUS_FAILED;
-    }
+    const cr_status_t bound = bind(stmt);
+    if (bound != CR_STATUS_OK) return bound;
 
     // One item is decoded into again and again: its strings keep their
     // capacity from row to row unless the sink takes them.
@@ -212,14 +180,79 @@ cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
                    item.to_string().c_str());
             return CR_STATUS_CORRUPT;
         }
-        item.client = query.client;
-        item.policy = query.policy;
+        item.client = client;
+        item.policy = policy;
         const cr_status_t status = sink.take(item);
         if (status != CR_STATUS_OK) return status;
         ++taken;
     }
     __TraceA("%s: search done, find count %lu", fn, taken);
     return CR_STATUS_OK;
+}
+
+cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
+                                 catalog_item_sink& sink) {
+    const char* const fn = "try_do_db_query";
+    return run_select(sql, query.client, query.policy, sink, [&](sqlite3_stmt* stmt) {
+        int rc = SQLITE_OK;
+        switch (query.type) {
+            case APP_QUERY_NAME:
+            case APP_QUERY_BACKUP_ID: {
+                const bool by_name = query.type == APP_QUERY_NAME;
+                const std::string& key = by_name ? query.file_name : query.backup_id;
+                if (by_name) {
+                    __TraceA("%s: query by name %s, sql %s", fn, key.c_str(), sql.c_str());
+                } else {
+                    __TraceA("%s: query by backupid %s, sql %s", fn, key.c_str(), sql.c_str());
+                }
+                rc = bind_text(stmt, 1, key);
+                if (rc != SQLITE_OK) return bind_failure(fn, file_, sql, key, rc);
+                return CR_STATUS_OK;
+            }
+            case APP_QUERY_TIME_RANGE:
+                __TraceA("%s: query by time start %ld stop %ld, sql %s", fn,
+                         static_cast<long>(query.start_time), static_cast<long>(query.stop_time),
+                         sql.c_str());
+                // The range is bound as 32-bit integers, as it always has been:
+                // larger bounds are cut to their low 32 bits.
+                rc = sqlite3_bind_int(stmt, 1, static_cast<int>(query.start_time));
+                if (rc == SQLITE_OK) rc = sqlite3_bind_int(stmt, 2, static_cast<int>(query.stop_time));
+                if (rc != SQLITE_OK) {
+                    const cr_status_t status = map_status(rc);
+                    ErrorA(status, "%s: DB[%s] failed to bind [%s] %ld %ld (%d, %s).", fn,
+                           file_.c_str(), sql.c_str(), static_cast<long>(query.start_time),
+                           static_cast<long>(query.stop_time), rc, sqlite3_errstr(rc));
+                    return status;
+                }
+                return CR_STATUS_OK;
+            default:
+                ErrorA(CR_STATUS_FAILED, "%s: unsupported app query type %u", fn, query.type);
+                return CR_STATUS_FAILED;
+        }
+    });
+}
+
+cr_status_t catalog_store::query(const catalog_filter_statement& statement,
+                                 const std::string& client, const std::string& policy,
+                                 catalog_item_sink& sink) {
+    const char* const fn = "try_do_db_query";
+    const std::string& sql = statement.sql;
+    return run_select(sql, client, policy, sink, [&](sqlite3_stmt* stmt) {
+        __TraceA("%s: query by filter, %u values, sql %s", fn,
+                 static_cast<unsigned int>(statement.values.size()), sql.c_str());
+        int index = 0;
+        for (const catalog_sql_value& v : statement.values) {
+            ++index;
+            // The whole text is bound: a value is compared as given.
+            const int rc = v.is_text ? bind_bytes(stmt, index, v.text)
+                                     : sqlite3_bind_int64(stmt, index, v.number);
+            if (rc != SQLITE_OK) {
+                return bind_failure(fn, file_, sql, v.is_text ? v.text : std::to_string(v.number),
+                                    rc);
+            }
+        }
+        return CR_STATUS_OK;
+    });
 }
 
 cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::string& key_value,

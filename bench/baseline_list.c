@@ -1,4 +1,5 @@
-/* baseline_list DBROOT
+/* baseline_list DBROOT [BACKUP_ID]
+ * baseline_list --find DBROOT [--client GLOB] [--since TIME] [--summary]
  *
  * The listing of `kavrel -listall -dbpath DBROOT` done by a plain C program:
  * walk the tree, and for every directory DBROOT/databases/application/DSID/
@@ -7,8 +8,17 @@
  * byte layout, compare it with the crc column, and print the same text:
  * "[dir]", one line per row, "total app catalog N" and an empty line. Rows are
  * printed as they are read. A checksum mismatch is reported on standard error
- * and makes the exit status 1. */
+ * and makes the exit status 1.
+ *
+ * With --find, the same for `kavrel-find --dbpath DBROOT`: no "[dir]" and
+ * total lines; client directories whose name does not match GLOB (SQLite's
+ * GLOB) are not entered; --since selects rows whose backup started at or
+ * after TIME inside the SELECT; --summary prints one line per catalog with a
+ * row, "DSID|CLIENT|POLICY|ITEMS|BYTES|OLDEST|NEWEST|EARLIEST EXPIRY|", from
+ * a GROUP BY that SQLite computes (no row is read or checksummed). It keeps
+ * freed memory as kavrel-find does. */
 #include <dirent.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include "bench_catalog.h"
@@ -60,7 +70,46 @@ static const char* col_text(sqlite3_stmt* s, int i, size_t* n) {
    ends in "*", else an exact id, as the catalog's query chooses. */
 static const char* g_backup_id = "*";
 
-static void list_database(const char* dir, const char* client, const char* policy) {
+/* --find and its options. */
+static int g_find = 0;
+static const char* g_client = NULL;
+static int g_since_set = 0;
+static sqlite3_int64 g_since = 0;
+static int g_summary = 0;
+
+#define FIND_SQL "SELECT * FROM catalog ORDER BY backup_start_time ASC"
+#define FIND_SINCE_SQL "SELECT * FROM catalog WHERE backup_start_time >= ? ORDER BY backup_start_time ASC"
+#define SUMMARY_SQL                                                                              \
+    "SELECT count(*), sum(filelen), min(backup_start_time), max(backup_start_time),"           \
+    " min(CASE WHEN backup_app_expire_time > 0 THEN backup_app_expire_time END),"              \
+    " min(CASE WHEN backup_orvo_expire_time > 0 THEN backup_orvo_expire_time END)"             \
+    " FROM catalog GROUP BY NULL"
+
+static void summarize_database(const char* file, const char* dsid, const char* client, const char* policy) {
+    sqlite3* db = NULL;
+    sqlite3_stmt* s = NULL;
+    if (sqlite3_open_v2(file, &db, SQLITE_OPEN_READONLY, NULL) != SQLITE_OK ||
+        sqlite3_prepare_v2(db, SUMMARY_SQL, -1, &s, NULL) != SQLITE_OK) {
+        fprintf(stderr, "baseline_list: %s: %s\n", file, sqlite3_errmsg(db));
+        g_failed = 1;
+    } else if (sqlite3_step(s) == SQLITE_ROW && sqlite3_column_int64(s, 0) > 0) {
+        char expiry[32] = "";
+        int have_app = sqlite3_column_type(s, 4) != SQLITE_NULL;
+        int have_orvo = sqlite3_column_type(s, 5) != SQLITE_NULL;
+        if (have_app || have_orvo) {
+            sqlite3_int64 app = sqlite3_column_int64(s, 4), orvo = sqlite3_column_int64(s, 5);
+            sqlite3_int64 e = !have_app ? orvo : !have_orvo ? app : (app < orvo ? app : orvo);
+            snprintf(expiry, sizeof(expiry), "%lld", (long long)e);
+        }
+        printf("%ld|%s|%s|%lld|%llu|%lld|%lld|%s|\n", atol(dsid), client, policy,
+               (long long)sqlite3_column_int64(s, 0), (unsigned long long)sqlite3_column_int64(s, 1),
+               (long long)sqlite3_column_int64(s, 2), (long long)sqlite3_column_int64(s, 3), expiry);
+    }
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+}
+
+static void list_database(const char* dir, const char* dsid, const char* client, const char* policy) {
     char file[4200];
     sqlite3* db = NULL;
     sqlite3_stmt* s = NULL;
@@ -70,14 +119,25 @@ static void list_database(const char* dir, const char* client, const char* polic
     size_t crc_cap = 0, client_len = strlen(client), policy_len = strlen(policy);
     int rc, k;
 
-    printf("[%s]\n", dir);
     snprintf(file, sizeof(file), "%s/app.db", dir);
+    if (g_find) {
+        struct stat st;
+        if (stat(file, &st) != 0) return; /* a directory without its database has no items */
+        if (g_summary) {
+            summarize_database(file, dsid, client, policy);
+            return;
+        }
+    } else {
+        printf("[%s]\n", dir);
+    }
     if (sqlite3_open_v2(file, &db, SQLITE_OPEN_READONLY, NULL) != SQLITE_OK ||
-        sqlite3_prepare_v2(db, g_backup_id[0] != '\0' && g_backup_id[strlen(g_backup_id) - 1] == '*'
-                                   ? BENCH_SELECT_ID_GLOB_SQL
-                                   : BENCH_SELECT_ID_SQL,
+        sqlite3_prepare_v2(db, g_find ? (g_since_set ? FIND_SINCE_SQL : FIND_SQL)
+                           : g_backup_id[0] != '\0' && g_backup_id[strlen(g_backup_id) - 1] == '*'
+                               ? BENCH_SELECT_ID_GLOB_SQL
+                               : BENCH_SELECT_ID_SQL,
                            -1, &s, NULL) != SQLITE_OK ||
-        sqlite3_bind_text(s, 1, g_backup_id, -1, SQLITE_STATIC) != SQLITE_OK) {
+        (g_find ? (g_since_set ? sqlite3_bind_int64(s, 1, g_since) : SQLITE_OK)
+                : sqlite3_bind_text(s, 1, g_backup_id, -1, SQLITE_STATIC)) != SQLITE_OK) {
         fprintf(stderr, "baseline_list: %s: %s\n", file, sqlite3_errmsg(db));
         g_failed = 1;
         sqlite3_finalize(s);
@@ -142,7 +202,7 @@ static void list_database(const char* dir, const char* client, const char* polic
     sqlite3_close(db);
     free(line.data);
     free(crc_buf);
-    printf("total app catalog %u\n\n", count);
+    if (!g_find) printf("total app catalog %u\n\n", count);
 }
 
 /* `rel` is the path below DBROOT; catalog directories are exactly
@@ -163,8 +223,19 @@ static void visit(const char* path, const char* rel) {
         if (len >= sizeof(client)) return;
         memcpy(client, parts[3], len);
         client[len] = '\0';
-        list_database(path, client, parts[4]);
+        list_database(path, parts[2], client, parts[4]);
     }
+}
+
+/* Whether the walk enters `rel`: with --client, a client directory
+ * (databases/application/DSID/CLIENT) only when its name matches. */
+static int enter(const char* rel) {
+    const char* p = rel;
+    int slashes = 0;
+    if (g_client == NULL || strncmp(rel, "databases/application/", 22) != 0) return 1;
+    for (; *p != '\0'; ++p) slashes += *p == '/';
+    if (slashes != 3) return 1;
+    return sqlite3_strglob(g_client, strrchr(rel, '/') + 1) == 0;
 }
 
 static void walk(const char* dir, size_t root_len) {
@@ -177,6 +248,7 @@ static void walk(const char* dir, size_t root_len) {
         if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
         snprintf(path, sizeof(path), "%s/%s", dir, e->d_name);
         if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        if (!enter(path + root_len + 1)) continue;
         visit(path, path + root_len + 1);
         walk(path, root_len);
     }
@@ -184,8 +256,33 @@ static void walk(const char* dir, size_t root_len) {
 }
 
 int main(int argc, char** argv) {
+    int i;
+    if (argc >= 3 && strcmp(argv[1], "--find") == 0) {
+        /* kavrel-find's allocator settings: SQLite's sorter gets and frees
+           large blocks for every catalog, and returning them to the system
+           each time costs more than the search. */
+        mallopt(M_MMAP_THRESHOLD, 16 << 20);
+        mallopt(M_TRIM_THRESHOLD, 32 << 20);
+        g_find = 1;
+        for (i = 3; i < argc; ++i) {
+            if (strcmp(argv[i], "--client") == 0 && i + 1 < argc) {
+                g_client = argv[++i];
+            } else if (strcmp(argv[i], "--since") == 0 && i + 1 < argc) {
+                g_since_set = 1;
+                g_since = atoll(argv[++i]);
+            } else if (strcmp(argv[i], "--summary") == 0) {
+                g_summary = 1;
+            } else {
+                fprintf(stderr, "baseline_list: unknown option %s\n", argv[i]);
+                return 2;
+            }
+        }
+        walk(argv[2], strlen(argv[2]));
+        return g_failed;
+    }
     if (argc != 2 && argc != 3) {
-        fprintf(stderr, "usage: baseline_list DBROOT [BACKUP_ID]\n");
+        fprintf(stderr, "usage: baseline_list DBROOT [BACKUP_ID]\n"
+                        "       baseline_list --find DBROOT [--client GLOB] [--since TIME] [--summary]\n");
         return 2;
     }
     if (argc == 3) g_backup_id = argv[2];

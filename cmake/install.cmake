@@ -20,6 +20,12 @@ if(TARGET kavrel)
   install(TARGETS kavrel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
+# kavrel-find and its man page.
+if(TARGET kavrel-find)
+  install(TARGETS kavrel-find RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel-find.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
+
 # kavrel-shadow, its man page and the systemd units of its nightly run
 # (installed, not enabled). The service names the installed binary, so it is
 # written at install time, like kavrel.pc below.

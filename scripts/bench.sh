@@ -15,6 +15,7 @@
 #   BENCH_HUGE=1     also list one database of 10,000,000 rows (4 GB of data)
 #   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
 #                    (finer-grained views of single operations)
+#   BENCH_FIND_ONLY=1  only the kavrel-find comparisons (and the table)
 #
 # Each comparison runs one warm-up of each side and then the rounds, the two
 # sides alternating (bench/bench_runner.cpp). The table goes to standard output
@@ -27,13 +28,19 @@ QUICK=${BENCH_QUICK:-0}
 [ "$QUICK" = "0" ] && QUICK=""
 RUNS=${BENCH_RUNS:-$([ -n "$QUICK" ] && echo 5 || echo 7)}
 
+FIND_ONLY=${BENCH_FIND_ONLY:-0}
+[ "$FIND_ONLY" = "0" ] && FIND_ONLY=""
+
 B="$BUILD_DIR/bench"
 KAVREL="$BUILD_DIR/tool/kavrel"
+KAVREL_FIND="$BUILD_DIR/tool/kavrel-find"
 PROGRAMS="gen_catalog gen_shadow bench_runner baseline_list baseline_insert baseline_query baseline_openclose
           kavrel_insert kavrel_insert_procs kavrel_query kavrel_cache kavrel_backup kavrel_recover"
+[ -n "$FIND_ONLY" ] && PROGRAMS="gen_catalog bench_runner baseline_list"
 missing=""
 for p in $PROGRAMS; do [ -x "$B/$p" ] || missing="$missing $p"; done
 [ -x "$KAVREL" ] || missing="$missing kavrel"
+[ -x "$KAVREL_FIND" ] || missing="$missing kavrel-find"
 if [ -n "$missing" ]; then
   echo "bench: building$missing in $BUILD_DIR" >&2
   # shellcheck disable=SC2086
@@ -45,6 +52,7 @@ mkdir -p "${BENCH_DATA:-$BUILD_DIR/bench-data}"
 DATA=$(cd "${BENCH_DATA:-$BUILD_DIR/bench-data}" && pwd)
 B=$(cd "$B" && pwd)
 KAVREL=$(cd "$(dirname "$KAVREL")" && pwd)/kavrel
+KAVREL_FIND=$(dirname "$KAVREL")/kavrel-find
 RESULTS="$BUILD_DIR/bench-results.tsv"
 TABLE="$BUILD_DIR/bench-results.md"
 : > "$RESULTS"
@@ -65,6 +73,7 @@ if [ -n "$QUICK" ]; then
   INS_PROCS=40
   RECOVER_BASE=5000 RECOVER_MAIN=5000
   RECOVER_SERIES="100 500 2000 10000"
+  FIND_POOL=100:100 FIND_CLIENTS="client00*" FIND_SINCE=1700000090
 else
   BACKUP_MB=${BENCH_BACKUP_MB:-500}
   LIST_MAIN="100:10000 1000:100"
@@ -78,6 +87,9 @@ else
   INS_PROCS=400
   RECOVER_BASE=100000 RECOVER_MAIN=100000
   RECOVER_SERIES="1000 5000 20000 100000"
+  # 1,000 catalogs of 1,000 rows; the client pattern picks 10 of them (1 %),
+  # the start time the last 100 rows of each (start times run 1700000000 + row).
+  FIND_POOL=1000:1000 FIND_CLIENTS="client000*" FIND_SINCE=1700000900
 fi
 INS_RUNS=$RUNS
 [ -z "$QUICK" ] && [ "$RUNS" -lt 11 ] && INS_RUNS=11
@@ -122,6 +134,32 @@ listing_cmds() {  # sets K and BL for the tree $1
 }
 
 START=$(date +%s)
+
+# ---- kavrel-find ----
+
+# The same selection done by the plain C listing program in its --find mode:
+# walk, skip client directories that do not match, SELECT with the filter,
+# checksum with zlib, same lines; the summary against SQLite's own GROUP BY.
+n=${FIND_POOL%%:*} rows=${FIND_POOL##*:}
+FT=$(tree "find-${n}x${rows}" "$n" "$rows")
+FIND_K="VELKREGISTRY=$(q "$FT/registry.cfg") exec $(q "$KAVREL_FIND")"
+FIND_BL="exec $(q "$B/baseline_list") --find $(q "$FT")"
+FIND_SIZE="$(fmt "$n") databases x $(fmt "$rows") rows"
+FIND_NOTE="plain C: walk, skip other clients, SELECT, checksum with zlib, same lines"
+compare --op "kavrel-find --client (1 % of the catalogs)" --size "$FIND_SIZE" --check-output --target 1.2 \
+  --mem-target 2 --note "$FIND_NOTE" \
+  --kavrel "$FIND_K --client $(q "$FIND_CLIENTS")" --baseline "$FIND_BL --client $(q "$FIND_CLIENTS")"
+compare --op "kavrel-find --since (10 % of the rows of every catalog)" --size "$FIND_SIZE" --check-output \
+  --target 1.2 --mem-target 2 --note "plain C: walk, SELECT ... WHERE backup_start_time >= ?, checksum, same lines" \
+  --kavrel "$FIND_K --since $FIND_SINCE" --baseline "$FIND_BL --since $FIND_SINCE"
+compare --op "kavrel-find --summary (whole pool)" --size "$FIND_SIZE" --check-output --target 1.2 \
+  --mem-target 2 --note "plain C: one GROUP BY per database in SQLite, no row read or checksummed" \
+  --kavrel "$FIND_K --summary" --baseline "$FIND_BL --summary"
+compare --op "kavrel-find (every item)" --size "$FIND_SIZE" --check-output \
+  --note "plain C: walk, SELECT, checksum with zlib, same lines" \
+  --kavrel "$FIND_K" --baseline "$FIND_BL"
+
+if [ -z "$FIND_ONLY" ]; then
 
 # ---- listing ----
 
@@ -310,6 +348,8 @@ for n in $RECOVER_SERIES; do
   recover_cmp "series$n" 0 "$n" --op "recovery" --size "empty version + $(fmt "$n") statements" \
     --series "recovery, statements in the journal" --units "$n" --unit statement
 done
+
+fi  # FIND_ONLY
 
 # ---- the table ----
 

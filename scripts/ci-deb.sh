@@ -44,6 +44,8 @@ $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-reco
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 for f in /usr/bin/kavrel \
          /usr/share/man/man1/kavrel.1.gz \
+         /usr/bin/kavrel-find \
+         /usr/share/man/man1/kavrel-find.1.gz \
          /usr/bin/kavrel-shadow \
          /usr/share/man/man8/kavrel-shadow.8.gz \
          /usr/lib/systemd/system/kavrel-shadow.service \
@@ -103,10 +105,21 @@ if grep -q '^ERROR' "$pool/kavrel.log"; then
   fail "kavrel logged errors"
 fi
 
+# kavrel-find reads the same pool: as many items, and those of one backup id.
+found=$(kavrel-find --count)
+[ "$found" -eq 32 ] || fail "kavrel-find --count found $found items, expected 32"
+found=$(kavrel-find --backup-id clientB_1700000000 --count)
+[ "$found" -eq 4 ] || fail "kavrel-find --backup-id clientB_1700000000 found $found items, expected 4"
+rows=$(kavrel-find --summary --csv | wc -l)
+# Nine catalogs, one of them empty: a header and eight rows.
+[ "$rows" -eq 9 ] || fail "kavrel-find --summary --csv printed $rows lines, expected a header and 8 rows"
+echo "ci-deb: kavrel-find: $found items of clientB_1700000000, $((rows - 1)) summary rows"
+
 status=0
 kavrel >/dev/null 2>&1 || status=$?
 [ "$status" -eq 255 ] || fail "kavrel without an option exited with $status, expected 255"
 
 man -w kavrel >/dev/null 2>&1 || [ ! -x /usr/bin/man ] || fail "man does not find kavrel(1)"
+man -w kavrel-find >/dev/null 2>&1 || [ ! -x /usr/bin/man ] || fail "man does not find kavrel-find(1)"
 
 echo "ci-deb: all checks passed"

@@ -113,18 +113,6 @@ int main(int argc, char** argv) {
     mallopt(M_MMAP_THRESHOLD, kListMmapThreshold);
     mallopt(M_TRIM_THRESHOLD, kListTrimThreshold);
 
-    const OpList op(pattern, verbose, list_memory_limit());
-
-    // The walk never offers its starting directory to the functor, and the
-    // root may itself be a catalog directory.
-    DirItem self;
-    self.fullpath = root;
-    self.dir = root;
-    self.name = root;
-    self.depth = 0;
-    self.is_dir = true;
-    op(self);
-
-    TraverseDir(root, op, true, 0);
+    walk_catalog_tree(root, OpList(pattern, verbose, list_memory_limit()));
     return 0;
 }

@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "dct/fs.h"
-#include "tool/json_writer.h"
+#include "tool/json_text.h"
 #include "tool/shadow_report.h"
 
 namespace kshadow {
@@ -94,26 +94,25 @@ std::string init_text(const InitReport& r) {
 }
 
 std::string init_json(const InitReport& r) {
-    JsonWriter w;
-    w.begin_object();
-    w.member("schema", static_cast<int64_t>(kJsonSchema));
-    w.member("command", std::string("init"));
-    w.key("init");
-    w.begin_object();
-    w.member("config_file", r.config_file);
-    w.member("app_db_root", r.app_db_root);
-    w.member("podb_root", r.podb_root);
-    w.member_or_null("shadow_root", !r.shadow_root.empty(), r.shadow_root);
-    w.member_or_null("identity_file", !r.identity_file.empty(), r.identity_file);
-    w.member("backup", r.backup);
-    w.member("auto_recovery", r.auto_recovery);
-    w.member("versions", static_cast<uint64_t>(r.versions));
-    w.member("pool_size", r.pool_size);
-    w.member("result", r.result);
-    w.member_or_null("reason", !r.reason.empty(), r.reason);
-    w.end_object();
-    w.end_object();
-    return w.str() + "\n";
+    using ktool::json;
+    using ktool::json_text;
+    json init = json::object();
+    init["config_file"] = json_text(r.config_file);
+    init["app_db_root"] = json_text(r.app_db_root);
+    init["podb_root"] = json_text(r.podb_root);
+    init["shadow_root"] = r.shadow_root.empty() ? json() : json_text(r.shadow_root);
+    init["identity_file"] = r.identity_file.empty() ? json() : json_text(r.identity_file);
+    init["backup"] = r.backup;
+    init["auto_recovery"] = r.auto_recovery;
+    init["versions"] = static_cast<uint64_t>(r.versions);
+    init["pool_size"] = r.pool_size;
+    init["result"] = r.result;
+    init["reason"] = r.reason.empty() ? json() : json_text(r.reason);
+    json doc = json::object();
+    doc["schema"] = static_cast<int64_t>(kJsonSchema);
+    doc["command"] = "init";
+    doc["init"] = init;
+    return ktool::json_line(doc) + "\n";
 }
 
 }  // namespace kshadow

@@ -2,11 +2,15 @@
 
 #include <stdio.h>
 
-#include "tool/json_writer.h"
+#include "tool/json_text.h"
 
 namespace kshadow {
 
 namespace {
+
+using ktool::json;
+using ktool::json_line;
+using ktool::json_text;
 
 // Width of the label column of the text form.
 const int kLabelWidth = 14;
@@ -24,97 +28,125 @@ std::string age_text(int64_t seconds) {
     return std::to_string(seconds / 86400) + "d";
 }
 
-void write_live(JsonWriter& w, const DatabaseReport& r) {
-    w.begin_object();
-    w.member("path", r.target.db_path);
-    w.member("exists", r.live.exists);
-    w.member("readable", !r.live.denied);
-    w.member("size", r.live.size);
-    w.member_or_null("rows", r.live.rows_known, r.live.rows);
-    w.member("integrity", r.live.integrity);
-    w.member("row_checksums", r.live.row_checksums);
-    w.end_object();
+// Every text goes through json_text: paths and messages are bytes, and one
+// that is not UTF-8 is written as {"hex": ...} (see json_text.h).
+json text(const std::string& s) { return json_text(s); }
+
+// The value, or null when it is not `present`.
+template <typename T>
+json or_null(bool present, const T& value) {
+    return present ? json(value) : json();
 }
 
-void write_version(JsonWriter& w, const VersionState& v) {
-    w.begin_object();
-    w.member("version", v.number);
-    w.member("path", v.path);
-    w.member("exists", v.exists);
-    w.member("size", v.size);
-    w.member("age_seconds", v.age_seconds);
-    w.member("checksum", v.checksum);
-    w.key("journal");
-    w.begin_object();
-    w.member("path", v.journal_path);
-    w.member("lines", static_cast<uint64_t>(v.journal_lines));
-    w.member("recorded_lines", static_cast<uint64_t>(v.journal_recorded_lines));
-    w.member("checksum", v.journal);
-    w.end_object();
-    w.member("integrity", v.integrity);
-    w.end_object();
+json live_json(const DatabaseReport& r) {
+    json o = json::object();
+    o["path"] = text(r.target.db_path);
+    o["exists"] = r.live.exists;
+    o["readable"] = !r.live.denied;
+    o["size"] = r.live.size;
+    o["rows"] = or_null(r.live.rows_known, r.live.rows);
+    o["integrity"] = text(r.live.integrity);
+    o["row_checksums"] = text(r.live.row_checksums);
+    return o;
 }
 
-void write_recovery(JsonWriter& w, const RecoveryPlan& p) {
-    w.begin_object();
-    w.member("possible", p.possible);
-    w.member_or_null("base_version", p.base_version != 0, p.base_version);
-    w.member_or_null("base_path", !p.base_path.empty(), p.base_path);
-    w.member("journal_lines", p.journal_lines);
-    w.member_or_null("rows_after", p.rows_known, p.rows_after);
-    w.key("passed_over");
-    w.begin_array();
-    for (uint64_t n : p.passed_over) w.value(n);
-    w.end_array();
-    w.key("set_aside");
-    w.begin_array();
-    for (const std::string& path : p.set_aside) w.value(path);
-    w.end_array();
-    w.member_or_null("reason", !p.reason.empty(), p.reason);
-    w.end_object();
+json version_json(const VersionState& v) {
+    json o = json::object();
+    o["version"] = v.number;
+    o["path"] = text(v.path);
+    o["exists"] = v.exists;
+    o["size"] = v.size;
+    o["age_seconds"] = v.age_seconds;
+    o["checksum"] = text(v.checksum);
+    json journal = json::object();
+    journal["path"] = text(v.journal_path);
+    journal["lines"] = static_cast<uint64_t>(v.journal_lines);
+    journal["recorded_lines"] = static_cast<uint64_t>(v.journal_recorded_lines);
+    journal["checksum"] = text(v.journal);
+    o["journal"] = journal;
+    o["integrity"] = text(v.integrity);
+    return o;
 }
 
-void write_action(JsonWriter& w, const Action& a) {
-    if (a.name.empty()) {
-        w.null();
-        return;
+json recovery_json(const RecoveryPlan& p) {
+    json o = json::object();
+    o["possible"] = p.possible;
+    o["base_version"] = or_null(p.base_version != 0, p.base_version);
+    o["base_path"] = p.base_path.empty() ? json() : text(p.base_path);
+    o["journal_lines"] = p.journal_lines;
+    o["rows_after"] = or_null(p.rows_known, p.rows_after);
+    json passed_over = json::array();
+    for (uint64_t n : p.passed_over) passed_over.push_back(n);
+    o["passed_over"] = passed_over;
+    json set_aside = json::array();
+    for (const std::string& path : p.set_aside) set_aside.push_back(text(path));
+    o["set_aside"] = set_aside;
+    o["reason"] = p.reason.empty() ? json() : text(p.reason);
+    return o;
+}
+
+json action_json(const Action& a) {
+    if (a.name.empty()) return json();
+    json o = json::object();
+    o["name"] = text(a.name);
+    o["result"] = text(a.result);
+    o["status"] = static_cast<uint64_t>(a.status);
+    o["version"] = or_null(a.version != 0, a.version);
+    o["detail"] = text(a.detail);
+    o["journal_lines"] = a.journal_lines;
+    json passed_over = json::array();
+    for (uint64_t n : a.passed_over) passed_over.push_back(n);
+    o["passed_over"] = passed_over;
+    json set_aside = json::array();
+    for (const std::string& path : a.set_aside) set_aside.push_back(text(path));
+    o["set_aside"] = set_aside;
+    return o;
+}
+
+json summary_json(const Summary& s) {
+    json o = json::object();
+    o["databases"] = s.databases;
+    o["with_problems"] = s.with_problems;
+    o["problems"] = s.problems;
+    o["recoverable"] = s.recoverable;
+    o["exit_code"] = static_cast<int64_t>(s.exit_code);
+    o["not_readable"] = s.not_readable;
+    json unreadable = json::array();
+    for (const std::string& path : s.unreadable) unreadable.push_back(text(path));
+    o["unreadable"] = unreadable;
+    return o;
+}
+
+json head_json(const std::string& command) {
+    json o = json::object();
+    o["schema"] = static_cast<int64_t>(kJsonSchema);
+    o["command"] = text(command);
+    return o;
+}
+
+json database_object(const DatabaseReport& r) {
+    json o = json::object();
+    o["dir"] = text(r.target.dir);
+    o["type"] = text(r.target.type);
+    o["live"] = live_json(r);
+    o["checksum_file"] = text(r.checksum_file);
+    json versions = json::array();
+    for (const VersionState& v : r.versions) versions.push_back(version_json(v));
+    o["versions"] = versions;
+    o["journal_lines_since_newest"] = static_cast<uint64_t>(r.journal_lines_since_newest);
+    o["newest_age_seconds"] = or_null(r.newest_age_seconds >= 0, r.newest_age_seconds);
+    o["recovery"] = recovery_json(r.recovery);
+    json problems = json::array();
+    for (const Problem& p : r.problems) {
+        json problem = json::object();
+        problem["path"] = text(p.path);
+        problem["problem"] = text(p.what);
+        problem["not_readable"] = p.not_readable;
+        problems.push_back(problem);
     }
-    w.begin_object();
-    w.member("name", a.name);
-    w.member("result", a.result);
-    w.member("status", static_cast<uint64_t>(a.status));
-    w.member_or_null("version", a.version != 0, a.version);
-    w.member("detail", a.detail);
-    w.member("journal_lines", a.journal_lines);
-    w.key("passed_over");
-    w.begin_array();
-    for (uint64_t n : a.passed_over) w.value(n);
-    w.end_array();
-    w.key("set_aside");
-    w.begin_array();
-    for (const std::string& path : a.set_aside) w.value(path);
-    w.end_array();
-    w.end_object();
-}
-
-void write_summary(JsonWriter& w, const Summary& s) {
-    w.begin_object();
-    w.member("databases", s.databases);
-    w.member("with_problems", s.with_problems);
-    w.member("problems", s.problems);
-    w.member("recoverable", s.recoverable);
-    w.member("exit_code", static_cast<int64_t>(s.exit_code));
-    w.member("not_readable", s.not_readable);
-    w.key("unreadable");
-    w.begin_array();
-    for (const std::string& path : s.unreadable) w.value(path);
-    w.end_array();
-    w.end_object();
-}
-
-void write_head(JsonWriter& w, const std::string& command) {
-    w.member("schema", static_cast<int64_t>(kJsonSchema));
-    w.member("command", command);
+    o["problems"] = problems;
+    o["action"] = action_json(r.action);
+    return o;
 }
 
 }  // namespace
@@ -140,61 +172,22 @@ Summary summarize(const std::vector<DatabaseReport>& reports, const std::vector<
     return s;
 }
 
-std::string database_json(const DatabaseReport& r) {
-    JsonWriter w;
-    w.begin_object();
-    w.member("dir", r.target.dir);
-    w.member("type", r.target.type);
-    w.key("live");
-    write_live(w, r);
-    w.member("checksum_file", r.checksum_file);
-    w.key("versions");
-    w.begin_array();
-    for (const VersionState& v : r.versions) write_version(w, v);
-    w.end_array();
-    w.member("journal_lines_since_newest", static_cast<uint64_t>(r.journal_lines_since_newest));
-    w.member_or_null("newest_age_seconds", r.newest_age_seconds >= 0, r.newest_age_seconds);
-    w.key("recovery");
-    write_recovery(w, r.recovery);
-    w.key("problems");
-    w.begin_array();
-    for (const Problem& p : r.problems) {
-        w.begin_object();
-        w.member("path", p.path);
-        w.member("problem", p.what);
-        w.member("not_readable", p.not_readable);
-        w.end_object();
-    }
-    w.end_array();
-    w.key("action");
-    write_action(w, r.action);
-    w.end_object();
-    return w.str();
-}
+std::string database_json(const DatabaseReport& r) { return json_line(database_object(r)); }
 
 std::string document_json(const std::string& command, const std::vector<DatabaseReport>& reports,
                           const Summary& summary) {
-    JsonWriter w;
-    w.begin_object();
-    write_head(w, command);
-    w.key("databases");
-    w.begin_array();
-    for (const DatabaseReport& r : reports) w.raw(database_json(r));
-    w.end_array();
-    w.key("summary");
-    write_summary(w, summary);
-    w.end_object();
-    return w.str() + "\n";
+    json doc = head_json(command);
+    json databases = json::array();
+    for (const DatabaseReport& r : reports) databases.push_back(database_object(r));
+    doc["databases"] = databases;
+    doc["summary"] = summary_json(summary);
+    return json_line(doc) + "\n";
 }
 
 std::string summary_json_line(const std::string& command, const Summary& summary) {
-    JsonWriter w;
-    w.begin_object();
-    write_head(w, command);
-    w.key("summary");
-    write_summary(w, summary);
-    w.end_object();
-    return w.str() + "\n";
+    json doc = head_json(command);
+    doc["summary"] = summary_json(summary);
+    return json_line(doc) + "\n";
 }
 
 std::string database_text(const std::string& command, const DatabaseReport& r) {

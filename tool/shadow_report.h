@@ -24,6 +24,10 @@
 // the search for databases could not enter; each counts as one problem.
 // Check results are "ok", "bad", "missing", "denied" (not readable) or
 // "unknown" (not checked). "live" has "readable" besides "exists".
+// Every text (paths, names, messages) is a JSON string when its bytes are
+// valid UTF-8; otherwise it is the object {"hex": H}, H holding each byte as
+// two lower-case hexadecimal digits, so that it reads back to the same bytes
+// (tool/json_text.h).
 #ifndef TOOL_SHADOW_REPORT_H_
 #define TOOL_SHADOW_REPORT_H_
 

@@ -148,3 +148,19 @@ TEST(CatalogFields, ChecksumOfAKnownItemIsPinned) {
 }
 
 }  // namespace
+
+TEST(CatalogFields, MembersAreNamedInDeclarationOrder) {
+    const char* const names[] = {
+        "version", "file_name", "file_len", "backup_id", "policy", "policy_type", "schedule_type",
+        "frag_nums", "client", "app_id", "data_object", "app_expire_time", "orvo_expire_time",
+        "backup_start_time", "backup_stop_time", "owner", "owner_role", "description",
+        "reserver0", "reserver1", "reserver2", "reserver3", "reserver4", "reserver5", "reserver6",
+        "reserver7", "reserver8", "reserver9"};
+    ASSERT_EQ(appdb::catalog_field_count, sizeof(names) / sizeof(names[0]));
+    for (size_t f = 0; f < appdb::catalog_field_count; ++f) {
+        EXPECT_STREQ(names[f], catalog_fields[f].name);
+        EXPECT_EQ(&catalog_fields[f], appdb::catalog_field_named(names[f]));
+    }
+    EXPECT_EQ(nullptr, appdb::catalog_field_named("dsid"));
+    EXPECT_EQ(nullptr, appdb::catalog_field_named("file name:"));
+}

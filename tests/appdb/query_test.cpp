@@ -48,6 +48,18 @@ TEST(Query, BuildersMakeTheQueryStrings) {
     EXPECT_EQ("backup_id|,,", appdb::to_query_by_backup_id("", "", ""));
     EXPECT_EQ("name|c1,p1,/a/b,c", appdb::to_query_by_file_name("c1", "p1", "/a/b,c"));
     EXPECT_EQ("name|,,", appdb::to_query_by_file_name("", "", ""));
+    EXPECT_EQ("time_range|c1,p1,100,200", appdb::to_query_by_time_range("c1", "p1", 100, 200));
+    EXPECT_EQ("time_range|,,-5,0", appdb::to_query_by_time_range("", "", -5, 0));
+}
+
+TEST(Query, TimeRangeBuilderReadsBackIntoTheSameRange) {
+    app_query q;
+    ASSERT_TRUE(q.parse_query(appdb::to_query_by_time_range("c1", "p1", 1700000000, 9223372036854775807LL)));
+    EXPECT_EQ(static_cast<uint32_t>(appdb::APP_QUERY_TIME_RANGE), q.type);
+    EXPECT_EQ("c1", q.client);
+    EXPECT_EQ("p1", q.policy);
+    EXPECT_EQ(1700000000, q.start_time);
+    EXPECT_EQ(9223372036854775807LL, q.stop_time);
 }
 
 // ---- backup_id ----

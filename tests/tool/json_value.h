@@ -1,15 +1,15 @@
-// A small JSON reader for the end-to-end tests of kavrel-shadow: parses one
-// document into a tree, looks members up by path, and gives a document's
+// The JSON documents of the kavrel-shadow end-to-end tests as a small tree:
+// parsed by nlohmann's parser, members looked up by path, and a document's
 // shape (member names and kinds) so that a test can pin the schema.
 #ifndef KAVREL_TESTS_TOOL_JSON_VALUE_H_
 #define KAVREL_TESTS_TOOL_JSON_VALUE_H_
-
-#include <stdlib.h>
 
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace kt {
 
@@ -55,122 +55,31 @@ struct Json {
 class JsonParser {
 public:
     // Parses exactly one document (blanks around it allowed); throws on error.
-    static Json parse(const std::string& text) {
-        JsonParser p(text);
-        Json v = p.value();
-        p.blanks();
-        if (p.pos_ != text.size()) throw std::runtime_error("trailing text");
-        return v;
-    }
+    static Json parse(const std::string& text) { return convert(nlohmann::ordered_json::parse(text)); }
 
 private:
-    explicit JsonParser(const std::string& t) : t_(t) {}
-
-    void blanks() {
-        while (pos_ < t_.size() && (t_[pos_] == ' ' || t_[pos_] == '\n' || t_[pos_] == '\t' || t_[pos_] == '\r')) {
-            ++pos_;
+    static Json convert(const nlohmann::ordered_json& v) {
+        Json out;
+        if (v.is_null()) {
+            out.kind = Json::null;
+        } else if (v.is_boolean()) {
+            out.kind = Json::boolean;
+            out.b = v.get<bool>();
+        } else if (v.is_number()) {
+            out.kind = Json::number;
+            out.n = v.get<double>();
+        } else if (v.is_string()) {
+            out.kind = Json::string;
+            out.s = v.get<std::string>();
+        } else if (v.is_array()) {
+            out.kind = Json::array;
+            for (const auto& item : v) out.items.push_back(convert(item));
+        } else {
+            out.kind = Json::object;
+            for (auto it = v.begin(); it != v.end(); ++it) out.members.emplace_back(it.key(), convert(it.value()));
         }
-    }
-    char peek() {
-        blanks();
-        if (pos_ >= t_.size()) throw std::runtime_error("unexpected end");
-        return t_[pos_];
-    }
-    void expect(char c) {
-        if (peek() != c) throw std::runtime_error(std::string("expected ") + c);
-        ++pos_;
-    }
-    bool word(const char* w) {
-        const std::string s(w);
-        if (t_.compare(pos_, s.size(), s) != 0) return false;
-        pos_ += s.size();
-        return true;
-    }
-    std::string str() {
-        expect('"');
-        std::string out;
-        while (pos_ < t_.size() && t_[pos_] != '"') {
-            char c = t_[pos_++];
-            if (c == '\\') {
-                char e = t_.at(pos_++);
-                switch (e) {
-                case 'n': out += '\n'; break;
-                case 't': out += '\t'; break;
-                case 'r': out += '\r'; break;
-                case 'u': out += static_cast<char>(strtol(t_.substr(pos_, 4).c_str(), nullptr, 16)); pos_ += 4; break;
-                default: out += e;
-                }
-            } else {
-                out += c;
-            }
-        }
-        expect('"');
         return out;
     }
-    Json value() {
-        Json v;
-        char c = peek();
-        if (c == '{') {
-            v.kind = Json::object;
-            ++pos_;
-            if (peek() == '}') {
-                ++pos_;
-                return v;
-            }
-            for (;;) {
-                std::string k = str();
-                expect(':');
-                v.members.emplace_back(k, value());
-                if (peek() == ',') {
-                    ++pos_;
-                    continue;
-                }
-                expect('}');
-                return v;
-            }
-        }
-        if (c == '[') {
-            v.kind = Json::array;
-            ++pos_;
-            if (peek() == ']') {
-                ++pos_;
-                return v;
-            }
-            for (;;) {
-                v.items.push_back(value());
-                if (peek() == ',') {
-                    ++pos_;
-                    continue;
-                }
-                expect(']');
-                return v;
-            }
-        }
-        if (c == '"') {
-            v.kind = Json::string;
-            v.s = str();
-            return v;
-        }
-        if (word("true")) {
-            v.kind = Json::boolean;
-            v.b = true;
-            return v;
-        }
-        if (word("false")) {
-            v.kind = Json::boolean;
-            return v;
-        }
-        if (word("null")) return v;
-        char* end = nullptr;
-        v.kind = Json::number;
-        v.n = strtod(t_.c_str() + pos_, &end);
-        if (end == t_.c_str() + pos_) throw std::runtime_error("bad value");
-        pos_ = static_cast<size_t>(end - t_.c_str());
-        return v;
-    }
-
-    const std::string& t_;
-    size_t pos_ = 0;
 };
 
 }  // namespace kt
