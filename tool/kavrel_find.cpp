@@ -27,6 +27,7 @@
 #include "appdb/catalog_list.h"
 #include "appdb/kavrel_config.h"
 #include "dct/fileutil.h"
+#include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/spill_buffer.h"
 #include "dct/status.h"
@@ -44,6 +45,9 @@ const int kExitUsage = 2;
 const int kExitCannotRun = 3;
 
 const char kProgram[] = "kavrel-find";
+
+// For a message that refers people to the log: where its records went.
+std::string where_logged() { return "log records went to " + dct::log_destination(); }
 
 // Testing knob: the time relative TIMEs count from, in seconds since the
 // epoch (anything else: the clock).
@@ -604,9 +608,16 @@ private:
         if (s_->failed) return;
         if (status != CR_STATUS_OK) {
             sink.discard();
-            ErrorA(status, "%s: skipped %s: the catalog database could not be read", kProgram, path.c_str());
-            fprintf(stderr, "%s: skipped %s: the catalog database could not be read (status %u, see the log)\n",
-                    kProgram, path.c_str(), status);
+            // A file this user may not read is said to be just that.
+            if (dct::probe_readable(path + "/" + appdb::app_db_filename) == dct::path_state::denied) {
+                ErrorA(CR_STATUS_ACCESS_DENIED, "%s: skipped %s: not readable (permission denied)", kProgram,
+                       path.c_str());
+                fprintf(stderr, "%s: skipped %s: not readable (permission denied)\n", kProgram, path.c_str());
+            } else {
+                ErrorA(status, "%s: skipped %s: the catalog database could not be read", kProgram, path.c_str());
+                fprintf(stderr, "%s: skipped %s: the catalog database could not be read (status %u; %s)\n", kProgram,
+                        path.c_str(), status, where_logged().c_str());
+            }
             ++s_->skipped;
             return;
         }
@@ -646,7 +657,8 @@ int run(const options& o) {
     if (o.result == result_kind::items && (o.sort || o.last)) {
         state->ordered.reset(new ordered_store());
         if (!state->ordered->open()) {
-            fprintf(stderr, "%s: cannot make the temporary database for ordering (see the log)\n", kProgram);
+            fprintf(stderr, "%s: cannot make the temporary database for ordering (%s)\n", kProgram,
+                    where_logged().c_str());
             return kExitCannotRun;
         }
     }
@@ -658,12 +670,12 @@ int run(const options& o) {
     // A walk that stopped early without saying why left something unread.
     if (r.status != CR_STATUS_OK && !state->done && !state->failed) ++state->skipped;
     if (state->failed) {
-        fprintf(stderr, "%s: the search could not be completed (see the log)\n", kProgram);
+        fprintf(stderr, "%s: the search could not be completed (%s)\n", kProgram, where_logged().c_str());
         return kExitCannotRun;
     }
     if (state->ordered &&
         !state->ordered->write(stdout, o.sort_descending, o.first, o.last, o.limit)) {
-        fprintf(stderr, "%s: the search could not be completed (see the log)\n", kProgram);
+        fprintf(stderr, "%s: the search could not be completed (%s)\n", kProgram, where_logged().c_str());
         return kExitCannotRun;
     }
     if (o.result == result_kind::count) printf("%llu\n", static_cast<unsigned long long>(state->matched));
@@ -692,7 +704,7 @@ int main(int argc, char** argv) {
         return run(o);
     } catch (...) {
         ErrorA(CR_STATUS_FAILED, "%s: unexpected exception", kProgram);
-        fprintf(stderr, "%s: unexpected failure (see the log)\n", kProgram);
+        fprintf(stderr, "%s: unexpected failure (%s)\n", kProgram, where_logged().c_str());
         return kExitCannotRun;
     }
 }

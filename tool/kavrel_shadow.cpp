@@ -157,6 +157,9 @@ uint64_t newest_version(const Target& t) {
     return list.front().version;
 }
 
+// For a message that refers people to the log: where its records went.
+std::string where_logged() { return "log records went to " + dct::log_destination(); }
+
 void run_backup(CatalogShadowContext& context, DatabaseReport* r) {
     Action& a = r->action;
     a.name = "backup";
@@ -177,7 +180,7 @@ void run_backup(CatalogShadowContext& context, DatabaseReport* r) {
         } else if (a.status == CR_STATUS_CORRUPT) {
             a.detail = "the copy fails the SQLite integrity check; set aside";
         } else {
-            a.detail = "see the log";
+            a.detail = where_logged();
         }
         r->problems.push_back(Problem{r->target.db_path, "backup failed: " + a.detail});
     }
@@ -203,7 +206,7 @@ void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
         }
     } else {
         a.result = "failed";
-        a.detail = done.reason.empty() ? "see the log" : done.reason;
+        a.detail = done.reason.empty() ? where_logged() : done.reason;
         r->problems.push_back(Problem{r->target.db_path, "recovery failed: " + a.detail});
     }
 }
@@ -258,7 +261,7 @@ const char* progress_verb(const Options& o) {
 // Says why the command cannot run, and where the log records that tell more
 // went.
 int cannot_run(const std::string& why) {
-    fprintf(stderr, "kavrel-shadow: %s (log records went to %s)\n", why.c_str(), dct::log_destination().c_str());
+    fprintf(stderr, "kavrel-shadow: %s (%s)\n", why.c_str(), where_logged().c_str());
     return kExitCannotRun;
 }
 

@@ -382,7 +382,11 @@ TEST_F(KavrelFindTest, UnreadableDatabaseIsSkippedByAnOrdinaryUser) {
         EXPECT_EQ(1, r.exit_status) << r.err;
         EXPECT_NE(std::string::npos,
                   r.err.find("kavrel-find: skipped " + pool_.catalog_dir(1, "clientB", "daily") +
-                             ": the catalog database could not be read (status 21, see the log)\n"))
+                             ": not readable (permission denied)\n"))
+            << r.err;
+        EXPECT_NE(std::string::npos, r.err.find("ERROR [106] kavrel-find: skipped " +
+                                                pool_.catalog_dir(1, "clientB", "daily") +
+                                                ": not readable (permission denied)\n"))
             << r.err;
         EXPECT_EQ(10u, kt::split_lines(r.out).size()) << r.out;
         EXPECT_EQ(std::string::npos, r.out.find("clientB"));
