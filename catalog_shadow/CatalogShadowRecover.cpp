@@ -58,6 +58,11 @@ cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, co
             if (wa_access(real, 0) == 0 && ::link(real.c_str(), kept.c_str()) != 0) {
                 __TraceA("%s: %s stays where it is (%s); its companions are set aside without it", "recover_unlocked",
                          real.c_str(), strerror(errno));
+            } else if (wa_access(kept, 0) == 0 && wa_restrict_mode(kept) != 0) {
+                // A file made before the private modes; it is about to be replaced.
+                const int e = errno;
+                WarningA(_crMapError("recover_unlocked", __FILE__, __LINE__),
+                         "%s: could not restrict the mode of %s (%s)", "recover_unlocked", kept.c_str(), strerror(e));
             }
         }
         DirItem item;

@@ -129,18 +129,21 @@ TEST_F(ShadowModesTest, RecoveryAndSetAsideArePrivate) {
     kt::write_file(db + "-journal", "left by a dead writer");
     ASSERT_EQ(0, chmod((db + "-journal").c_str(), 0644));
     kt::write_file(db, "not a database any more");
+    // A database made before the private modes: the old file is kept beside
+    // its journal, and private there too.
+    ASSERT_EQ(0, chmod(db.c_str(), 0644));
     ASSERT_EQ(CR_STATUS_OK, ctx_->recover(pool_.db_dir(2, "c1", "p1"), "appdb", 0));
     expect_private(pool_.shadow, "after recovery");
     EXPECT_EQ(0640u, modes_below(db)[db]) << "the rebuilt database";
-    // The set-aside journal lies in a "#corrupt_" directory of the shadow.
-    bool found = false;
+    // The set-aside journal and the old file lie in a "#corrupt_" directory.
+    size_t found = 0;
     for (const auto& entry : modes_below(pool_.shadow)) {
         if (entry.first.find("#corrupt_appdb_") != std::string::npos && !is_dir(entry.first)) {
-            found = true;
+            ++found;
             EXPECT_EQ(0640u, entry.second) << entry.first;
         }
     }
-    EXPECT_TRUE(found);
+    EXPECT_EQ(2u, found);
     // A lost database and its directory come back private too.
     ASSERT_EQ(0, unlink(db.c_str()));
     ASSERT_EQ(0, rmdir(pool_.db_dir(2, "c1", "p1").c_str()));
