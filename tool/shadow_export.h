@@ -1,0 +1,112 @@
+// A point-in-time copy of the whole catalog shadow in one directory, and the
+// check of such a copy on its own.
+//
+// Layout of an export DIR (the shadow's own layout, cut to what a recovery
+// needs):
+//
+//   DIR/MANIFEST.json                   what the export holds (below)
+//   DIR/<shadow-relative dir>/.chksum.T the checksum file of type T
+//   DIR/<shadow-relative dir>/T.N       every version the checksum file lists
+//   DIR/<shadow-relative dir>/T.N.journal  its journal, cut at the recorded
+//                                       line count
+//
+// Each database is exported under its directory lock, so it is as of one
+// moment while the services keep running. Versions never change once in
+// place: they are hard-linked where the file system allows and copied
+// otherwise; journals and checksum files are copied (their modification time
+// kept, so that an unchanged file looks unchanged to the off-site copy). Every
+// directory is made 0750 and every file 0640.
+//
+// MANIFEST.json:
+//   {"format": 1, "pool": POOL, "host": HOST, "database_root": ROOT,
+//    "shadow_root": SHADOW, "started": EPOCH, "finished": EPOCH,
+//    "databases": [{"type": T, "dir": REAL-DIR, "shadow": RELATIVE-DIR,
+//                   "database": REAL-FILE, "current": N,
+//                   "versions": [{"version": N, "journal_lines": L}, ...],
+//                   "files": [{"name": NAME, "size": BYTES, "adler32": SUM}, ...],
+//                   "rows": ROWS or null}, ...],
+//    "summary": {"databases": D, "rows": R, "files": F, "bytes": B}}
+// POOL is the pool's identity: its database root. "rows" is the live
+// database's row count at the moment of the export (null when the live file
+// is missing or unreadable); a recovery from the export must give exactly that
+// many rows.
+#ifndef TOOL_SHADOW_EXPORT_H_
+#define TOOL_SHADOW_EXPORT_H_
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "dct/status.h"
+#include "tool/shadow_model.h"
+
+namespace kshadow {
+
+// The manifest's file name in an export directory.
+extern const char* const kManifestName;  // "MANIFEST.json"
+
+struct ExportedFile {
+    std::string name;  // bare name in the database's directory of the export
+    uint64_t size = 0;
+    uint32_t adler32 = 1;
+    bool linked = false;  // hard-linked rather than copied
+};
+
+struct ExportedVersion {
+    uint64_t version = 0;
+    uint32_t journal_lines = 0;
+};
+
+struct ExportedDatabase {
+    Target target;         // the live database and its shadow directory
+    std::string relative;  // the shadow directory below the shadow root
+    uint64_t current = 0;
+    std::vector<ExportedVersion> versions;  // newest first
+    std::vector<ExportedFile> files;
+    bool rows_known = false;
+    uint64_t rows = 0;
+};
+
+struct ExportReport {
+    std::string dir;
+    std::string pool;
+    std::string host;
+    std::string database_root;
+    std::string shadow_root;
+    int64_t started = 0;  // seconds since the epoch
+    int64_t finished = 0;
+    std::vector<ExportedDatabase> databases;
+    std::vector<Problem> problems;  // databases that could not be exported
+    uint64_t bytes_linked = 0;
+    uint64_t bytes_copied = 0;
+    std::string reason;  // why the export failed as a whole
+};
+
+// Exports every database of the pool (find_all_databases) into `dir`, which
+// must not exist or be empty; it is created 0750. A database with no version
+// in its shadow is a problem (nothing to export); one whose files cannot be
+// read or written stops the export. 0 when every database was exported and
+// the manifest written and synced; otherwise the failing status with
+// report->reason set, and whatever was written below `dir` removed again
+// (`dir` itself too when this call created it).
+cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report);
+
+// Reads the manifest of the export in `dir`. 0, or 2 when it is missing, 67
+// when it cannot be parsed (reason set).
+cr_status_t read_manifest(const std::string& dir, ExportReport* manifest, std::string* reason);
+
+// Checks the export in `dir` on its own, reading only: every file against the
+// manifest's size and checksum, each checksum file and its versions and
+// journals, SQLite's integrity check of every version, and a recovery
+// rehearsal per database on a scratch copy whose row count must equal the
+// manifest's. One report per database in `reports` (target.shadow_dir is the
+// database's directory in the export), each problem with the path it concerns.
+// 0 when the manifest was read and every database checked (the problems are
+// in the reports); 2 / 67 as read_manifest.
+cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::vector<DatabaseReport>* reports);
+
+}  // namespace kshadow
+
+#endif  // TOOL_SHADOW_EXPORT_H_
