@@ -9,6 +9,9 @@
 // Every database is worked on under its directory lock, as the services do.
 //
 // init creates the shadow root and its identity file for the configured pool.
+// export copies every database's versions and journals, each as of one moment
+// under its lock, into a directory with a manifest; verify --export checks
+// such a copy on its own (tool/shadow_export.h).
 //
 // Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run, 4 some
 // file or directory could not be read (permission denied) and nothing else
@@ -29,6 +32,7 @@
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "tool/progress.h"
+#include "tool/shadow_export_command.h"
 #include "tool/shadow_init.h"
 #include "tool/shadow_inspect.h"
 #include "tool/shadow_inventory.h"
@@ -37,12 +41,6 @@
 namespace {
 
 using namespace kshadow;
-
-const int kExitOk = 0;
-const int kExitProblems = 1;
-const int kExitUsage = 2;
-const int kExitCannotRun = 3;
-const int kExitNotReadable = 4;
 
 const char kUsage[] =
     "Check, back up and restore the catalog shadow.\n"
@@ -54,16 +52,17 @@ const char kUsage[] =
     "\trecover [--dry-run]    rebuilds DATABASE-DIR from its shadow, or shows the plan\n"
     "\trecover --missing      rebuilds every database that has a shadow but no live file\n"
     "\tinit                   creates the shadow root and its identity file\n"
+    "\texport DIR             copies every database's versions and journals into DIR\n"
+    "\tverify --export DIR    checks such a copy on its own; changes nothing\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
-
-enum class Output { text, json, json_lines };
 
 struct Options {
     Output output = Output::text;
     std::string registry;
     std::string command;
     std::string dir;
+    std::string export_dir;  // verify --export
     bool all = false;
     bool dry_run = false;
     bool missing = false;
@@ -88,6 +87,12 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             o->all = true;
         } else if (arg == "--dry-run") {
             o->dry_run = true;
+        } else if (arg == "--export") {
+            if (i + 1 >= argc) {
+                *error = "--export needs a directory";
+                return false;
+            }
+            o->export_dir = argv[++i];
         } else if (arg == "--missing") {
             o->missing = true;
         } else if (arg == "-h" || arg == "--help") {
@@ -106,7 +111,7 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
     }
     if (o->help) return true;
     const std::string& c = o->command;
-    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init") {
+    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
         *error = c.empty() ? "no command given" : "unknown command " + c;
         return false;
     }
@@ -130,6 +135,14 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
     }
     if (c == "init" && (!o->dir.empty() || o->all)) {
         *error = "init takes no database directory";
+        return false;
+    }
+    if (!o->export_dir.empty() && (c != "verify" || !o->dir.empty() || o->all)) {
+        *error = "--export DIR belongs to verify, without a database directory";
+        return false;
+    }
+    if (c == "export" && (o->dir.empty() || o->all)) {
+        *error = "export needs a directory to export into";
         return false;
     }
     if (c == "backup" && o->dir.empty() && !o->all) {
@@ -265,6 +278,14 @@ int cannot_run(const std::string& why) {
     return kExitCannotRun;
 }
 
+// The one line of a command that could not run, or could not read what it
+// needed; returns its exit status.
+int cannot_run_line(const std::string& why, int code) {
+    if (code == kExitCannotRun) return cannot_run(why);
+    fprintf(stderr, "kavrel-shadow: %s\n", why.c_str());
+    return code;
+}
+
 int run_init(CatalogShadowContext& context, bool json) {
     InitReport report;
     const cr_status_t status = init_shadow_root(context, &report);
@@ -274,6 +295,11 @@ int run_init(CatalogShadowContext& context, bool json) {
 }
 
 int run(const Options& o) {
+    std::string why;
+    if (!o.export_dir.empty()) {
+        const int code = run_verify_export(o.export_dir, o.output, &why);
+        return why.empty() ? code : cannot_run_line(why, code);
+    }
     std::string cr_config;
     const std::string registry = appdb::registry_path(o.registry);
     if (appdb::locate_cr_config(registry, &cr_config) != CR_STATUS_OK) {
@@ -298,6 +324,11 @@ int run(const Options& o) {
                               ? "the catalog shadow of this pool is disabled"
                               : "the catalog shadow of this pool is disabled or has lost its identity file " +
                                     context.identity->get_identity_file());
+    }
+
+    if (o.command == "export") {
+        const int code = run_export(context, o.dir, o.output, &why);
+        return why.empty() ? code : cannot_run_line(why, code);
     }
 
     std::vector<Target> targets;

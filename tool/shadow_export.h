@@ -26,7 +26,9 @@
 //                   "files": [{"name": NAME, "size": BYTES, "adler32": SUM}, ...],
 //                   "rows": ROWS or null}, ...],
 //    "summary": {"databases": D, "rows": R, "files": F, "bytes": B}}
-// POOL is the pool's identity: its database root. "rows" is the live
+// POOL is the pool's identity: its database root (ROOT of
+// ROOT/databases/application). Texts that are not UTF-8 are written as
+// {"hex": ...} (tool/json_text.h). "rows" is the live
 // database's row count at the moment of the export (null when the live file
 // is missing or unreadable); a recovery from the export must give exactly that
 // many rows.
@@ -40,6 +42,7 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/status.h"
+#include "tool/json_text.h"
 #include "tool/shadow_model.h"
 
 namespace kshadow {
@@ -93,8 +96,12 @@ struct ExportReport {
 // (`dir` itself too when this call created it).
 cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report);
 
-// Reads the manifest of the export in `dir`. 0, or 2 when it is missing, 67
-// when it cannot be parsed (reason set).
+// The manifest of `report` as written into MANIFEST.json (above).
+ktool::json manifest_json(const ExportReport& report);
+
+// Reads the manifest of the export in `dir`. 0, or 2 when it is missing, 106
+// when it may not be read, 67 when it cannot be parsed or names a path outside
+// `dir` (reason set: why, without the path).
 cr_status_t read_manifest(const std::string& dir, ExportReport* manifest, std::string* reason);
 
 // Checks the export in `dir` on its own, reading only: every file against the
@@ -103,8 +110,10 @@ cr_status_t read_manifest(const std::string& dir, ExportReport* manifest, std::s
 // rehearsal per database on a scratch copy whose row count must equal the
 // manifest's. One report per database in `reports` (target.shadow_dir is the
 // database's directory in the export), each problem with the path it concerns.
+// Files below `dir` that the manifest does not name are problems too: in the
+// report of their database directory, else in manifest->problems.
 // 0 when the manifest was read and every database checked (the problems are
-// in the reports); 2 / 67 as read_manifest.
+// in the reports); 2 / 106 / 67 as read_manifest (manifest->reason set).
 cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::vector<DatabaseReport>* reports);
 
 }  // namespace kshadow

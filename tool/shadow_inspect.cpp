@@ -38,17 +38,6 @@ bool file_facts(const std::string& path, uint64_t* size, int64_t* age_seconds) {
     return true;
 }
 
-// Rows of an application database file; false when it has none to count
-// (another type) or cannot be read.
-bool count_rows(const std::string& type, const std::string& path, uint64_t* rows) {
-    if (type != PODBShadow::_appdb_type_) return false;
-    sqlitedb::sqlite3_wrapper db(path);
-    if (db.checkopen() != CR_STATUS_OK) return false;
-    const bool ok = appdb::count_catalog_rows(db.handle, path, rows) == CR_STATUS_OK;
-    db.close_db(kCloseRetries);
-    return ok;
-}
-
 void inspect_live(DatabaseReport* report) {
     LiveState& live = report->live;
     const std::string& path = report->target.db_path;
@@ -239,6 +228,15 @@ void plan_recovery(Depth depth, DatabaseReport* report, ShadowVersionList& list,
 }
 
 }  // namespace
+
+bool count_rows(const std::string& type, const std::string& path, uint64_t* rows) {
+    if (type != PODBShadow::_appdb_type_) return false;
+    sqlitedb::sqlite3_wrapper db(path);
+    if (db.checkopen() != CR_STATUS_OK) return false;
+    const bool ok = appdb::count_catalog_rows(db.handle, path, rows) == CR_STATUS_OK;
+    db.close_db(kCloseRetries);
+    return ok;
+}
 
 void check_live_database(DatabaseReport* report) {
     LiveState& live = report->live;

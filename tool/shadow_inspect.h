@@ -8,6 +8,10 @@
 #ifndef TOOL_SHADOW_INSPECT_H_
 #define TOOL_SHADOW_INSPECT_H_
 
+#include <stdint.h>
+
+#include <string>
+
 #include "tool/shadow_model.h"
 
 namespace kshadow {
@@ -26,6 +30,11 @@ enum class Depth {
 // Fills `report` (whose target is set) and lists every problem found in
 // report->problems, each with the path it concerns.
 void inspect_database(Depth depth, DatabaseReport* report);
+
+// Rows of an application database file, opened as the inspection opens it
+// (never created); false when it has none to count (another type) or cannot
+// be read.
+bool count_rows(const std::string& type, const std::string& path, uint64_t* rows);
 
 // The live database's integrity and row checksums into report->live (and
 // problems), as verify checks them; used after a recovery.

@@ -137,19 +137,21 @@ json database_object(const DatabaseReport& r) {
     o["newest_age_seconds"] = or_null(r.newest_age_seconds >= 0, r.newest_age_seconds);
     o["recovery"] = recovery_json(r.recovery);
     json problems = json::array();
-    for (const Problem& p : r.problems) {
-        json problem = json::object();
-        problem["path"] = text(p.path);
-        problem["problem"] = text(p.what);
-        problem["not_readable"] = p.not_readable;
-        problems.push_back(problem);
-    }
+    for (const Problem& p : r.problems) problems.push_back(problem_json(p));
     o["problems"] = problems;
     o["action"] = action_json(r.action);
     return o;
 }
 
 }  // namespace
+
+json problem_json(const Problem& p) {
+    json problem = json::object();
+    problem["path"] = text(p.path);
+    problem["problem"] = text(p.what);
+    problem["not_readable"] = p.not_readable;
+    return problem;
+}
 
 std::string labelled_line(const std::string& label, const std::string& text) {
     char buf[64];

@@ -36,11 +36,26 @@
 #include <string>
 #include <vector>
 
+#include "tool/json_text.h"
 #include "tool/shadow_model.h"
 
 namespace kshadow {
 
 const int kJsonSchema = 1;
+
+// Exit status of kavrel-shadow: all well, problems found, usage, could not
+// run, some file or directory could not be read and nothing else was wrong.
+const int kExitOk = 0;
+const int kExitProblems = 1;
+const int kExitUsage = 2;
+const int kExitCannotRun = 3;
+const int kExitNotReadable = 4;
+
+// The output forms of every command.
+enum class Output { text, json, json_lines };
+
+// A problem as JSON: {"path", "problem", "not_readable"}.
+ktool::json problem_json(const Problem& problem);
 
 struct Summary {
     uint64_t databases = 0;

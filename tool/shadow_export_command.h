@@ -1,0 +1,23 @@
+// The bodies of `kavrel-shadow export DIR` and `kavrel-shadow verify --export
+// DIR`: they run the export or its check and print what they did in the
+// command's output form. Each returns the exit status; for kExitCannotRun
+// `why` receives the one line that says why.
+#ifndef TOOL_SHADOW_EXPORT_COMMAND_H_
+#define TOOL_SHADOW_EXPORT_COMMAND_H_
+
+#include <string>
+
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "tool/shadow_report.h"
+
+namespace kshadow {
+
+// Exports the pool of `context` (started) into `dir`.
+int run_export(CatalogShadowContext& context, const std::string& dir, Output output, std::string* why);
+
+// Checks the export in `dir`; needs no configuration of a pool.
+int run_verify_export(const std::string& dir, Output output, std::string* why);
+
+}  // namespace kshadow
+
+#endif  // TOOL_SHADOW_EXPORT_COMMAND_H_
