@@ -82,7 +82,9 @@ std::set<std::string> file_names(const std::string& db_file) {
     sqlite3* db = nullptr;
     if (sqlite3_open_v2(db_file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
         sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT file_name FROM catalog", -1, &stmt, nullptr) == SQLITE_OK) {
+        const int rc = sqlite3_prepare_v2(db, "SELECT name FROM catalog", -1, &stmt, nullptr);
+        EXPECT_EQ(SQLITE_OK, rc) << sqlite3_errmsg(db);
+        if (rc == SQLITE_OK) {
             while (sqlite3_step(stmt) == SQLITE_ROW) {
                 names.insert(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
             }
@@ -342,6 +344,228 @@ TEST_F(KavrelShadowExportTest, AFullDiskAtAnyWriteLeavesNothingAndTheNextExportW
     EXPECT_EQ(std::vector<std::string>(), kt::list_dir(out_));
     EXPECT_TRUE(wa_isdir(out_));
     EXPECT_EQ(CR_STATUS_OK, kshadow::export_shadow(*ctx, out_, &report)) << report.reason;
+}
+
+
+// Writer `id` of the writers test, in its own process: inserts rows into the
+// catalog of a client and policy through a shadow-protected catalog, deletes
+// every third row it inserted, and takes a version now and then, until
+// `stop_file` appears. After each acknowledged operation it appends "+NAME"
+// or "-NAME" to `ack_file`. 0, or the step that failed.
+int run_writer(const kt::TestPool& pool, int id, const std::string& client, const std::string& policy,
+               const std::string& ack_file, const std::string& stop_file) {
+    dct::set_log_sink([](dct::log_level, cr_status_t, const std::string&) {});
+    const int ack = open(ack_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (ack < 0) return 80;
+    CatalogShadowContext context(new ConfigFileShadowProxy(pool.config(), pool.root()), new CatalogDirectoryLock());
+    if (context.init() != CR_STATUS_OK) return 81;
+    std::unique_ptr<appdb::catalog_application> catalog(appdb::catalog_application_factory::create_catalog(
+        1, pool.root() + "/databases", appdb::APP_D_CATALOG_SHADOW, &context, 5));
+    if (!catalog) return 82;
+    const int kMaxOps = 3000;  // a bound, should the stop file never come
+    for (int i = 0; i < kMaxOps && access(stop_file.c_str(), F_OK) != 0; ++i) {
+        const appdb::app_catalog_item it = item(client, policy, (id + 1) * 100000 + i);
+        if (catalog->update_catalog("svc", appdb::APP_ROLE_APP, it.to_string()) != CR_STATUS_OK) return 70;
+        std::string line = "+" + it.file_name + "\n";
+        if (i % 3 == 2) {
+            const std::string gone = item(client, policy, (id + 1) * 100000 + i - 1).file_name;
+            if (catalog->del_catalog("svc", appdb::APP_ROLE_APP, "name|" + client + "," + policy + "," + gone) !=
+                CR_STATUS_OK) {
+                return 71;
+            }
+            line += "-" + gone + "\n";
+        }
+        if (i % 25 == 24 && context.backup(pool.catalog_dir(1, client, policy), "appdb") != CR_STATUS_OK) return 72;
+        if (write(ack, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return 73;
+    }
+    close(ack);
+    return 0;
+}
+
+// Names acknowledged as inserted (+) and as deleted (-) in an ack file.
+struct Acks {
+    std::set<std::string> inserted, deleted;
+};
+Acks read_acks(const std::string& path) {
+    Acks acks;
+    std::istringstream in(kt::read_file(path));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.size() > 1) (line[0] == '+' ? acks.inserted : acks.deleted).insert(line.substr(1));
+    }
+    return acks;
+}
+
+// The rows a recovery from the export's directory `dir` gives: the library's
+// own plan and replay, on a copy.
+std::set<std::string> recovered_rows(const std::string& dir) {
+    kt::TempDir scratch;
+    const std::string copy = scratch.file("shadow");
+    EXPECT_EQ(0, mkdir(copy.c_str(), 0750));
+    for (const std::string& name : kt::list_dir(dir)) kt::write_file(copy + "/" + name, kt::read_file(dir + "/" + name));
+    uint64_t current = 0;
+    ShadowVersionList list;
+    std::string reason;
+    EXPECT_EQ(CR_STATUS_OK, PODBShadow::read_chksum(copy, "appdb", &current, &list, &reason)) << reason;
+    RepairingJudge judge;
+    const ::RecoveryPlan plan = plan_recovery(list, scratch.file("app.db"), judge);
+    EXPECT_TRUE(plan.possible()) << plan.reason;
+    PODBShadow shadow(nullptr, scratch.path(), copy);
+    EXPECT_EQ(CR_STATUS_OK, shadow.carry_out(plan, scratch.file("app.db")));
+    return file_names(scratch.file("app.db"));
+}
+
+TEST_F(KavrelShadowExportTest, WritersInOtherProcessesKeepWorkingAndLoseNothingAcknowledged) {
+    const std::vector<std::pair<std::string, std::string>> writers{{"c1", "p1"}, {"c2", "p2"}, {"c1", "p1"}};
+    const std::string stop = out_parent_.file("stop");
+    auto ack_file = [this](size_t id) { return out_parent_.file("ack." + std::to_string(id)); };
+    std::vector<pid_t> pids;
+    for (size_t id = 0; id < writers.size(); ++id) {
+        const pid_t pid = fork();
+        ASSERT_LE(0, pid);
+        if (pid == 0) {
+            _exit(run_writer(pool_, static_cast<int>(id), writers[id].first, writers[id].second, ack_file(id), stop));
+        }
+        pids.push_back(pid);
+    }
+    // Every writer is under way before the export starts.
+    for (size_t id = 0; id < writers.size(); ++id) {
+        while (read_acks(ack_file(id)).inserted.size() < 10 && waitpid(pids[id], nullptr, WNOHANG) == 0) {
+            usleep(2000);
+        }
+    }
+    std::vector<Acks> before;
+    for (size_t id = 0; id < writers.size(); ++id) before.push_back(read_acks(ack_file(id)));
+    const kt::RunResult r = run({"export", out_});
+    kt::write_file(stop, "");
+    for (pid_t pid : pids) {
+        int status = -1;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    ASSERT_EQ(0, r.exit_status) << r.err << r.out;
+
+    const kt::RunResult v = run({"--json", "verify", "--export", out_});
+    EXPECT_EQ(0, v.exit_status) << v.out;
+    const kt::Json doc = kt::JsonParser::parse(v.out);
+    const kt::Json m = kt::JsonParser::parse(kt::read_file(out_ + "/MANIFEST.json"));
+    ASSERT_EQ(2u, doc["databases"].items.size());
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(m["databases"][i]["rows"].n, doc["databases"][i]["recovery"]["rows_after"].n) << i;
+    }
+
+    for (size_t db = 0; db < 2; ++db) {
+        const std::string dir = db == 0 ? e1_ : e2_;
+        const std::set<std::string> rows = recovered_rows(dir);
+        EXPECT_EQ(m["databases"][db]["rows"].n, static_cast<double>(rows.size()));
+        for (size_t id = 0; id < writers.size(); ++id) {
+            if ((writers[id].first == "c1") != (db == 0)) continue;
+            const Acks after = read_acks(ack_file(id));
+            size_t lost = 0, kept = 0;
+            for (const std::string& name : before[id].inserted) {
+                // Rows deleted after the export began may or may not be gone.
+                if (after.deleted.count(name) == 0 && rows.count(name) == 0 && ++lost <= 5) {
+                    ADD_FAILURE() << "acknowledged row missing from the export: " << name;
+                }
+            }
+            for (const std::string& name : before[id].deleted) kept += rows.count(name);
+            EXPECT_EQ(0u, lost) << id;
+            EXPECT_EQ(0u, kept) << "rows deleted before the export are back, writer " << id;
+        }
+    }
+}
+
+class KavrelShadowExportDamageTest : public KavrelShadowExportTest {
+protected:
+    void SetUp() override {
+        KavrelShadowExportTest::SetUp();
+        if (HasFatalFailure()) return;
+        const kt::RunResult r = run({"export", out_});
+        ASSERT_EQ(0, r.exit_status) << r.err;
+    }
+
+    // Runs verify --export: exit 1 and every line of `lines` in the text.
+    void expect_found(const std::vector<std::string>& lines) {
+        const kt::RunResult r = run({"verify", "--export", out_});
+        EXPECT_EQ(1, r.exit_status) << r.out << r.err;
+        for (const std::string& line : lines) EXPECT_NE(std::string::npos, r.out.find(line + "\n")) << line << "\n" << r.out;
+    }
+
+    // Rewrites a file of the export in place of the shadow's linked one.
+    void replace(const std::string& path, const std::string& bytes) {
+        ASSERT_EQ(0, unlink(path.c_str()));
+        kt::write_file(path, bytes);
+    }
+};
+
+TEST_F(KavrelShadowExportDamageTest, ATamperedVersionByte) {
+    std::string bytes = kt::read_file(e1_ + "/appdb.1");
+    bytes[bytes.size() - 100] ^= 0x55;
+    replace(e1_ + "/appdb.1", bytes);
+    expect_found({"  problem       " + e1_ + "/appdb.1: checksum does not match the manifest",
+                  "  problem       " + e1_ + "/appdb.1: version checksum mismatch",
+                  "  recovery      impossible: no usable shadow version",
+                  "verify --export: 2 databases, 1 with problems, 4 problems, 1 recoverable"});
+    EXPECT_NE(kt::read_file(s1_ + "/appdb.1"), bytes);
+}
+
+TEST_F(KavrelShadowExportDamageTest, ATruncatedJournal) {
+    const std::string journal = e1_ + "/appdb.1.journal";
+    const std::string bytes = kt::read_file(journal);
+    replace(journal, bytes.substr(0, bytes.size() - 10));
+    expect_found({"  problem       " + journal + ": " + std::to_string(bytes.size() - 10) + " bytes, the manifest says " +
+                      std::to_string(bytes.size()),
+                  "  problem       " + journal + ": journal does not match the checksum file (3 lines, 3 recorded)"});
+}
+
+TEST_F(KavrelShadowExportDamageTest, AMissingFile) {
+    ASSERT_EQ(0, unlink((e2_ + "/.chksum.appdb").c_str()));
+    expect_found({"  problem       " + e2_ + "/.chksum.appdb: missing from the export"});
+}
+
+TEST_F(KavrelShadowExportDamageTest, ExtraFiles) {
+    kt::write_file(e1_ + "/appdb.7", "stray");
+    kt::write_file(out_ + "/notes", "stray");
+    expect_found({"  problem       " + e1_ + "/appdb.7: not named in the manifest",
+                  "  problem       " + out_ + "/notes: not named in the manifest",
+                  "verify --export: 2 databases, 1 with problems, 2 problems, 2 recoverable"});
+}
+
+TEST_F(KavrelShadowExportDamageTest, AManifestRowCountThatDoesNotMatch) {
+    std::string text = kt::read_file(out_ + "/MANIFEST.json");
+    const size_t at = text.find("\"rows\":3");
+    ASSERT_NE(std::string::npos, at);
+    text.replace(at, 8, "\"rows\":4");
+    kt::write_file(out_ + "/MANIFEST.json", text);
+    expect_found({"  problem       " + e1_ + ": the recovery gives 3 rows, the manifest says 4"});
+}
+
+TEST_F(KavrelShadowExportDamageTest, AMissingOrDamagedManifest) {
+    const std::string manifest = out_ + "/MANIFEST.json";
+    const std::string text = kt::read_file(manifest);
+    ASSERT_EQ(0, unlink(manifest.c_str()));
+    kt::RunResult r = run({"verify", "--export", out_});
+    EXPECT_EQ(1, r.exit_status);
+    EXPECT_EQ("  problem       " + manifest + ": missing: not an export, or an unfinished one\n\n"
+              "verify --export: 0 databases, 0 with problems, 1 problem, 0 recoverable\n",
+              r.out);
+    kt::write_file(manifest, text.substr(0, text.size() / 2));
+    r = run({"verify", "--export", out_});
+    EXPECT_EQ(1, r.exit_status);
+    EXPECT_NE(std::string::npos, r.out.find("  problem       " + manifest + ": damaged: not JSON\n")) << r.out;
+    kt::write_file(manifest, "{\"format\":1}");
+    r = run({"--json", "verify", "--export", out_});
+    EXPECT_EQ(1, r.exit_status);
+    EXPECT_EQ("damaged: no \"pool\"", kt::JsonParser::parse(r.out)["export"]["problems"][0]["problem"].s) << r.out;
+    // A manifest may not lead the check out of the export.
+    kt::write_file(manifest, std::regex_replace(text, std::regex("\"shadow\":\"1/c1/p1\""), "\"shadow\":\"../x\""));
+    r = run({"verify", "--export", out_});
+    EXPECT_EQ(1, r.exit_status);
+    EXPECT_NE(std::string::npos, r.out.find(": damaged: path ../x leads out of the export\n")) << r.out;
+
+    r = run({"verify", "--export", out_ + "/none"});
+    EXPECT_EQ(3, r.exit_status);
+    EXPECT_EQ("kavrel-shadow: " + out_ + "/none does not exist (log records went to nowhere (DCT_LOG=none))\n", r.err);
 }
 
 }  // namespace
