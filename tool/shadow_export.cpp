@@ -169,15 +169,19 @@ private:
         return copy(from_dir, v.journal_name, scan.replayed_bytes(v.journal_lines, v.journal_crc), out, db);
     }
 
+    // The stat of a file to export; false (the export failed) when it has none.
+    bool stat_source(const std::string& src, struct stat* st) {
+        if (wa_stat(src, st) == 0) return true;
+        fail_errno("read", src);
+        return false;
+    }
+
     // Copies at most `length` bytes of `from_dir`/`name` to `out`/`name`.
     bool copy(const std::string& from_dir, const std::string& name, uint64_t length, const std::string& out,
               ExportedDatabase* db) {
         const std::string src = from_dir + "/" + name;
         struct stat st;
-        if (wa_stat(src, &st) != 0) {
-            fail_errno("read", src);
-            return false;
-        }
+        if (!stat_source(src, &st)) return false;
         ExportedFile f;
         f.name = name;
         f.size = length < static_cast<uint64_t>(st.st_size) ? length : static_cast<uint64_t>(st.st_size);
@@ -194,10 +198,7 @@ private:
                       ExportedDatabase* db) {
         const std::string src = from_dir + "/" + name;
         struct stat st;
-        if (wa_stat(src, &st) != 0) {
-            fail_errno("read", src);
-            return false;
-        }
+        if (!stat_source(src, &st)) return false;
         const std::string dst = out + "/" + name;
         if ((st.st_mode & 07777) != dct::private_file_mode) {
             return copy(from_dir, name, UINT64_MAX, out, db);

@@ -28,6 +28,15 @@ cr_status_t failed(const char* function, const std::string& what, const std::str
     return status;
 }
 
+// failed(), then `fd` closed (when open) and the half-written `partial` removed.
+cr_status_t failed_removing(const char* function, const std::string& what, const std::string& path, int fd,
+                            const std::string& partial, FileFailure* failure) {
+    const cr_status_t status = failed(function, what, path, failure);
+    if (fd >= 0) ::close(fd);
+    wa_deletefile(partial);
+    return status;
+}
+
 // Keeps errno across a clean-up step.
 void remove_keeping_errno(int fd, const std::string& path) {
     const int e = errno;
@@ -112,18 +121,14 @@ cr_status_t copy_prefix(const std::string& src, const struct stat& st, uint64_t 
         const ssize_t n = ::read(in, &block[0], want);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            // The source is shorter than what its checksum file counts.
+            // The source is shorter than its stat or its checksum file said.
             if (n == 0) errno = EIO;
-            const cr_status_t status = failed("copy_prefix", "read", src, failure);
             ::close(in);
-            remove_keeping_errno(out, dst);
-            return status;
+            return failed_removing("copy_prefix", "read", src, out, dst, failure);
         }
         if (write_all(out, dst, block.data(), static_cast<size_t>(n)) != 0) {
-            const cr_status_t status = failed("copy_prefix", "write", dst, failure);
             ::close(in);
-            remove_keeping_errno(out, dst);
-            return status;
+            return failed_removing("copy_prefix", "write", dst, out, dst, failure);
         }
         crc.append(block.data(), static_cast<size_t>(n));
         done += static_cast<uint64_t>(n);
@@ -131,16 +136,8 @@ cr_status_t copy_prefix(const std::string& src, const struct stat& st, uint64_t 
     ::close(in);
     // An unchanged source looks unchanged in the copy too.
     const struct timespec times[2] = {st.st_atim, st.st_mtim};
-    if (::futimens(out, times) != 0) {
-        const cr_status_t status = failed("copy_prefix", "set the times of", dst, failure);
-        remove_keeping_errno(out, dst);
-        return status;
-    }
-    if (sync_close(out, dst) != 0) {
-        const cr_status_t status = failed("copy_prefix", "write", dst, failure);
-        remove_keeping_errno(-1, dst);
-        return status;
-    }
+    if (::futimens(out, times) != 0) return failed_removing("copy_prefix", "set the times of", dst, out, dst, failure);
+    if (sync_close(out, dst) != 0) return failed_removing("copy_prefix", "write", dst, -1, dst, failure);
     *sum = crc.value();
     return CR_STATUS_OK;
 }
@@ -152,20 +149,10 @@ cr_status_t write_file_synced(const std::string& dir, const std::string& name, c
     const int fd = open_new(tmp);
     if (fd < 0) return failed("write_file_synced", "create", tmp, failure);
     if (write_all(fd, tmp, text.data(), text.size()) != 0) {
-        const cr_status_t status = failed("write_file_synced", "write", tmp, failure);
-        remove_keeping_errno(fd, tmp);
-        return status;
+        return failed_removing("write_file_synced", "write", tmp, fd, tmp, failure);
     }
-    if (sync_close(fd, tmp) != 0) {
-        const cr_status_t status = failed("write_file_synced", "write", tmp, failure);
-        remove_keeping_errno(-1, tmp);
-        return status;
-    }
-    if (wa_rename(tmp, path) != 0) {
-        const cr_status_t status = failed("write_file_synced", "rename", tmp, failure);
-        remove_keeping_errno(-1, tmp);
-        return status;
-    }
+    if (sync_close(fd, tmp) != 0) return failed_removing("write_file_synced", "write", tmp, -1, tmp, failure);
+    if (wa_rename(tmp, path) != 0) return failed_removing("write_file_synced", "rename", tmp, -1, tmp, failure);
     if (wa_syncdir(dir) != 0) return failed("write_file_synced", "sync", dir, failure);
     return CR_STATUS_OK;
 }
