@@ -81,19 +81,26 @@ struct ExportReport {
     int64_t started = 0;  // seconds since the epoch
     int64_t finished = 0;
     std::vector<ExportedDatabase> databases;
-    std::vector<Problem> problems;  // databases that could not be exported
+    // Databases that were not exported (no version, a damaged checksum
+    // file), and damaged versions or journals exported as they are.
+    std::vector<Problem> problems;
     uint64_t bytes_linked = 0;
     uint64_t bytes_copied = 0;
     std::string reason;  // why the export failed as a whole
 };
 
 // Exports every database of the pool (find_all_databases) into `dir`, which
-// must not exist or be empty; it is created 0750. A database with no version
-// in its shadow is a problem (nothing to export); one whose files cannot be
-// read or written stops the export. 0 when every database was exported and
-// the manifest written and synced; otherwise the failing status with
-// report->reason set, and whatever was written below `dir` removed again
-// (`dir` itself too when this call created it).
+// must not exist or be empty (3, "DIR is not empty"); it is created 0750 (an
+// existing empty one keeps its mode). A database with no version in its
+// shadow, or with a damaged checksum file, is a problem and is not exported;
+// a version or journal that does not match its checksum file is exported as
+// it is and is a problem. A directory the inventory could not enter, or a
+// file that cannot be read (106) or written, stops the export. 0 when the
+// manifest was written and synced (the problems are in report->problems);
+// otherwise the failing status with report->reason set (one line, logged
+// once), and whatever was written below `dir` removed again (`dir` itself too
+// when this call created it). The pool's identity is its database root, taken
+// from the context's application root.
 cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report);
 
 // The manifest of `report` as written into MANIFEST.json (above).
@@ -109,7 +116,9 @@ cr_status_t read_manifest(const std::string& dir, ExportReport* manifest, std::s
 // journals, SQLite's integrity check of every version, and a recovery
 // rehearsal per database on a scratch copy whose row count must equal the
 // manifest's. One report per database in `reports` (target.shadow_dir is the
-// database's directory in the export), each problem with the path it concerns.
+// database's directory in the export, target.db_path the absent live file
+// there: the rehearsal replaces nothing), each problem with the path it
+// concerns.
 // Files below `dir` that the manifest does not name are problems too: in the
 // report of their database directory, else in manifest->problems.
 // 0 when the manifest was read and every database checked (the problems are

@@ -18,6 +18,8 @@
 //                "journal_lines", "passed_over":[N...], "set_aside":[PATH...]}
 //   SUMMARY     {"databases", "with_problems", "problems", "recoverable", "exit_code",
 //                "not_readable", "unreadable":[PATH...]}
+// export and verify --export add their own members (tool/shadow_export_command.h
+// and the manual page).
 // A problem is {"path", "problem", "not_readable"}: "not_readable" is true for
 // the problem "not readable (permission denied)" of a file or directory that
 // exists but that this user may not read. "unreadable" lists the directories
