@@ -17,6 +17,7 @@
 // file or directory could not be read (permission denied) and nothing else
 // was wrong.
 #include <stdio.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <memory>
@@ -31,6 +32,8 @@
 #include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "tool/kavrel_find_options.h"
+#include "tool/offsite.h"
 #include "tool/progress.h"
 #include "tool/shadow_export_command.h"
 #include "tool/shadow_init.h"
@@ -54,6 +57,12 @@ const char kUsage[] =
     "\tinit                   creates the shadow root and its identity file\n"
     "\texport DIR             copies every database's versions and journals into DIR\n"
     "\tverify --export DIR    checks such a copy on its own; changes nothing\n"
+    "\toffsite push [--if-configured]\n"
+    "\t                       exports the shadow and backs it up to the [Offsite] repository\n"
+    "\toffsite snapshots      the pool's snapshots in the repository\n"
+    "\toffsite check          checks the repository and the newest snapshot's export\n"
+    "\toffsite restore [SNAPSHOT | latest] [--before TIME] [--dry-run]\n"
+    "\t                       brings the shadow back and rebuilds every missing database\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
 
@@ -67,7 +76,40 @@ struct Options {
     bool dry_run = false;
     bool missing = false;
     bool help = false;
+    koffsite::OffsiteOptions offsite;
 };
+
+// The rest of an offsite command line: its command, a snapshot, --before and
+// --if-configured; false (with `error` set) on a usage error.
+bool parse_offsite(Options* o, std::string* error) {
+    koffsite::OffsiteOptions& off = o->offsite;
+    const std::string& c = off.command;
+    if (c != "push" && c != "snapshots" && c != "check" && c != "restore") {
+        *error = c.empty() ? "offsite needs a command: push, snapshots, check or restore"
+                           : "unknown offsite command " + c;
+        return false;
+    }
+    if (o->all || o->missing || !o->export_dir.empty()) {
+        *error = "offsite " + c + " takes no --all, --missing or --export";
+        return false;
+    }
+    if (!off.snapshot.empty() && c != "restore") {
+        *error = "unexpected argument " + off.snapshot;
+        return false;
+    }
+    if ((o->dry_run || off.has_before) && c != "restore") {
+        *error = "--dry-run and --before belong to offsite restore";
+        return false;
+    }
+    if (off.if_configured && c != "push") {
+        *error = "--if-configured belongs to offsite push";
+        return false;
+    }
+    off.dry_run = o->dry_run;
+    off.json = o->output == Output::json;
+    off.json_lines = o->output == Output::json_lines;
+    return true;
+}
 
 // Parses the arguments; false (with `error` set) on a usage error.
 bool parse_args(int argc, char** argv, Options* o, std::string* error) {
@@ -95,6 +137,15 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             o->export_dir = argv[++i];
         } else if (arg == "--missing") {
             o->missing = true;
+        } else if (arg == "--if-configured") {
+            o->offsite.if_configured = true;
+        } else if (arg == "--before") {
+            if (i + 1 >= argc || !kfind::parse_time(argv[i + 1], time(nullptr), &o->offsite.before)) {
+                *error = i + 1 >= argc ? "--before needs a time" : std::string("--before: not a time: ") + argv[i + 1];
+                return false;
+            }
+            o->offsite.has_before = true;
+            ++i;
         } else if (arg == "-h" || arg == "--help") {
             o->help = true;
         } else if (!arg.empty() && arg[0] == '-') {
@@ -102,6 +153,10 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             return false;
         } else if (o->command.empty()) {
             o->command = arg;
+        } else if (o->command == "offsite" && o->offsite.command.empty()) {
+            o->offsite.command = arg;
+        } else if (o->command == "offsite" && o->offsite.snapshot.empty()) {
+            o->offsite.snapshot = arg;
         } else if (o->dir.empty()) {
             o->dir = arg;
         } else {
@@ -111,6 +166,11 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
     }
     if (o->help) return true;
     const std::string& c = o->command;
+    if (c == "offsite") return parse_offsite(o, error);
+    if (o->offsite.has_before || o->offsite.if_configured) {
+        *error = "--before and --if-configured belong to offsite";
+        return false;
+    }
     if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
         *error = c.empty() ? "no command given" : "unknown command " + c;
         return false;
@@ -314,6 +374,7 @@ int run(const Options& o) {
     }
     CatalogShadowContext context(new ConfigFileShadowProxy(cr_config, root), new CatalogDirectoryLock());
     if (o.command == "init") return run_init(context, o.output != Output::text);
+    if (o.command == "offsite") return koffsite::run_offsite(context, cr_config, root, o.offsite);
     const cr_status_t started = context.init();
     if (started == CR_STATUS_ACCESS_DENIED) {
         fprintf(stderr, "kavrel-shadow: %s: %s\n", context.identity->get_identity_file().c_str(), kNotReadable);
