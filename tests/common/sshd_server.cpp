@@ -192,12 +192,24 @@ bool SshdServer::start() {
                    "  ConnectionAttempts 1\n"
                    "  ServerAliveInterval 15\n"
                    "  ServerAliveCountMax 2\n");
-        if (start_once()) {
-            error_.clear();
-            return true;
-        }
+        if (start_once()) return logs_in(user);
         if (log().find("Address already in use") == std::string::npos) return false;
     }
+    return false;
+}
+
+// A listening sshd may still turn the user away (an account locked in the
+// password database, for one): an SFTP session that opens and closes proves
+// the way restic will take.
+bool SshdServer::logs_in(const std::string& user) {
+    const std::string check_log = dir_.file("ssh-check.log");
+    if (run_to_end({"ssh", "-F", client_config_, "vault", "-s", "sftp"}, check_log) == 0) {
+        error_.clear();
+        return true;
+    }
+    error_ = std::string(kSshd) + " on 127.0.0.1 port " + std::to_string(port_) + " does not let " + user +
+             " in with the generated key: " + read_file(check_log) + log();
+    stop();
     return false;
 }
 

@@ -9,9 +9,12 @@
 // restic can be pointed at it with -o sftp.command=... and a repository
 // "sftp:vault:PATH".
 //
-// Starting needs a runnable sshd: as root it always is (the privilege
-// separation directory /run/sshd is made when missing); as another user it
-// may be refused. A test asks ok() and skips with error() when it is not.
+// Starting needs a runnable sshd that lets the current user in: as root it
+// always is (the privilege separation directory /run/sshd is made when
+// missing); as another user sshd may not start or may refuse the login (a
+// locked account such as nobody's). The server counts as started once an SFTP
+// session through the client configuration opened. A test asks ok() and
+// skips with error() when it is not.
 // The destructor stops the server (SIGTERM, then SIGKILL) and removes the
 // directory.
 #ifndef KAVREL_TESTS_COMMON_SSHD_SERVER_H_
@@ -60,6 +63,7 @@ public:
 private:
     bool start();
     bool start_once();
+    bool logs_in(const std::string& user);
 
     TempDir dir_;
     std::string client_config_;
