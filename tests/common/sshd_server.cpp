@@ -33,6 +33,17 @@ void pause_briefly() {
     nanosleep(&ts, nullptr);
 }
 
+// In a forked child before exec: standard input from /dev/null, standard
+// output and error to `log` (opened with `mode`: O_APPEND or O_TRUNC).
+void child_output_to(const std::string& log, int mode) {
+    const int in = open("/dev/null", O_RDONLY);
+    const int out = open(log.c_str(), O_WRONLY | O_CREAT | mode, 0600);
+    if (in < 0 || out < 0) _exit(126);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(out, 2);
+}
+
 // Runs argv[0] (found on PATH) to its end with standard output and standard
 // error appended to `log`; returns its exit status, or -1.
 int run_to_end(const std::vector<std::string>& args, const std::string& log) {
@@ -44,12 +55,7 @@ int run_to_end(const std::vector<std::string>& args, const std::string& log) {
     const pid_t pid = fork();
     if (pid < 0) return -1;
     if (pid == 0) {
-        const int in = open("/dev/null", O_RDONLY);
-        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        if (in < 0 || out < 0) _exit(126);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
+        child_output_to(log, O_APPEND);
         execvp(argv[0], argv.data());
         _exit(127);
     }
@@ -227,12 +233,7 @@ bool SshdServer::start_once() {
         // The server ends with the test process, however that ends.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (getppid() != parent) _exit(125);
-        const int in = open("/dev/null", O_RDONLY);
-        const int out = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (in < 0 || out < 0) _exit(126);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
+        child_output_to(log_path, O_TRUNC);
         execl(kSshd, kSshd, "-D", "-e", "-f", config.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
