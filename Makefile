@@ -14,9 +14,10 @@ SAN_TYPE   ?= Debug
 JOBS       ?= 2
 CTEST_JOBS ?= 2
 
-# Debian packages the build and the tests need.
+# Debian packages the build and the tests need (restic and openssh-server:
+# the off-site copy's tests run restic against a private sshd over SFTP).
 DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev nlohmann-json3-dev \
-                libgtest-dev libgmock-dev libbenchmark-dev python3
+                libgtest-dev libgmock-dev libbenchmark-dev python3 restic openssh-server
 
 # Recursive makes (the demo's build, CMake's own makefiles) stay quiet about the
 # directories they enter; the build's progress lines are what a reader needs.

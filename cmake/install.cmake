@@ -26,9 +26,10 @@ if(TARGET kavrel-find)
   install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel-find.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
-# kavrel-shadow, its man page and the systemd units of its nightly run
-# (installed, not enabled). The service names the installed binary, so it is
-# written at install time, like kavrel.pc below.
+# kavrel-shadow, its man page and the systemd units of its nightly run and of
+# the weekly check of its off-site copy (installed, not enabled). The services
+# name the installed binary, so they are written at install time, like
+# kavrel.pc below.
 if(TARGET kavrel-shadow)
   install(TARGETS kavrel-shadow RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
@@ -37,13 +38,15 @@ if(TARGET kavrel-shadow)
   else()
     set(_shadow_bin "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/kavrel-shadow")
   endif()
-  install(CODE "
-    set(KAVREL_SHADOW_PATH \"${_shadow_bin}\")
-    configure_file(\"${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.service.in\"
-                   \"${PROJECT_BINARY_DIR}/kavrel-shadow.service\" @ONLY)
-  ")
-  install(FILES ${PROJECT_BINARY_DIR}/kavrel-shadow.service ${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.timer
-          DESTINATION lib/systemd/system)
+  foreach(_unit kavrel-shadow kavrel-shadow-offsite-check)
+    install(CODE "
+      set(KAVREL_SHADOW_PATH \"${_shadow_bin}\")
+      configure_file(\"${PROJECT_SOURCE_DIR}/tool/${_unit}.service.in\"
+                     \"${PROJECT_BINARY_DIR}/${_unit}.service\" @ONLY)
+    ")
+    install(FILES ${PROJECT_BINARY_DIR}/${_unit}.service ${PROJECT_SOURCE_DIR}/tool/${_unit}.timer
+            DESTINATION lib/systemd/system)
+  endforeach()
 endif()
 
 # The headers a service needs to embed the catalog, and nothing else: the

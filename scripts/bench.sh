@@ -16,6 +16,8 @@
 #   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
 #                    (finer-grained views of single operations)
 #   BENCH_FIND_ONLY=1  only the kavrel-find comparisons (and the table)
+#   BENCH_OFFSITE=0  leave out the off-site copy (scripts/bench_offsite.sh, which
+#                    has its own settings; it needs restic)
 #
 # Each comparison runs one warm-up of each side and then the rounds, the two
 # sides alternating (bench/bench_runner.cpp). The table goes to standard output
@@ -348,6 +350,15 @@ for n in $RECOVER_SERIES; do
   recover_cmp "series$n" 0 "$n" --op "recovery" --size "empty version + $(fmt "$n") statements" \
     --series "recovery, statements in the journal" --units "$n" --unit statement
 done
+
+# ---- off-site copy ----
+
+# Its own script: medians of 3 of whole runs (pushes and restores take
+# minutes at full size), with rows for the table.
+if [ "${BENCH_OFFSITE:-1}" != 0 ]; then
+  BUILD_DIR="$BUILD_DIR" BENCH_DATA="$DATA" BENCH_QUICK="${QUICK:-0}" \
+    BENCH_RESULTS="$(cd "$(dirname "$RESULTS")" && pwd)/$(basename "$RESULTS")" bash scripts/bench_offsite.sh
+fi
 
 fi  # FIND_ONLY
 

@@ -50,6 +50,8 @@ for f in /usr/bin/kavrel \
          /usr/share/man/man8/kavrel-shadow.8.gz \
          /usr/lib/systemd/system/kavrel-shadow.service \
          /usr/lib/systemd/system/kavrel-shadow.timer \
+         /usr/lib/systemd/system/kavrel-shadow-offsite-check.service \
+         /usr/lib/systemd/system/kavrel-shadow-offsite-check.timer \
          /usr/include/kavrel/appdb/catalog_application.h \
          /usr/include/kavrel/catalog_shadow/CatalogShadowCtx.h \
          /usr/include/kavrel/dct/log.h \
@@ -62,6 +64,16 @@ for f in /usr/bin/kavrel \
   [ -e "$f" ] || fail "$f is not installed"
 done
 echo "ci-deb: installed files present; kavrel.pc: $(pkg-config --modversion kavrel)"
+for line in "backup --all" "verify" "offsite push --if-configured"; do
+  grep -qx "ExecStart=/usr/bin/kavrel-shadow $line" /usr/lib/systemd/system/kavrel-shadow.service ||
+    fail "kavrel-shadow.service does not run kavrel-shadow $line"
+done
+grep -qx "ExecStart=/usr/bin/kavrel-shadow offsite check" /usr/lib/systemd/system/kavrel-shadow-offsite-check.service ||
+  fail "kavrel-shadow-offsite-check.service does not run kavrel-shadow offsite check"
+# Shipped, not enabled: the operator turns the timers on.
+for t in kavrel-shadow.timer kavrel-shadow-offsite-check.timer; do
+  [ ! -e "/etc/systemd/system/timers.target.wants/$t" ] || fail "$t was enabled by the package"
+done
 
 # Only the installed files from here on: a copy of the example sources, away
 # from the tree and its include roots.
