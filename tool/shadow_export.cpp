@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -40,6 +41,31 @@ std::string database_root(const CatalogShadowContext& context) {
     const size_t n = sizeof(kAppTreeBelowRoot) - 1;
     if (app.size() >= n && app.compare(app.size() - n, n, kAppTreeBelowRoot) == 0) return app.substr(0, app.size() - n);
     return app;
+}
+
+// Whether `path` is `root` or lies below it.
+bool inside(const std::string& path, const std::string& root) {
+    return !root.empty() && path.compare(0, root.size(), root) == 0 &&
+           (path.size() == root.size() || path[root.size()] == '/');
+}
+
+// Whether the export directory lies in the pool's trees: an export there
+// would be walked as part of the pool. Compared as given and with the links
+// of its parent resolved.
+bool inside_pool(const CatalogShadowContext& context, const std::string& dir) {
+    std::vector<std::string> forms{dir};
+    const size_t slash = dir.find_last_of('/');
+    char* parent = realpath(slash == std::string::npos ? "." : slash == 0 ? "/" : dir.substr(0, slash).c_str(), nullptr);
+    if (parent != nullptr) {
+        forms.push_back(std::string(parent) + "/" + dir.substr(slash + 1));
+        free(parent);
+    }
+    for (const std::string& form : forms) {
+        for (const std::string& root : {context.shadow_path, context.proxy->app_db_root, context.proxy->get_podb_root()}) {
+            if (inside(form, root)) return true;
+        }
+    }
+    return false;
 }
 
 // Whether `dir` has an entry; false for a missing directory. -1 when it
@@ -269,7 +295,7 @@ namespace {
 
 // The shadow directory below the shadow root ("" when it is the root).
 std::string relative_to(const std::string& root, const std::string& path) {
-    if (path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/')) {
+    if (inside(path, root)) {
         return path.size() == root.size() ? std::string() : path.substr(root.size() + 1);
     }
     return path;
@@ -317,6 +343,11 @@ cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir,
     if (gethostname(host, sizeof(host) - 1) == 0) report->host = host;
     report->started = static_cast<int64_t>(time(nullptr));
 
+    if (inside_pool(context, dir)) {
+        report->reason = dir + " lies inside the pool's database or shadow tree";
+        ErrorA(CR_STATUS_FAILED, "%s: %s", "export_shadow", report->reason.c_str());
+        return CR_STATUS_FAILED;
+    }
     const int entries = has_entries(dir);
     if (entries != 0) {
         const cr_status_t status = entries > 0 ? CR_STATUS_EXISTS : _crMapError("export_shadow", __FILE__, __LINE__);

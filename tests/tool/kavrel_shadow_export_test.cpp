@@ -251,6 +251,15 @@ TEST_F(KavrelShadowExportTest, JsonOutputOfTheExport) {
     EXPECT_EQ(5, doc["summary"]["rows"].n);
     EXPECT_EQ(0, doc["summary"]["exit_code"].n);
     EXPECT_EQ(kt::JsonParser::parse(kt::read_file(out_ + "/MANIFEST.json")).shape(), doc["export"].shape());
+
+    r = run({"--json-lines", "export", out_ + "2"});
+    ASSERT_EQ(0, r.exit_status) << r.err;
+    std::istringstream lines(r.out);
+    std::vector<std::string> records;
+    for (std::string line; std::getline(lines, line);) records.push_back(line);
+    ASSERT_EQ(3u, records.size()) << r.out;
+    EXPECT_EQ(p2_, kt::JsonParser::parse(records[1])["dir"].s);
+    EXPECT_EQ(5, kt::JsonParser::parse(records[2])["summary"]["rows"].n);
 }
 
 TEST_F(KavrelShadowExportTest, AJournalTailBeyondTheRecordedCountIsCutAway) {
@@ -333,6 +342,18 @@ TEST_F(KavrelShadowExportTest, ADatabaseWithADamagedChecksumFileIsAProblemTheOth
     EXPECT_FALSE(kt::file_exists(e1_));
     r = run({"verify", "--export", out_});
     EXPECT_EQ(0, r.exit_status) << r.out;
+}
+
+TEST_F(KavrelShadowExportTest, ADirectoryInsideThePoolIsRefused) {
+    const auto before = pool_snapshot();
+    for (const std::string& dir : {shadow_root_ + "/export", p1_ + "/export", shadow_root_ + "/../catalogshadow/x"}) {
+        const kt::RunResult r = run({"export", dir});
+        EXPECT_EQ(3, r.exit_status) << dir;
+        EXPECT_EQ("kavrel-shadow: export " + dir + ": " + dir +
+                      " lies inside the pool's database or shadow tree (log records went to nowhere (DCT_LOG=none))\n",
+                  r.err);
+    }
+    EXPECT_TRUE(before == pool_snapshot());
 }
 
 TEST_F(KavrelShadowExportTest, UsageErrors) {
