@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
@@ -25,21 +26,15 @@
 
 namespace kshadow {
 
-const char* const kManifestName = "MANIFEST.json";
-
 namespace {
-
-using ktool::json;
-using ktool::json_text;
-
-// Where the application tree lies below the database root.
-const char kAppTreeBelowRoot[] = "/databases/application";
 
 // The pool's database root, from the application root the context was given.
 std::string database_root(const CatalogShadowContext& context) {
     const std::string& app = context.proxy->app_db_root;
-    const size_t n = sizeof(kAppTreeBelowRoot) - 1;
-    if (app.size() >= n && app.compare(app.size() - n, n, kAppTreeBelowRoot) == 0) return app.substr(0, app.size() - n);
+    const size_t n = strlen(kApplicationTreeBelowRoot);
+    if (app.size() >= n && app.compare(app.size() - n, n, kApplicationTreeBelowRoot) == 0) {
+        return app.substr(0, app.size() - n);
+    }
     return app;
 }
 
@@ -249,49 +244,6 @@ private:
     ExportReport* report_;
     FileFailure failure_;
 };
-
-}  // namespace
-
-json manifest_json(const ExportReport& r) {
-    json m = json::object();
-    m["format"] = 1;
-    m["pool"] = json_text(r.pool);
-    m["host"] = json_text(r.host);
-    m["database_root"] = json_text(r.database_root);
-    m["shadow_root"] = json_text(r.shadow_root);
-    m["started"] = r.started;
-    m["finished"] = r.finished;
-    json databases = json::array();
-    uint64_t rows = 0, files = 0, bytes = 0;
-    for (const ExportedDatabase& db : r.databases) {
-        json d = json::object();
-        d["type"] = json_text(db.target.type);
-        d["dir"] = json_text(db.target.dir);
-        d["shadow"] = json_text(db.relative);
-        d["database"] = json_text(db.target.db_path);
-        d["current"] = db.current;
-        json versions = json::array();
-        for (const ExportedVersion& v : db.versions) {
-            versions.push_back(json{{"version", v.version}, {"journal_lines", v.journal_lines}});
-        }
-        d["versions"] = versions;
-        json list = json::array();
-        for (const ExportedFile& f : db.files) {
-            list.push_back(json{{"name", json_text(f.name)}, {"size", f.size}, {"adler32", f.adler32}});
-            ++files;
-            bytes += f.size;
-        }
-        d["files"] = list;
-        d["rows"] = db.rows_known ? json(db.rows) : json();
-        rows += db.rows;
-        databases.push_back(d);
-    }
-    m["databases"] = databases;
-    m["summary"] = json{{"databases", r.databases.size()}, {"rows", rows}, {"files", files}, {"bytes", bytes}};
-    return m;
-}
-
-namespace {
 
 // The shadow directory below the shadow root ("" when it is the root).
 std::string relative_to(const std::string& root, const std::string& path) {
