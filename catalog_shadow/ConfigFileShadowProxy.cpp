@@ -1,12 +1,15 @@
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 
+const char kPoTreeBelowRoot[] = "/databases/po";
+const char kApplicationTreeBelowRoot[] = "/databases/application";
+
 ConfigFileShadowProxy::ConfigFileShadowProxy(const std::string& config_file,
                                              const std::string& database_root)
     : config_file_(config_file) {
     std::string root = database_root;
     if (!root.empty() && root[root.size() - 1] == '/') root.erase(root.size() - 1);
-    podb_root_ = root + "/databases/po";
-    app_db_root = root + "/databases/application";
+    podb_root_ = root + kPoTreeBelowRoot;
+    app_db_root = root + kApplicationTreeBelowRoot;
 }
 
 void ConfigFileShadowProxy::on_identity_missing(const std::string& identity_file) {

@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
@@ -24,22 +26,41 @@
 
 namespace kshadow {
 
-const char* const kManifestName = "MANIFEST.json";
-
 namespace {
-
-using ktool::json;
-using ktool::json_text;
-
-// Where the application tree lies below the database root.
-const char kAppTreeBelowRoot[] = "/databases/application";
 
 // The pool's database root, from the application root the context was given.
 std::string database_root(const CatalogShadowContext& context) {
     const std::string& app = context.proxy->app_db_root;
-    const size_t n = sizeof(kAppTreeBelowRoot) - 1;
-    if (app.size() >= n && app.compare(app.size() - n, n, kAppTreeBelowRoot) == 0) return app.substr(0, app.size() - n);
+    const size_t n = strlen(kApplicationTreeBelowRoot);
+    if (app.size() >= n && app.compare(app.size() - n, n, kApplicationTreeBelowRoot) == 0) {
+        return app.substr(0, app.size() - n);
+    }
     return app;
+}
+
+// Whether `path` is `root` or lies below it.
+bool inside(const std::string& path, const std::string& root) {
+    return !root.empty() && path.compare(0, root.size(), root) == 0 &&
+           (path.size() == root.size() || path[root.size()] == '/');
+}
+
+// Whether the export directory lies in the pool's trees: an export there
+// would be walked as part of the pool. Compared as given and with the links
+// of its parent resolved.
+bool inside_pool(const CatalogShadowContext& context, const std::string& dir) {
+    std::vector<std::string> forms{dir};
+    const size_t slash = dir.find_last_of('/');
+    char* parent = realpath(slash == std::string::npos ? "." : slash == 0 ? "/" : dir.substr(0, slash).c_str(), nullptr);
+    if (parent != nullptr) {
+        forms.push_back(std::string(parent) + "/" + dir.substr(slash + 1));
+        free(parent);
+    }
+    for (const std::string& form : forms) {
+        for (const std::string& root : {context.shadow_path, context.proxy->app_db_root, context.proxy->get_podb_root()}) {
+            if (inside(form, root)) return true;
+        }
+    }
+    return false;
 }
 
 // Whether `dir` has an entry; false for a missing directory. -1 when it
@@ -224,52 +245,9 @@ private:
     FileFailure failure_;
 };
 
-}  // namespace
-
-json manifest_json(const ExportReport& r) {
-    json m = json::object();
-    m["format"] = 1;
-    m["pool"] = json_text(r.pool);
-    m["host"] = json_text(r.host);
-    m["database_root"] = json_text(r.database_root);
-    m["shadow_root"] = json_text(r.shadow_root);
-    m["started"] = r.started;
-    m["finished"] = r.finished;
-    json databases = json::array();
-    uint64_t rows = 0, files = 0, bytes = 0;
-    for (const ExportedDatabase& db : r.databases) {
-        json d = json::object();
-        d["type"] = json_text(db.target.type);
-        d["dir"] = json_text(db.target.dir);
-        d["shadow"] = json_text(db.relative);
-        d["database"] = json_text(db.target.db_path);
-        d["current"] = db.current;
-        json versions = json::array();
-        for (const ExportedVersion& v : db.versions) {
-            versions.push_back(json{{"version", v.version}, {"journal_lines", v.journal_lines}});
-        }
-        d["versions"] = versions;
-        json list = json::array();
-        for (const ExportedFile& f : db.files) {
-            list.push_back(json{{"name", json_text(f.name)}, {"size", f.size}, {"adler32", f.adler32}});
-            ++files;
-            bytes += f.size;
-        }
-        d["files"] = list;
-        d["rows"] = db.rows_known ? json(db.rows) : json();
-        rows += db.rows;
-        databases.push_back(d);
-    }
-    m["databases"] = databases;
-    m["summary"] = json{{"databases", r.databases.size()}, {"rows", rows}, {"files", files}, {"bytes", bytes}};
-    return m;
-}
-
-namespace {
-
 // The shadow directory below the shadow root ("" when it is the root).
 std::string relative_to(const std::string& root, const std::string& path) {
-    if (path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/')) {
+    if (inside(path, root)) {
         return path.size() == root.size() ? std::string() : path.substr(root.size() + 1);
     }
     return path;
@@ -317,6 +295,11 @@ cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir,
     if (gethostname(host, sizeof(host) - 1) == 0) report->host = host;
     report->started = static_cast<int64_t>(time(nullptr));
 
+    if (inside_pool(context, dir)) {
+        report->reason = dir + " lies inside the pool's database or shadow tree";
+        ErrorA(CR_STATUS_FAILED, "%s: %s", "export_shadow", report->reason.c_str());
+        return CR_STATUS_FAILED;
+    }
     const int entries = has_entries(dir);
     if (entries != 0) {
         const cr_status_t status = entries > 0 ? CR_STATUS_EXISTS : _crMapError("export_shadow", __FILE__, __LINE__);

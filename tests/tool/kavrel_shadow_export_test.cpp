@@ -115,6 +115,13 @@ protected:
         return c;
     }
 
+    // Runs the command as nobody (the test runs as root).
+    kt::RunResult run_as_nobody(const std::vector<std::string>& args) {
+        kt::RunOptions o;
+        o.in_child = drop_privileges;
+        return run(args, o);
+    }
+
     // The bytes the export of a database holds.
     uint64_t exported_bytes(const std::string& dir) const {
         return size_of(dir + "/.chksum.appdb") + size_of(dir + "/appdb.1") + size_of(dir + "/appdb.1.journal");
@@ -227,11 +234,7 @@ TEST_F(KavrelShadowExportTest, ExportsEveryDatabaseAndTheExportVerifies) {
     if (geteuid() == 0) {
         nftw(out_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return lchown(p, kNobody, kNobody); },
              16, FTW_PHYS);
-        kt::RunOptions o;
-        o.in_child = drop_privileges;
-        o.set_env[appdb::kRegistryEnv] = pool_.registry();
-        o.set_env["DCT_LOG"] = "none";
-        r = kt::run_program(shadow_binary(), {"verify", "--export", out_}, o);
+        r = run_as_nobody({"verify", "--export", out_});
         EXPECT_EQ(0, r.exit_status) << r.err << r.out;
     }
 }
@@ -248,6 +251,15 @@ TEST_F(KavrelShadowExportTest, JsonOutputOfTheExport) {
     EXPECT_EQ(5, doc["summary"]["rows"].n);
     EXPECT_EQ(0, doc["summary"]["exit_code"].n);
     EXPECT_EQ(kt::JsonParser::parse(kt::read_file(out_ + "/MANIFEST.json")).shape(), doc["export"].shape());
+
+    r = run({"--json-lines", "export", out_ + "2"});
+    ASSERT_EQ(0, r.exit_status) << r.err;
+    std::istringstream lines(r.out);
+    std::vector<std::string> records;
+    for (std::string line; std::getline(lines, line);) records.push_back(line);
+    ASSERT_EQ(3u, records.size()) << r.out;
+    EXPECT_EQ(p2_, kt::JsonParser::parse(records[1])["dir"].s);
+    EXPECT_EQ(5, kt::JsonParser::parse(records[2])["summary"]["rows"].n);
 }
 
 TEST_F(KavrelShadowExportTest, AJournalTailBeyondTheRecordedCountIsCutAway) {
@@ -284,11 +296,7 @@ TEST_F(KavrelShadowExportTest, AUserWhoMayNotReadThePoolExportsNothing) {
     // What the catalog makes is 0750 / 0640: nobody may not read it.
     ASSERT_EQ(0, chown(out_parent_.path().c_str(), kNobody, kNobody));
     const auto before = pool_snapshot();
-    kt::RunOptions o;
-    o.in_child = drop_privileges;
-    o.set_env[appdb::kRegistryEnv] = pool_.registry();
-    o.set_env["DCT_LOG"] = "none";
-    kt::RunResult r = kt::run_program(shadow_binary(), {"export", out_}, o);
+    kt::RunResult r = run_as_nobody({"export", out_});
     EXPECT_EQ(4, r.exit_status) << r.err;
     EXPECT_EQ("kavrel-shadow: " + shadow_root_ + "/.catalog_shadow_identity: not readable (permission denied)\n", r.err);
     EXPECT_EQ("", r.out);
@@ -304,11 +312,7 @@ TEST_F(KavrelShadowExportTest, ADirectoryTheUserMayNotReadStopsTheExport) {
     // be the pool's.
     ASSERT_EQ(0, chmod(s1_.c_str(), 0700));
     const auto before = pool_snapshot();
-    kt::RunOptions o;
-    o.in_child = drop_privileges;
-    o.set_env[appdb::kRegistryEnv] = pool_.registry();
-    o.set_env["DCT_LOG"] = "none";
-    kt::RunResult r = kt::run_program(shadow_binary(), {"export", out_}, o);
+    kt::RunResult r = run_as_nobody({"export", out_});
     EXPECT_EQ(4, r.exit_status) << r.err;
     EXPECT_EQ("kavrel-shadow: export " + out_ + ": " + s1_ + ": not readable (permission denied)\n", r.err);
     EXPECT_EQ("", r.out);
@@ -319,12 +323,12 @@ TEST_F(KavrelShadowExportTest, ADirectoryTheUserMayNotReadStopsTheExport) {
     // are copied where the system refuses the link.
     ASSERT_EQ(0, chmod(s1_.c_str(), 0555));
     const auto readable = pool_snapshot();
-    r = kt::run_program(shadow_binary(), {"export", out_}, o);
+    r = run_as_nobody({"export", out_});
     EXPECT_EQ(0, r.exit_status) << r.err;
     EXPECT_TRUE(readable == pool_snapshot());
     EXPECT_NE(stat_of(s1_ + "/appdb.1").st_ino, stat_of(e1_ + "/appdb.1").st_ino);
     EXPECT_EQ(kt::read_file(s1_ + "/appdb.1"), kt::read_file(e1_ + "/appdb.1"));
-    EXPECT_EQ(0, kt::run_program(shadow_binary(), {"verify", "--export", out_}, o).exit_status);
+    EXPECT_EQ(0, run_as_nobody({"verify", "--export", out_}).exit_status);
     nftw(pool_.dir().path().c_str(), make_writable, 16, FTW_PHYS | FTW_DEPTH);
 }
 
@@ -338,6 +342,18 @@ TEST_F(KavrelShadowExportTest, ADatabaseWithADamagedChecksumFileIsAProblemTheOth
     EXPECT_FALSE(kt::file_exists(e1_));
     r = run({"verify", "--export", out_});
     EXPECT_EQ(0, r.exit_status) << r.out;
+}
+
+TEST_F(KavrelShadowExportTest, ADirectoryInsideThePoolIsRefused) {
+    const auto before = pool_snapshot();
+    for (const std::string& dir : {shadow_root_ + "/export", p1_ + "/export", shadow_root_ + "/../catalogshadow/x"}) {
+        const kt::RunResult r = run({"export", dir});
+        EXPECT_EQ(3, r.exit_status) << dir;
+        EXPECT_EQ("kavrel-shadow: export " + dir + ": " + dir +
+                      " lies inside the pool's database or shadow tree (log records went to nowhere (DCT_LOG=none))\n",
+                  r.err);
+    }
+    EXPECT_TRUE(before == pool_snapshot());
 }
 
 TEST_F(KavrelShadowExportTest, UsageErrors) {
