@@ -66,7 +66,10 @@ void collect(int out_fd, int err_fd, std::string* out, std::string* err) {
     }
 }
 
-std::string last_line_with(const std::string& text, const std::string& prefix) {
+// The last non-empty line of `text` that holds `marker`, from the marker on
+// (restic may print "Fatal:" straight after another message, without a line
+// break between).
+std::string last_line_with(const std::string& text, const std::string& marker) {
     std::string found;
     size_t start = 0;
     while (start < text.size()) {
@@ -74,7 +77,8 @@ std::string last_line_with(const std::string& text, const std::string& prefix) {
         if (end == std::string::npos) end = text.size();
         std::string line = text.substr(start, end - start);
         while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-        if (!line.empty() && line.compare(0, prefix.size(), prefix) == 0) found = line;
+        const size_t at = line.find(marker);
+        if (!line.empty() && at != std::string::npos) found = line.substr(at);
         start = end + 1;
     }
     return found;

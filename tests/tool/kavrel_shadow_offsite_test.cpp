@@ -19,6 +19,7 @@
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "tool/json_text.h"
+#include "common/sshd_server.h"
 #include "kavrel_shadow_fixture.h"
 #include "tool/offsite.h"
 
@@ -478,6 +479,35 @@ TEST_F(OffsiteTest, AFullDiskDuringTheExportStopsThePushAndTheNextOneWorks) {
     EXPECT_EQ(db_tree, kshadowt::snapshot(pool_.root()));
     EXPECT_EQ(shadow_tree, kshadowt::snapshot(shadow_root_));
     EXPECT_EQ(0, push());
+}
+
+TEST_F(OffsiteTest, PushAndRestoreThroughSftpOnARealServer) {
+    kt::SshdServer sshd;
+    if (!sshd.ok()) GTEST_SKIP() << sshd.error();
+    configure("Repository = " + sshd.repository(pool_.dir().file("vault")) + "\nPasswordFile = " + pass_ +
+              "\nSftpCommand = " + sshd.sftp_command() + "\n");
+    kt::RunResult r = offsite({"push"});
+    ASSERT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("in sftp:vault:" + pool_.dir().file("vault") + ": 2 databases, 5 rows"))
+        << r.out;
+    const std::set<std::string> ids1 = backup_ids(db(p1_)), ids2 = backup_ids(db(p2_));
+    lose_the_server();
+    r = offsite({"restore", "latest"});
+    ASSERT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_EQ(ids1, backup_ids(db(p1_)));
+    EXPECT_EQ(ids2, backup_ids(db(p2_)));
+
+    // The server is gone: one line with restic's own words, the pool alone.
+    sshd.stop();
+    const auto before = kshadowt::snapshot(pool_.root());
+    r = offsite({"push"});
+    EXPECT_EQ(3, r.exit_status);
+    EXPECT_EQ(0u, r.err.find("kavrel-shadow: restic cat config failed (exit status 1): Fatal: unable to open "
+                             "repository at sftp:vault:"))
+        << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("unable to start the sftp session")) << r.err;
+    EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << r.err;
+    EXPECT_EQ(before, kshadowt::snapshot(pool_.root()));
 }
 
 }  // namespace
