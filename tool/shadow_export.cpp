@@ -106,7 +106,7 @@ public:
     // Exports the database of `t` (its directory lock held by the caller).
     void database(const Target& t, const std::string& relative) {
         const std::string chksum = t.shadow_dir + "/" + PODBShadow::chksum_file(t.type);
-        if (!readable(chksum, true)) return;
+        if (!readable(chksum)) return;
         uint64_t current = 0;
         ShadowVersionList list;
         std::string reason;
@@ -143,9 +143,9 @@ public:
         report_->databases.push_back(db);
     }
 
-    // Fails the export for a path that may not be read, or one that is
-    // missing when `needed`. True when it is there and readable.
-    bool readable(const std::string& path, bool needed) {
+    // Fails the export for a path that may not be read; true otherwise
+    // (there and readable, or missing).
+    bool readable(const std::string& path) {
         const dct::path_state state = dct::probe_readable(path);
         if (state == dct::path_state::denied) {
             ErrorA(CR_STATUS_ACCESS_DENIED, "%s: failed to read %s: %s", "export_shadow", path.c_str(), kNotReadable);
@@ -153,7 +153,7 @@ public:
             failure_.reason = path + ": " + kNotReadable;
             return false;
         }
-        return state == dct::path_state::present || !needed;
+        return true;
     }
 
     void fail_errno(const char* what, const std::string& path) {
@@ -168,7 +168,7 @@ private:
     // recorded line count; a damaged one is exported as it is, with its
     // problem, and the rehearsal of the export passes over it.
     bool version(ShadowVersion& v, const std::string& from_dir, const std::string& out, ExportedDatabase* db) {
-        if (!readable(v.db_path, false) || !readable(v.journal_path, false)) return false;
+        if (!readable(v.db_path) || !readable(v.journal_path)) return false;
         if (wa_access(v.db_path, 0) != 0) {
             report_->problems.push_back(Problem{v.db_path, "version file missing"});
         } else {
@@ -258,7 +258,7 @@ cr_status_t export_all(CatalogShadowContext& context, const std::string& dir, Ex
     const std::vector<Target> targets = find_all_databases(context, &unreadable);
     // A directory that may not be read may hold databases: the export
     // would silently miss them.
-    if (!unreadable.empty() && !ex.readable(unreadable.front(), true)) return ex.failure().status;
+    if (!unreadable.empty() && !ex.readable(unreadable.front())) return ex.failure().status;
     for (const Target& t : targets) {
         // A directory that is gone has no one working in it.
         CatalogDirectoryLock lock;

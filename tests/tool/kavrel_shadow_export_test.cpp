@@ -335,10 +335,17 @@ TEST_F(KavrelShadowExportTest, ADirectoryTheUserMayNotReadStopsTheExport) {
 TEST_F(KavrelShadowExportTest, ADatabaseWithADamagedChecksumFileIsAProblemTheOthersAreExported) {
     const std::string chksum = s1_ + "/.chksum.appdb";
     kt::write_file(chksum, std::regex_replace(kt::read_file(chksum), std::regex("count=1"), "count=2"));
+    // A catalog the shadow has not seen yet: nothing of it to export.
+    const std::string p3 = pool_.catalog_dir(1, "c3", "p3");
+    ASSERT_EQ(0, system(("mkdir -p " + p3 + " && cp " + p2_ + "/app.db " + p3 + "/").c_str()));
     kt::RunResult r = run({"export", out_});
     EXPECT_EQ(1, r.exit_status) << r.err;
     EXPECT_NE(std::string::npos, r.out.find("  problem       " + chksum + ": checksum file damaged (")) << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("), not exported\n\nexport " + out_ + ": 1 database, 3 files")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("), not exported\n  problem       " + shadow_root_ +
+                                            "/1/c3/p3: no version in the shadow, nothing to export\n\nexport " + out_ +
+                                            ": 1 database, 3 files"))
+        << r.out;
+    EXPECT_NE(std::string::npos, r.out.find(", 2 problems\n")) << r.out;
     EXPECT_FALSE(kt::file_exists(e1_));
     r = run({"verify", "--export", out_});
     EXPECT_EQ(0, r.exit_status) << r.out;
