@@ -78,6 +78,7 @@ unset RESTIC_REPOSITORY RESTIC_PASSWORD RESTIC_PASSWORD_COMMAND RESTIC_CACHE_DIR
 rm -rf "$W"
 mkdir -p "$W"
 echo "kavrel off-site benchmark" > "$W/offsite.pass"
+chmod 600 "$W/offsite.pass"
 restic_cmd() { restic --no-cache --password-file "$W/offsite.pass" "$@"; }
 
 fmt() { echo "$1" | sed -e ':a' -e 's/\([0-9]\)\([0-9]\{3\}\)\($\|,\)/\1,\2\3/' -e 'ta'; }

@@ -94,15 +94,14 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
     // A push that was killed leaves its scratch copy behind; it is ours.
     const std::string scratch = scratch_path(shadow_root, "push");
     if (!remove_scratch(scratch)) return cannot_run("cannot remove the scratch directory " + scratch);
-    bool created = false;
-    if (restic.ensure_repository(&created, &why) != CR_STATUS_OK) return cannot_run(why);
-
     Output out(options, "offsite push", "databases");
     const std::string repository = shown_repository(restic.config().repository);
-    if (created) out.text("offsite push: initialised the repository " + repository);
 
+    // The scratch copy is read at once and removed: it needs no sync.
+    kshadow::ExportOptions scratch_copy;
+    scratch_copy.durable = false;
     kshadow::ExportReport exported;
-    const cr_status_t status = kshadow::export_shadow(context, scratch, &exported);
+    const cr_status_t status = kshadow::export_shadow(context, scratch, &exported, scratch_copy);
     if (status != CR_STATUS_OK) {
         remove_scratch(scratch);
         complain("offsite push: the export failed: " + exported.reason);
@@ -129,16 +128,34 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
     }
     for (const auto& p : exported.problems) out.text("  problem " + p.path + ": " + p.what);
 
-    const ResticRun backup = restic.run({"backup", "--json", "--host", exported.host.empty() ? "localhost" : exported.host,
-                                         "--tag", pool_tag(pool), "--tag",
-                                         "kavrel-databases=" + std::to_string(exported.databases.size()), "--tag",
-                                         "kavrel-rows=" + std::to_string(rows), "--time",
-                                         restic_time(exported.started), "--ignore-inode", "--ignore-ctime", scratch});
+    const std::vector<std::string> backup_args = {
+        "backup", "--json", "--host", exported.host.empty() ? "localhost" : exported.host, "--tag", pool_tag(pool),
+        "--tag", "kavrel-databases=" + std::to_string(exported.databases.size()), "--tag",
+        "kavrel-rows=" + std::to_string(rows), "--time", restic_time(exported.started), "--ignore-inode",
+        "--ignore-ctime", scratch};
+    ResticRun backup = restic.run(backup_args);
+    // The first push makes the repository. Asking first would cost every
+    // push another start of restic (its key derivation is most of a run).
+    bool created = false;
+    if (!backup.ok() && Restic::no_repository(backup)) {
+        const ResticRun init = restic.run({"init"});
+        if (!init.ok()) {
+            remove_scratch(scratch);
+            const std::string failure = restic.failure("restic init", init);
+            ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+            return cannot_run(failure);
+        }
+        created = true;
+        out.text("offsite push: initialised the repository " + repository);
+        InfoA(CR_STATUS_OK, "%s: initialised the repository %s", "kavrel-shadow offsite push", repository.c_str());
+        backup = restic.run(backup_args);
+    }
     const ktool::json summary_line = backup_summary(backup.out);
     if (!backup.ok() || !summary_line.is_object()) {
         remove_scratch(scratch);
         const std::string failure = restic.failure("restic backup", backup);
         ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+        if (Restic::could_not_open(backup)) return cannot_run(failure);
         complain("offsite push: " + failure);
         ktool::json summary;
         summary["error"] = ktool::json_text(failure);

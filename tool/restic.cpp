@@ -255,30 +255,19 @@ ResticRun Restic::run(const std::vector<std::string>& args) const {
     return result;
 }
 
-cr_status_t Restic::ensure_repository(bool* created, std::string* reason) const {
-    *created = false;
-    const ResticRun probe = run({"cat", "config"});
-    if (probe.ok()) return CR_STATUS_OK;
-    // restic says so in these words when no repository is there (newer
-    // versions also exit with 10).
-    const bool none = probe.started && (probe.exit_status == 10 ||
-                                        probe.err.find("Is there a repository at the following location?") !=
-                                            std::string::npos);
-    if (!none) {
-        *reason = failure("restic cat config", probe);
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite", reason->c_str());
-        return CR_STATUS_FAILED;
+bool Restic::no_repository(const ResticRun& run) {
+    return run.started && (run.exit_status == 10 ||
+                           run.err.find("Is there a repository at the following location?") != std::string::npos);
+}
+
+bool Restic::could_not_open(const ResticRun& run) {
+    if (!run.started) return true;
+    static const char* const kWords[] = {"wrong password or no key found", "unable to open repository",
+                                         "unable to open config file", "Is there a repository at the following"};
+    for (const char* words : kWords) {
+        if (run.err.find(words) != std::string::npos) return true;
     }
-    const ResticRun init = run({"init"});
-    if (!init.ok()) {
-        *reason = failure("restic init", init);
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite", reason->c_str());
-        return CR_STATUS_FAILED;
-    }
-    *created = true;
-    InfoA(CR_STATUS_OK, "%s: initialised the repository %s", "kavrel-shadow offsite",
-          shown_repository(config_.repository).c_str());
-    return CR_STATUS_OK;
+    return false;
 }
 
 }  // namespace koffsite

@@ -64,9 +64,12 @@ public:
     // process (a killed push leaves no restic behind).
     ResticRun run(const std::vector<std::string>& args) const;
 
-    // Makes sure the repository exists: initialises it when restic says there
-    // is none. 0, or 4 (reason: restic's message and exit status).
-    cr_status_t ensure_repository(bool* created, std::string* reason) const;
+    // Whether a run failed because no repository is there (restic says so in
+    // these words; newer versions also exit with 10).
+    static bool no_repository(const ResticRun& run);
+    // Whether a run failed before it could use the repository at all: none
+    // there, a wrong password, a backend that cannot be reached.
+    static bool could_not_open(const ResticRun& run);
 
     // "WHAT failed (exit status N): MESSAGE", the repository masked as
     // shown_repository does wherever restic repeated it.

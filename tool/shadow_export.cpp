@@ -98,7 +98,10 @@ void undo_export(const std::string& dir, bool created) {
 // One export: its report, and the first failure that stops it.
 class Exporter {
 public:
-    Exporter(const std::string& dir, ExportReport* report) : dir_(dir), report_(report) {}
+    Exporter(const std::string& dir, ExportReport* report, bool durable)
+        : dir_(dir), report_(report), durable_(durable) {}
+
+    bool durable() const { return durable_; }
 
     bool failed() const { return failure_.status != CR_STATUS_OK; }
     const FileFailure& failure() const { return failure_; }
@@ -124,7 +127,9 @@ public:
         db.relative = relative;
         db.current = current;
         const std::string out = dir_ + "/" + relative;
-        if (wa_createtree_synced(out, dct::private_dir_mode) != 0 || wa_restrict_mode(out) != 0) {
+        if ((durable_ ? wa_createtree_synced(out, dct::private_dir_mode) : wa_createtree(out, dct::private_dir_mode)) !=
+                0 ||
+            wa_restrict_mode(out) != 0) {
             fail_errno("create", out);
             return;
         }
@@ -136,7 +141,7 @@ public:
         uint64_t rows = 0;
         db.rows_known = dct::probe_readable(t.db_path) == dct::path_state::present && count_rows(t.type, t.db_path, &rows);
         db.rows = db.rows_known ? rows : 0;
-        if (wa_syncdir(out) != 0) {
+        if (durable_ && wa_syncdir(out) != 0) {
             fail_errno("sync", out);
             return;
         }
@@ -206,7 +211,9 @@ private:
         ExportedFile f;
         f.name = name;
         f.size = length < static_cast<uint64_t>(st.st_size) ? length : static_cast<uint64_t>(st.st_size);
-        if (copy_prefix(src, st, f.size, out + "/" + name, &f.adler32, &failure_) != CR_STATUS_OK) return false;
+        if (copy_prefix(src, st, f.size, out + "/" + name, durable_, &f.adler32, &failure_) != CR_STATUS_OK) {
+            return false;
+        }
         report_->bytes_copied += f.size;
         db->files.push_back(f);
         return true;
@@ -242,6 +249,7 @@ private:
 
     std::string dir_;
     ExportReport* report_;
+    bool durable_;
     FileFailure failure_;
 };
 
@@ -278,14 +286,15 @@ cr_status_t export_all(CatalogShadowContext& context, const std::string& dir, Ex
     report->finished = static_cast<int64_t>(time(nullptr));
     FileFailure failure;
     const cr_status_t status =
-        write_file_synced(dir, kManifestName, ktool::json_line(manifest_json(*report)) + "\n", &failure);
+        write_file_synced(dir, kManifestName, ktool::json_line(manifest_json(*report)) + "\n", ex.durable(), &failure);
     if (status != CR_STATUS_OK) report->reason = failure.reason;
     return status;
 }
 
 }  // namespace
 
-cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report) {
+cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report,
+                          const ExportOptions& options) {
     *report = ExportReport();
     report->dir = dir;
     report->database_root = database_root(context);
@@ -308,7 +317,7 @@ cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir,
         return status;
     }
     const bool created = wa_access(dir, 0) != 0;
-    Exporter ex(dir, report);
+    Exporter ex(dir, report, options.durable);
     if (created && (wa_createtree_synced(dir, dct::private_dir_mode) != 0 || wa_restrict_mode(dir) != 0)) {
         ex.fail_errno("create", dir);
         report->reason = ex.failure().reason;

@@ -89,6 +89,15 @@ struct ExportReport {
     std::string reason;  // why the export failed as a whole
 };
 
+// How an export is written.
+struct ExportOptions {
+    // Every file and directory synced before the manifest, written last,
+    // names it: an export that is kept. A scratch export that is read at once
+    // and removed (the off-site push) needs no sync; one a crash interrupts
+    // is removed by the next push.
+    bool durable = true;
+};
+
 // Exports every database of the pool (find_all_databases) into `dir`, which
 // must not exist or be empty (3, "DIR is not empty"); it is created 0750 (an
 // existing empty one keeps its mode). A database with no version in its
@@ -101,7 +110,8 @@ struct ExportReport {
 // once), and whatever was written below `dir` removed again (`dir` itself too
 // when this call created it). The pool's identity is its database root, taken
 // from the context's application root.
-cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report);
+cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report,
+                          const ExportOptions& options = ExportOptions());
 
 // The manifest of `report` as written into MANIFEST.json (above).
 ktool::json manifest_json(const ExportReport& report);

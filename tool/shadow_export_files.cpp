@@ -68,9 +68,9 @@ int open_new(const std::string& path) {
     return fd;
 }
 
-// Syncs and closes `fd`; -1 with errno set when either fails.
-int sync_close(int fd, const std::string& path) {
-    int rc = dct::fault_point(dct::fault_op::fsync, path.c_str()) != 0 || safe_fsync(fd) != 0 ? -1 : 0;
+// Syncs (when `sync`) and closes `fd`; -1 with errno set when either fails.
+int sync_close(int fd, const std::string& path, bool sync) {
+    int rc = sync && (dct::fault_point(dct::fault_op::fsync, path.c_str()) != 0 || safe_fsync(fd) != 0) ? -1 : 0;
     const int e = errno;
     if (::close(fd) != 0 && rc == 0) return -1;
     errno = e;
@@ -104,7 +104,7 @@ cr_status_t file_sum(const std::string& path, uint64_t* size, uint32_t* sum, Fil
 }
 
 cr_status_t copy_prefix(const std::string& src, const struct stat& st, uint64_t length, const std::string& dst,
-                        uint32_t* sum, FileFailure* failure) {
+                        bool sync, uint32_t* sum, FileFailure* failure) {
     const int in = ::open(src.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) return failed("copy_prefix", "read", src, failure);
     const int out = open_new(dst);
@@ -137,12 +137,12 @@ cr_status_t copy_prefix(const std::string& src, const struct stat& st, uint64_t 
     // An unchanged source looks unchanged in the copy too.
     const struct timespec times[2] = {st.st_atim, st.st_mtim};
     if (::futimens(out, times) != 0) return failed_removing("copy_prefix", "set the times of", dst, out, dst, failure);
-    if (sync_close(out, dst) != 0) return failed_removing("copy_prefix", "write", dst, -1, dst, failure);
+    if (sync_close(out, dst, sync) != 0) return failed_removing("copy_prefix", "write", dst, -1, dst, failure);
     *sum = crc.value();
     return CR_STATUS_OK;
 }
 
-cr_status_t write_file_synced(const std::string& dir, const std::string& name, const std::string& text,
+cr_status_t write_file_synced(const std::string& dir, const std::string& name, const std::string& text, bool sync,
                               FileFailure* failure) {
     const std::string path = dir + "/" + name;
     const std::string tmp = path + ".tmp";
@@ -151,9 +151,9 @@ cr_status_t write_file_synced(const std::string& dir, const std::string& name, c
     if (write_all(fd, tmp, text.data(), text.size()) != 0) {
         return failed_removing("write_file_synced", "write", tmp, fd, tmp, failure);
     }
-    if (sync_close(fd, tmp) != 0) return failed_removing("write_file_synced", "write", tmp, -1, tmp, failure);
+    if (sync_close(fd, tmp, sync) != 0) return failed_removing("write_file_synced", "write", tmp, -1, tmp, failure);
     if (wa_rename(tmp, path) != 0) return failed_removing("write_file_synced", "rename", tmp, -1, tmp, failure);
-    if (wa_syncdir(dir) != 0) return failed("write_file_synced", "sync", dir, failure);
+    if (sync && wa_syncdir(dir) != 0) return failed("write_file_synced", "sync", dir, failure);
     return CR_STATUS_OK;
 }
 

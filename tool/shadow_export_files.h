@@ -24,16 +24,17 @@ struct FileFailure {
 cr_status_t file_sum(const std::string& path, uint64_t* size, uint32_t* sum, FileFailure* failure);
 
 // Writes the first `length` bytes of `src` (whose stat is `st`) to the new
-// file `dst`: made dct::private_file_mode whatever the umask, synced, its
-// access and modification times those of `src`. `sum` receives the copy's
+// file `dst`: made dct::private_file_mode whatever the umask, synced when
+// `sync`, its access and modification times those of `src`. `sum` receives the copy's
 // Adler-32. A failure removes `dst` again. 0, or the mapped status (logged
 // once); a source shorter than `length` is status 21.
 cr_status_t copy_prefix(const std::string& src, const struct stat& st, uint64_t length, const std::string& dst,
-                        uint32_t* sum, FileFailure* failure);
+                        bool sync, uint32_t* sum, FileFailure* failure);
 
 // Writes `text` to `path` through `path` ".tmp" (private file mode, synced,
-// renamed over, the directory synced). 0, or the mapped status (logged once).
-cr_status_t write_file_synced(const std::string& dir, const std::string& name, const std::string& text,
+// renamed over, the directory synced; with `sync` false only written and
+// renamed). 0, or the mapped status (logged once).
+cr_status_t write_file_synced(const std::string& dir, const std::string& name, const std::string& text, bool sync,
                               FileFailure* failure);
 
 }  // namespace kshadow

@@ -379,7 +379,8 @@ TEST_F(OffsiteTest, NoSecretOnACommandLineOrInTheOutput) {
     const kt::RunResult r = offsite({"push"}, options);
     EXPECT_EQ(3, r.exit_status);
     const std::string called = kt::read_file(calls);
-    EXPECT_EQ("--password-file " + pass_ + " cat config\n", called);
+    EXPECT_EQ(0u, called.find("--password-file " + pass_ + " backup --json --host ")) << called;
+    EXPECT_EQ(1, std::count(called.begin(), called.end(), '\n')) << called;
     for (const std::string& text : {r.out, r.err, called}) {
         EXPECT_EQ(std::string::npos, text.find("s3cret")) << text;
         EXPECT_EQ(std::string::npos, text.find("battery")) << text;
@@ -502,7 +503,7 @@ TEST_F(OffsiteTest, PushAndRestoreThroughSftpOnARealServer) {
     const auto before = kshadowt::snapshot(pool_.root());
     r = offsite({"push"});
     EXPECT_EQ(3, r.exit_status);
-    EXPECT_EQ(0u, r.err.find("kavrel-shadow: restic cat config failed (exit status 1): Fatal: unable to open "
+    EXPECT_EQ(0u, r.err.find("kavrel-shadow: restic backup failed (exit status 1): Fatal: unable to open "
                              "repository at sftp:vault:"))
         << r.err;
     EXPECT_NE(std::string::npos, r.err.find("unable to start the sftp session")) << r.err;
