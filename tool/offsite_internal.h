@@ -12,13 +12,14 @@
 #include "tool/json_text.h"
 #include "tool/offsite.h"
 #include "tool/restic.h"
+#include "tool/shadow_report.h"
 
 namespace koffsite {
 
-const int kExitOk = 0;
-const int kExitProblems = 1;
-const int kExitCannotRun = 3;
-const int kExitNotReadable = 4;
+// The exit statuses every kavrel-shadow command shares.
+using kshadow::kExitCannotRun;
+using kshadow::kExitOk;
+using kshadow::kExitProblems;
 
 // One snapshot of the pool in the repository.
 struct Snapshot {

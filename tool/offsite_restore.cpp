@@ -5,10 +5,14 @@
 // and so is a shadow directory whose checksum file reads and whose newest
 // usable version a recovery could start from. A shadow that is damaged or
 // incomplete is set aside in a "#corrupt_" directory (never deleted) before
-// the snapshot's files take its place. The export is checked as a whole
-// (verify_export) before anything is placed.
+// the snapshot's files take its place. Before anything is placed, every
+// file of the export is checked against the manifest and each database's
+// checksum file and base version are checked (verify_export at status
+// depth); the rehearsal is left to the recovery itself, whose result is
+// checked: integrity, row checksums and the rows the manifest recorded.
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -118,6 +122,19 @@ std::string set_aside(const std::string& dir, const std::string& type, std::stri
     return aside;
 }
 
+// Moves `from` to `to` when both lie on one file system (the scratch
+// directory is beside the shadow root), else copies it; made private and
+// synced either way. 0 or errno.
+int move_synced(const std::string& from, const std::string& to) {
+    if (wa_rename(from, to) != 0) return errno == EXDEV ? copy_synced(from, to) : errno;
+    if (wa_restrict_mode(to) != 0) return errno;
+    const int fd = open(to.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return errno;
+    const int e = safe_fsync(fd) != 0 ? errno : 0;
+    close(fd);
+    return e;
+}
+
 // Places the export's files of one database into its shadow directory, the
 // checksum file last so that a crash leaves no file counting what is absent.
 bool place_files(const std::string& from, const std::string& to, const kshadow::ExportedDatabase& db,
@@ -130,9 +147,9 @@ bool place_files(const std::string& from, const std::string& to, const kshadow::
     for (int pass = 0; pass < 2; ++pass) {
         for (const auto& f : db.files) {
             if ((f.name == chksum) != (pass == 1)) continue;
-            const int e = copy_synced(from + "/" + f.name, to + "/" + f.name);
+            const int e = move_synced(from + "/" + f.name, to + "/" + f.name);
             if (e != 0) {
-                *why = "cannot copy " + f.name + " into " + to + ": " + strerror(e);
+                *why = "cannot place " + f.name + " into " + to + ": " + strerror(e);
                 return false;
             }
         }
@@ -347,7 +364,8 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
     kshadow::ExportReport manifest;
     std::vector<kshadow::DatabaseReport> checked;
     cr_status_t read = options.dry_run ? kshadow::read_manifest(export_dir, &manifest, &why)
-                                       : kshadow::verify_export(export_dir, &manifest, &checked);
+                                       : kshadow::verify_export(export_dir, &manifest, &checked,
+                                                                kshadow::Depth::status);
     if (!options.dry_run && read != CR_STATUS_OK) why = manifest.reason;
     size_t damaged = 0;
     for (const auto& r : checked) damaged += r.problems.empty() ? 0 : 1;

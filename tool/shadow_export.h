@@ -43,6 +43,7 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/status.h"
 #include "tool/json_text.h"
+#include "tool/shadow_inspect.h"
 #include "tool/shadow_model.h"
 
 namespace kshadow {
@@ -133,7 +134,11 @@ cr_status_t read_manifest(const std::string& dir, ExportReport* manifest, std::s
 // report of their database directory, else in manifest->problems.
 // 0 when the manifest was read and every database checked (the problems are
 // in the reports); 2 / 106 / 67 as read_manifest (manifest->reason set).
-cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::vector<DatabaseReport>* reports);
+// `depth` Depth::status leaves out the rehearsal and the integrity check of
+// all but the base version (and so the row count): for a caller that
+// carries the recovery out next and checks its result itself.
+cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::vector<DatabaseReport>* reports,
+                          Depth depth = Depth::verify);
 
 }  // namespace kshadow
 

@@ -83,7 +83,8 @@ void list_files(const std::string& dir, std::vector<std::string>* files) {
 
 }  // namespace
 
-cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::vector<DatabaseReport>* reports) {
+cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::vector<DatabaseReport>* reports,
+                          Depth depth) {
     reports->clear();
     std::string reason;
     const cr_status_t status = read_manifest(dir, manifest, &reason);
@@ -100,14 +101,14 @@ cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::v
         // recovery from the export's own versions.
         r.target.db_path = db.target.shadow_dir + "/" + PODBShadow::db_file_name(db.target.type);
         check_files(db, &r);
-        inspect_database(Depth::verify, &r);
+        inspect_database(depth, &r);
         r.problems.erase(std::remove_if(r.problems.begin(), r.problems.end(),
                                         [&](const Problem& p) {
                                             return p.path == r.target.db_path && p.what == "live database missing";
                                         }),
                          r.problems.end());
         check_versions(db, &r);
-        if (db.rows_known && (!r.recovery.rows_known || r.recovery.rows_after != db.rows)) {
+        if (depth != Depth::status && db.rows_known && (!r.recovery.rows_known || r.recovery.rows_after != db.rows)) {
             add(&r, db.target.shadow_dir,
                 "the recovery gives " + (r.recovery.rows_known ? std::to_string(r.recovery.rows_after) : "no") +
                     " rows, the manifest says " + std::to_string(db.rows));
