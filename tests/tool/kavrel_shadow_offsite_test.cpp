@@ -364,6 +364,26 @@ TEST_F(OffsiteTest, WhatCannotRunSaysSoInOneLine) {
     EXPECT_NE(std::string::npos, r.err.find("[Offsite] KeepLast in " + pool_.config() + " must be a number")) << r.err;
 }
 
+TEST_F(OffsiteTest, UsageErrorsAreExitTwo) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"offsite"}, "offsite needs a command: push, snapshots, check or restore"},
+        {{"offsite", "pull"}, "unknown offsite command pull"},
+        {{"offsite", "push", "extra"}, "unexpected argument extra"},
+        {{"offsite", "snapshots", "--before", "-1d"}, "--dry-run and --before belong to offsite restore"},
+        {{"offsite", "restore", "--before", "yesterday"}, "--before: not a time: yesterday"},
+        {{"offsite", "check", "--if-configured"}, "--if-configured belongs to offsite push"},
+        {{"offsite", "restore", "--all"}, "offsite restore takes no --all, --missing or --export"},
+        {{"status", "--if-configured"}, "--before and --if-configured belong to offsite"},
+    };
+    for (const auto& c : cases) {
+        const kt::RunResult r = run(c.first);
+        EXPECT_EQ(2, r.exit_status) << c.second;
+        EXPECT_EQ(0u, r.err.find("kavrel-shadow: " + c.second + "\nCheck, back up and restore the catalog shadow.\n"))
+            << r.err;
+        EXPECT_EQ("", r.out);
+    }
+}
+
 TEST_F(OffsiteTest, NoSecretOnACommandLineOrInTheOutput) {
     // A stand-in restic records how it was called and fails as restic does.
     const std::string bin = pool_.dir().file("bin");
