@@ -357,6 +357,9 @@ TEST_F(OffsiteTest, WhatCannotRunSaysSoInOneLine) {
     EXPECT_EQ(3, r.exit_status);
     EXPECT_NE(std::string::npos, r.err.find("wrong password")) << r.err;
     EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << r.err;
+    kt::write_file(pass_, "correct horse battery staple\n");
+    r = offsite({"push"});
+    EXPECT_EQ(0, r.exit_status) << r.out << r.err;
 
     configure("Repository = " + repo_ + "\nPasswordFile = " + pass_ + "\nKeepLast = none\n");
     r = offsite({"push"});
