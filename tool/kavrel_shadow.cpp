@@ -230,8 +230,6 @@ uint64_t newest_version(const Target& t) {
     return list.front().version;
 }
 
-// For a message that refers people to the log: where its records went.
-std::string where_logged() { return "log records went to " + dct::log_destination(); }
 
 void run_backup(CatalogShadowContext& context, DatabaseReport* r) {
     Action& a = r->action;
@@ -331,13 +329,6 @@ const char* progress_verb(const Options& o) {
     return "checking";
 }
 
-// Says why the command cannot run, and where the log records that tell more
-// went.
-int cannot_run(const std::string& why) {
-    fprintf(stderr, "kavrel-shadow: %s (%s)\n", why.c_str(), where_logged().c_str());
-    return kExitCannotRun;
-}
-
 // The one line of a command that could not run, or could not read what it
 // needed; returns its exit status.
 int cannot_run_line(const std::string& why, int code) {
@@ -375,17 +366,8 @@ int run(const Options& o) {
     CatalogShadowContext context(new ConfigFileShadowProxy(cr_config, root), new CatalogDirectoryLock());
     if (o.command == "init") return run_init(context, o.output != Output::text);
     if (o.command == "offsite") return koffsite::run_offsite(context, cr_config, root, o.offsite);
-    const cr_status_t started = context.init();
-    if (started == CR_STATUS_ACCESS_DENIED) {
-        fprintf(stderr, "kavrel-shadow: %s: %s\n", context.identity->get_identity_file().c_str(), kNotReadable);
-        return kExitNotReadable;
-    }
-    if (started != CR_STATUS_OK || !context.enabled) {
-        return cannot_run(context.shadow_path.empty() || !context.identity
-                              ? "the catalog shadow of this pool is disabled"
-                              : "the catalog shadow of this pool is disabled or has lost its identity file " +
-                                    context.identity->get_identity_file());
-    }
+    const int started = start_shadow(context);
+    if (started != kExitOk) return started;
 
     if (o.command == "export") {
         const int code = run_export(context, o.dir, o.output, &why);

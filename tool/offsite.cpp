@@ -129,16 +129,6 @@ cr_status_t ScratchLock::take(const std::string& shadow_root, std::string* reaso
     return CR_STATUS_OK;
 }
 
-bool remove_scratch(const std::string& dir) {
-    if (wa_access(dir, 0) != 0) return true;
-    if (wa_deletetree(dir) != 0) {
-        ErrorA(CR_STATUS_FAILED, "%s: cannot remove the scratch directory %s (%s)", "kavrel-shadow offsite",
-               dir.c_str(), strerror(errno));
-        return false;
-    }
-    return true;
-}
-
 Output::Output(const OffsiteOptions& options, const std::string& command, const std::string& items)
     : options_(options), command_(command), items_name_(items), items_(ktool::json::array()) {}
 
@@ -177,18 +167,9 @@ int Output::finish(ktool::json summary, int exit_code) {
     return exit_code;
 }
 
-int cannot_run(const std::string& why) {
-    fprintf(stderr, "kavrel-shadow: %s (log records went to %s)\n", why.c_str(), dct::log_destination().c_str());
-    return kExitCannotRun;
-}
-
 void complain(const std::string& what) { fprintf(stderr, "kavrel-shadow: %s\n", what.c_str()); }
 
-std::string configured_shadow_root(CatalogShadowContext& context, std::string* reason) {
-    if (context.load_configurations() != CR_STATUS_OK || context.shadow_path.empty()) {
-        *reason = "the configuration names no shadow root (no storage path)";
-        return "";
-    }
+std::string shadow_root_of(const CatalogShadowContext& context) {
     std::string root = context.shadow_path;
     while (root.size() > 1 && root.back() == '/') root.pop_back();
     return root;

@@ -65,8 +65,6 @@ private:
     int fd_ = -1;
 };
 
-// Removes a scratch directory and all below it; true when it is gone.
-bool remove_scratch(const std::string& dir);
 
 // The output of one offsite command: text lines as they come, or one JSON
 // document ({"schema":1,"command":..., ITEMS: [...], "summary": {...}}), or
@@ -86,14 +84,13 @@ private:
     ktool::json items_;
 };
 
-// "kavrel-shadow: WHY (log records went to ...)" on standard error; exit 3.
-int cannot_run(const std::string& why);
+using kshadow::cannot_run;
 // "kavrel-shadow: WHAT" on standard error.
 void complain(const std::string& what);
 
-// The shadow root of the configured pool, read through `context`'s proxy
-// ("" with reason when the configuration names none).
-std::string configured_shadow_root(CatalogShadowContext& context, std::string* reason);
+// The shadow root of `context` (its configuration read), without a trailing
+// "/"; "" when the configuration names none.
+std::string shadow_root_of(const CatalogShadowContext& context);
 
 int run_push(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
              const OffsiteOptions& options);

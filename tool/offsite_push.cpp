@@ -8,27 +8,21 @@
 #include "dct/log.h"
 #include "tool/offsite_internal.h"
 #include "tool/shadow_export.h"
+#include "tool/shadow_inspect.h"
 #include "tool/shadow_report.h"
 
 namespace koffsite {
 
 namespace {
 
-// The shadow must be on and this pool's: the same test as every command.
-bool start_shadow(CatalogShadowContext& context, std::string* why) {
-    const cr_status_t started = context.init();
-    if (started == CR_STATUS_OK && context.enabled) return true;
-    *why = context.shadow_path.empty() || !context.identity
-               ? "the catalog shadow of this pool is disabled"
-               : "the catalog shadow of this pool is disabled or has lost its identity file " +
-                     context.identity->get_identity_file();
-    return false;
-}
-
-std::string shadow_root_of(const CatalogShadowContext& context) {
-    std::string root = context.shadow_path;
-    while (root.size() > 1 && root.back() == '/') root.pop_back();
-    return root;
+// Starts the shadow as every command does and takes the scratch lock: 0, or
+// the exit status after its one line.
+int start_locked(CatalogShadowContext& context, ScratchLock* lock, std::string* shadow_root) {
+    const int started = kshadow::start_shadow(context);
+    if (started != kExitOk) return started;
+    *shadow_root = shadow_root_of(context);
+    std::string why;
+    return lock->take(*shadow_root, &why) == CR_STATUS_OK ? kExitOk : cannot_run(why);
 }
 
 // restic's --time takes local time.
@@ -86,14 +80,14 @@ uint64_t total_rows(const kshadow::ExportReport& report) {
 
 int run_push(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
              const OffsiteOptions& options) {
-    std::string why;
-    if (!start_shadow(context, &why)) return cannot_run(why);
-    const std::string shadow_root = shadow_root_of(context);
     ScratchLock lock;
-    if (lock.take(shadow_root, &why) != CR_STATUS_OK) return cannot_run(why);
+    std::string shadow_root;
+    const int started = start_locked(context, &lock, &shadow_root);
+    if (started != kExitOk) return started;
     // A push that was killed leaves its scratch copy behind; it is ours.
     const std::string scratch = scratch_path(shadow_root, "push");
-    if (!remove_scratch(scratch)) return cannot_run("cannot remove the scratch directory " + scratch);
+    kshadow::ScratchDir scratch_dir(scratch);
+    if (!scratch_dir.remove()) return cannot_run("cannot remove the scratch directory " + scratch);
     Output out(options, "offsite push", "databases");
     const std::string repository = shown_repository(restic.config().repository);
 
@@ -103,7 +97,6 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
     kshadow::ExportReport exported;
     const cr_status_t status = kshadow::export_shadow(context, scratch, &exported, scratch_copy);
     if (status != CR_STATUS_OK) {
-        remove_scratch(scratch);
         complain("offsite push: the export failed: " + exported.reason);
         ktool::json summary;
         summary["error"] = ktool::json_text("the export failed: " + exported.reason);
@@ -140,7 +133,6 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
     if (!backup.ok() && Restic::no_repository(backup)) {
         const ResticRun init = restic.run({"init"});
         if (!init.ok()) {
-            remove_scratch(scratch);
             const std::string failure = restic.failure("restic init", init);
             ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
             return cannot_run(failure);
@@ -152,7 +144,6 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
     }
     const ktool::json summary_line = backup_summary(backup.out);
     if (!backup.ok() || !summary_line.is_object()) {
-        remove_scratch(scratch);
         const std::string failure = restic.failure("restic backup", backup);
         ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
         if (Restic::could_not_open(backup)) return cannot_run(failure);
@@ -179,7 +170,7 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
         complain("offsite push: " + forget_failure);
         exit_code = kExitProblems;
     }
-    if (!remove_scratch(scratch)) exit_code = kExitProblems;
+    if (!scratch_dir.remove()) exit_code = kExitProblems;
 
     out.text("offsite push: snapshot " + snapshot.substr(0, 8) + " in " + repository + ": " +
              std::to_string(exported.databases.size()) + " databases, " + std::to_string(rows) + " rows as of " +
@@ -208,11 +199,11 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
 
 int run_check(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
               const OffsiteOptions& options) {
-    std::string why;
-    if (!start_shadow(context, &why)) return cannot_run(why);
-    const std::string shadow_root = shadow_root_of(context);
     ScratchLock lock;
-    if (lock.take(shadow_root, &why) != CR_STATUS_OK) return cannot_run(why);
+    std::string shadow_root;
+    const int started = start_locked(context, &lock, &shadow_root);
+    if (started != kExitOk) return started;
+    std::string why;
     std::vector<Snapshot> snapshots;
     if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return cannot_run(why);
 
@@ -243,7 +234,8 @@ int run_check(CatalogShadowContext& context, const Restic& restic, const std::st
     summary["snapshot"] = newest.id;
     summary["time"] = ktool::iso8601_utc(newest.time);
     const std::string scratch = scratch_path(shadow_root, "check");
-    if (!remove_scratch(scratch)) return cannot_run("cannot remove the scratch directory " + scratch);
+    kshadow::ScratchDir scratch_dir(scratch);
+    if (!scratch_dir.remove()) return cannot_run("cannot remove the scratch directory " + scratch);
     const ResticRun restore = restic.run({"restore", newest.id, "--target", scratch});
     uint64_t with_problems = 0;
     if (!restore.ok()) {
@@ -262,6 +254,12 @@ int run_check(CatalogShadowContext& context, const Restic& restic, const std::st
             out.text(failure);
             problems.push_back(kshadow::problem_json(kshadow::Problem{newest.id, failure}));
         }
+        // Files outside every database's directory that the manifest does
+        // not name.
+        for (const auto& p : manifest.problems) {
+            out.text("problem " + p.path + ": " + p.what);
+            problems.push_back(kshadow::problem_json(p));
+        }
         for (const auto& r : reports) {
             out.text(kshadow::database_text("verify --export", r));
             out.item(ktool::json::parse(kshadow::database_json(r)));
@@ -271,7 +269,7 @@ int run_check(CatalogShadowContext& context, const Restic& restic, const std::st
         summary["databases"] = reports.size();
         summary["with_problems"] = with_problems;
     }
-    if (!remove_scratch(scratch)) {
+    if (!scratch_dir.remove()) {
         problems.push_back(kshadow::problem_json(kshadow::Problem{scratch, "the scratch directory could not be removed"}));
     }
     summary["problems"] = problems;

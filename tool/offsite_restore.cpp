@@ -30,6 +30,7 @@
 #include "dct/log.h"
 #include "tool/offsite_internal.h"
 #include "tool/shadow_export.h"
+#include "tool/shadow_export_files.h"
 #include "tool/shadow_inspect.h"
 #include "tool/shadow_report.h"
 
@@ -55,35 +56,23 @@ bool choose_snapshot(const std::vector<Snapshot>& snapshots, const OffsiteOption
     return false;
 }
 
-// Copies `from` to `to` (0640), synced. 0 or errno.
+// Copies `from` to `to` through `to` ".restore" (private, synced, renamed
+// over). 0 or errno.
 int copy_synced(const std::string& from, const std::string& to) {
-    FILE* in = fopen(from.c_str(), "rb");
-    if (in == nullptr) return errno;
+    struct stat st;
+    if (wa_stat(from, &st) != 0) return errno;
     const std::string tmp = to + ".restore";
-    FILE* out = fopen(tmp.c_str(), "wb");
-    if (out == nullptr) {
+    uint32_t sum = 1;
+    kshadow::FileFailure failure;
+    if (kshadow::copy_prefix(from, st, static_cast<uint64_t>(st.st_size), tmp, true, &sum, &failure) != CR_STATUS_OK) {
+        return EIO;
+    }
+    if (wa_rename(tmp, to) != 0) {
         const int e = errno;
-        fclose(in);
+        wa_deletefile(tmp);
         return e;
     }
-    char buf[1 << 16];
-    size_t n;
-    int e = 0;
-    while ((n = fread(buf, 1, sizeof(buf), in)) > 0) {
-        if (fwrite(buf, 1, n, out) != n) {
-            e = errno != 0 ? errno : EIO;
-            break;
-        }
-    }
-    if (e == 0 && ferror(in)) e = EIO;
-    fclose(in);
-    if (e == 0 && fflush(out) != 0) e = errno;
-    if (e == 0 && safe_fsync(fileno(out)) != 0) e = errno;
-    if (fclose(out) != 0 && e == 0) e = errno;
-    if (e == 0 && wa_restrict_mode(tmp) != 0) e = errno;
-    if (e == 0 && wa_rename(tmp, to) != 0) e = errno;
-    if (e != 0) wa_deletefile(tmp);
-    return e;
+    return 0;
 }
 
 // The files of `type` in a shadow directory (its checksum file, versions,
@@ -290,28 +279,14 @@ std::string restored_text(const Restored& r) {
     return text;
 }
 
-bool write_text(const std::string& path, const std::string& text) {
-    FILE* f = fopen(path.c_str(), "wb");
-    if (f == nullptr) return false;
-    const bool written = fwrite(text.data(), 1, text.size(), f) == text.size();
-    return fclose(f) == 0 && written;
-}
-
-// A private temporary directory ("" when none can be made).
-std::string private_temp_dir() {
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kavrel-offsite.XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) return "";
-    return pattern;
-}
-
 }  // namespace
 
 int run_restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                 const OffsiteOptions& options) {
     std::string why;
-    const std::string shadow_root = configured_shadow_root(context, &why);
-    if (shadow_root.empty()) return cannot_run(why);
+    context.load_configurations();
+    const std::string shadow_root = shadow_root_of(context);
+    if (shadow_root.empty()) return cannot_run("the configuration names no shadow root (no storage path)");
     std::vector<Snapshot> snapshots;
     if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return cannot_run(why);
     Snapshot snap;
@@ -327,34 +302,40 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
     // The scratch directory lies beside the shadow root, whose parent a new
     // server may not have yet.
     ScratchLock lock;
-    std::string scratch;
-    const std::string parent = scratch_path(shadow_root, "").substr(0, scratch_path(shadow_root, "").rfind('/'));
+    std::unique_ptr<kshadow::ScratchDir> scratch_dir;
     if (options.dry_run) {
-        scratch = private_temp_dir();
-        if (scratch.empty()) return cannot_run(std::string("cannot make a temporary directory: ") + strerror(errno));
+        scratch_dir.reset(new kshadow::ScratchDir());
+        if (scratch_dir->path().empty()) {
+            return cannot_run(std::string("cannot make a temporary directory: ") + strerror(errno));
+        }
     } else {
+        const std::string parent = shadow_root.substr(0, shadow_root.rfind('/'));
         if (!parent.empty() && !wa_isdir(parent) && wa_createtree_synced(parent, dct::private_dir_mode) != 0) {
             return cannot_run("cannot create " + parent + ": " + strerror(errno));
         }
         if (lock.take(shadow_root, &why) != CR_STATUS_OK) return cannot_run(why);
-        scratch = scratch_path(shadow_root, "restore");
-        if (!remove_scratch(scratch)) return cannot_run("cannot remove the scratch directory " + scratch);
+        scratch_dir.reset(new kshadow::ScratchDir(scratch_path(shadow_root, "restore")));
+        if (!scratch_dir->remove()) return cannot_run("cannot remove the scratch directory " + scratch_dir->path());
     }
+    const std::string& scratch = scratch_dir->path();
     // A dry run needs only the manifest.
     const std::string export_dir = scratch + snap.path;
-    ResticRun fetched;
-    if (options.dry_run) {
-        fetched = restic.run({"dump", snap.id, snap.path + "/" + kshadow::kManifestName});
-        if (fetched.ok() && (wa_createtree(export_dir, dct::private_dir_mode) != 0 ||
-                             !write_text(export_dir + "/" + kshadow::kManifestName, fetched.out))) {
-            fetched.exit_status = -1;
-        }
-    } else {
-        fetched = restic.run({"restore", snap.id, "--target", scratch});
-    }
+    const ResticRun fetched = options.dry_run
+                                  ? restic.run({"dump", snap.id, snap.path + "/" + kshadow::kManifestName})
+                                  : restic.run({"restore", snap.id, "--target", scratch});
+    std::string failure;
     if (!fetched.ok()) {
-        remove_scratch(scratch);
-        const std::string failure = restic.failure(options.dry_run ? "restic dump" : "restic restore", fetched);
+        failure = restic.failure(options.dry_run ? "restic dump" : "restic restore", fetched);
+    } else if (options.dry_run) {
+        kshadow::FileFailure written;
+        if (wa_createtree(export_dir, dct::private_dir_mode) != 0) {
+            failure = "cannot create " + export_dir + ": " + strerror(errno);
+        } else if (kshadow::write_file_synced(export_dir, kshadow::kManifestName, fetched.out, false, &written) !=
+                   CR_STATUS_OK) {
+            failure = written.reason;
+        }
+    }
+    if (!failure.empty()) {
         ErrorA(CR_STATUS_FAILED, "%s: %s", kFn, failure.c_str());
         complain("offsite restore: " + failure);
         ktool::json summary;
@@ -373,8 +354,7 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
         for (const auto& r : checked) {
             if (!r.problems.empty()) out.text(kshadow::database_text("verify --export", r));
         }
-        remove_scratch(scratch);
-        const std::string failure = "snapshot " + snap.short_id + " does not hold a sound export" +
+        failure = "snapshot " + snap.short_id + " does not hold a sound export" +
                                     (why.empty() ? "" : ": " + why) + "; nothing was restored";
         ErrorA(CR_STATUS_CORRUPT, "%s: %s", kFn, failure.c_str());
         complain("offsite restore: " + failure);
@@ -385,18 +365,15 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
 
     if (!options.dry_run) {
         if (!wa_isdir(shadow_root) && wa_createtree_synced(shadow_root, dct::private_dir_mode) != 0) {
-            remove_scratch(scratch);
             return cannot_run("cannot create the shadow root " + shadow_root + ": " + strerror(errno));
         }
         if (CatalogShadowIdentity(shadow_root.c_str()).create_identity() != CR_STATUS_OK ||
             context.init() != CR_STATUS_OK || !context.enabled) {
-            remove_scratch(scratch);
             return cannot_run("cannot take " + shadow_root + " as this pool's shadow root");
         }
-    } else {
-        // Only the path mappings are needed (load_configurations set them);
-        // init would report a lost root to the proxy.
     }
+    // A dry run needs only the path mappings load_configurations set; init
+    // would report a lost root to the proxy.
 
     uint64_t problems = 0, rebuilt = 0, restored = 0, kept = 0;
     for (const auto& db : manifest.databases) {
@@ -409,7 +386,7 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
         out.text(restored_text(r));
         out.item(restored_json(r));
     }
-    if (!remove_scratch(scratch)) ++problems;
+    if (!scratch_dir->remove()) ++problems;
     const int exit_code = problems == 0 ? kExitOk : kExitProblems;
     out.text(command + ": snapshot " + snap.short_id + ", " + std::to_string(manifest.databases.size()) +
              " databases: " + std::to_string(restored) + " shadows " +

@@ -1,6 +1,8 @@
 #include "tool/shadow_inspect.h"
 
+#include <errno.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -118,25 +120,6 @@ void inspect_version(ShadowVersion& v, bool integrity, DatabaseReport* report, V
         if (out->integrity == kBad) add_problem(report, v.db_path, "version fails the SQLite integrity check");
     }
 }
-
-// Removes the scratch directory and what it holds.
-class ScratchDir {
-public:
-    ScratchDir() {
-        const char* base = getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kavrel-shadow.XXXXXX";
-        if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
-    }
-    ~ScratchDir() {
-        if (!path_.empty()) wa_deletetree(path_);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 // The library's planner judging versions by what the inspection found: it
 // reads nothing twice and writes nothing. Integrity is checked only for a
@@ -287,6 +270,26 @@ void inspect_database(Depth depth, DatabaseReport* report) {
         plan_recovery(depth, report, list, judge);
     }
     if (depth == Depth::verify) check_live_database(report);
+}
+
+ScratchDir::ScratchDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kavrel-shadow.XXXXXX";
+    if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
+}
+
+ScratchDir::ScratchDir(const std::string& path) : path_(path) {}
+
+ScratchDir::~ScratchDir() {
+    if (!path_.empty() && wa_access(path_, 0) == 0) wa_deletetree(path_);
+}
+
+bool ScratchDir::remove() {
+    if (path_.empty() || wa_access(path_, 0) != 0) return true;
+    if (wa_deletetree(path_) == 0) return true;
+    ErrorA(CR_STATUS_FAILED, "%s: cannot remove the scratch directory %s (%s)", "kavrel-shadow", path_.c_str(),
+           strerror(errno));
+    return false;
 }
 
 }  // namespace kshadow

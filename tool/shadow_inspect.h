@@ -40,6 +40,25 @@ bool count_rows(const std::string& type, const std::string& path, uint64_t* rows
 // problems), as verify checks them; used after a recovery.
 void check_live_database(DatabaseReport* report);
 
+// A scratch directory, removed with everything in it when the object goes:
+// a new private one in TMPDIR (path() "" when none could be made), or `path`,
+// which need not exist yet.
+class ScratchDir {
+public:
+    ScratchDir();
+    explicit ScratchDir(const std::string& path);
+    ~ScratchDir();
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    // Removes it now (it may be made again); true when it is gone, else the
+    // failure is logged.
+    bool remove();
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
 }  // namespace kshadow
 
 #endif  // TOOL_SHADOW_INSPECT_H_

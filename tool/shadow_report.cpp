@@ -2,9 +2,30 @@
 
 #include <stdio.h>
 
+#include "dct/log.h"
 #include "tool/json_text.h"
 
 namespace kshadow {
+
+std::string where_logged() { return "log records went to " + dct::log_destination(); }
+
+int cannot_run(const std::string& why) {
+    fprintf(stderr, "kavrel-shadow: %s (%s)\n", why.c_str(), where_logged().c_str());
+    return kExitCannotRun;
+}
+
+int start_shadow(CatalogShadowContext& context) {
+    const cr_status_t started = context.init();
+    if (started == CR_STATUS_ACCESS_DENIED) {
+        fprintf(stderr, "kavrel-shadow: %s: %s\n", context.identity->get_identity_file().c_str(), kNotReadable);
+        return kExitNotReadable;
+    }
+    if (started == CR_STATUS_OK && context.enabled) return kExitOk;
+    return cannot_run(context.shadow_path.empty() || !context.identity
+                          ? "the catalog shadow of this pool is disabled"
+                          : "the catalog shadow of this pool is disabled or has lost its identity file " +
+                                context.identity->get_identity_file());
+}
 
 namespace {
 

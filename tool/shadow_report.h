@@ -38,6 +38,7 @@
 #include <string>
 #include <vector>
 
+#include "catalog_shadow/CatalogShadowCtx.h"
 #include "tool/json_text.h"
 #include "tool/shadow_model.h"
 
@@ -55,6 +56,21 @@ const int kExitNotReadable = 4;
 
 // The output forms of every command.
 enum class Output { text, json, json_lines };
+
+// "log records went to ...": for a message that refers people to the log.
+std::string where_logged();
+
+// Says on standard error why the command cannot run and where the log
+// records that tell more went ("kavrel-shadow: WHY (log records went to
+// ...)"); returns kExitCannotRun.
+int cannot_run(const std::string& why);
+
+// Starts the shadow of `context` as every command that reads it does
+// (CatalogShadowContext::init). 0 when it runs; otherwise the exit status
+// after one line on standard error: kExitNotReadable when this user may not
+// read the identity file, kExitCannotRun when the shadow is off or its root
+// lost its identity file.
+int start_shadow(CatalogShadowContext& context);
 
 // A problem as JSON: {"path", "problem", "not_readable"}.
 ktool::json problem_json(const Problem& problem);

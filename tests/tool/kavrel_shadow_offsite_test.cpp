@@ -387,6 +387,21 @@ TEST_F(OffsiteTest, UsageErrorsAreExitTwo) {
     }
 }
 
+TEST_F(OffsiteTest, AUserWhoMayNotReadThePasswordIsToldInOneLine) {
+    chmod(pool_.dir().path().c_str(), 0755);
+    kt::RunOptions as_nobody;
+    as_nobody.in_child = kst::drop_privileges;
+    for (const char* command : {"push", "snapshots", "check", "restore"}) {
+        const kt::RunResult r = offsite({command}, as_nobody);
+        EXPECT_EQ(3, r.exit_status) << command;
+        EXPECT_EQ("kavrel-shadow: [Offsite] PasswordFile " + pass_ + ": " + strerror(EACCES) +
+                      " (log records went to nowhere (DCT_LOG=none))\n",
+                  r.err)
+            << command;
+        EXPECT_EQ("", r.out) << command;
+    }
+}
+
 TEST_F(OffsiteTest, NoSecretOnACommandLineOrInTheOutput) {
     // A stand-in restic records how it was called and fails as restic does.
     const std::string bin = pool_.dir().file("bin");
