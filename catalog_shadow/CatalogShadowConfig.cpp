@@ -17,6 +17,7 @@ const char kAutoRecoveryKey[] = "CatalogAutoRecovery";
 const char kVersionCountKey[] = "CatalogBackupVersionCount";
 const char kShadowPathKey[] = "CatalogShadowPath";
 const char kShadowPoolSizeKey[] = "CatalogShadowPoolSize";
+const char kDisableAutoFixJournalKey[] = "DisableCatalogAutoFixJournal";
 
 const unsigned long kDefaultVersionCount = 5;
 const unsigned long kMaxVersionCount = 256;
@@ -48,6 +49,15 @@ cr_status_t CatalogShadowContext::load_configurations() {
     // The file may choose how much the default log sink keeps; the records
     // below already follow it.
     if (!file.empty()) dct::configure_log_level(file);
+
+    // Read before anything can turn the feature off: the journal checks of
+    // tools that inspect a shadow follow it too. A missing key, or a value
+    // that is no boolean (logged by the reader), leaves the switch as it was.
+    bool disable_auto_fix = false;
+    if (InifileGetBooleanA(file.c_str(), kPathsSection, kDisableAutoFixJournalKey, false, &disable_auto_fix) ==
+        CR_STATUS_OK) {
+        env_.disable_auto_fix_journal = disable_auto_fix;
+    }
 
     std::string storage_database;
     if (!read_path(file, kPathsSection, kStorageDatabaseKey, &storage_database)) {

@@ -21,12 +21,21 @@ CatalogShadowProxy::~CatalogShadowProxy() {}
 PODB::~PODB() {}
 
 CatalogShadowContext::CatalogShadowContext(CatalogShadowProxy* proxy_in, DirectoryLock* lock)
+    : CatalogShadowContext(proxy_in, lock, dct::default_environment()) {}
+
+CatalogShadowContext::CatalogShadowContext(CatalogShadowProxy* proxy_in, DirectoryLock* lock,
+                                           const dct::environment& env)
     : proxy(proxy_in),
       enabled(true),
       auto_recovery(true),
       max_version_count(5),
       shadow_pool_size(64),
-      dir_lock(lock != nullptr ? lock : new DirectoryLock) {}
+      dir_lock(lock != nullptr ? lock : new DirectoryLock),
+      env_(env) {}
+
+const dct::environment& environment_of(const CatalogShadowContext* context) {
+    return context != nullptr ? context->environment() : dct::default_environment();
+}
 
 // The pool goes first (members are destroyed in reverse order): its shadows
 // still ask the context for the version count.

@@ -41,6 +41,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "catalog_shadow/DirectoryLock.h"
+#include "dct/environment.h"
 #include "dct/status.h"
 
 class PODBShadowPool;
@@ -105,7 +106,11 @@ class CatalogShadowContext {
 public:
     // Takes ownership of both (either may be null: no proxy disables the
     // feature at init, no lock means the no-op base lock). Reads nothing yet.
+    // The first form runs on the process-wide defaults
+    // (dct::default_environment()); the second on a copy of `env`, whose
+    // switches load_configurations may set from the configuration file.
     CatalogShadowContext(CatalogShadowProxy* proxy, DirectoryLock* lock);
+    CatalogShadowContext(CatalogShadowProxy* proxy, DirectoryLock* lock, const dct::environment& env);
     ~CatalogShadowContext();
     CatalogShadowContext(const CatalogShadowContext&) = delete;
     CatalogShadowContext& operator=(const CatalogShadowContext&) = delete;
@@ -126,7 +131,15 @@ public:
     // CatalogBackupVersionCount, CatalogShadowPath, CatalogShadowPoolSize and
     // [Storage] Storage Path. 0, or CR_STATUS_NONE when a storage path is
     // missing (the feature is then off).
+    // [Paths] DisableCatalogAutoFixJournal, when the file sets it to a
+    // boolean, becomes the environment's switch (whatever the environment
+    // said); otherwise the switch stays as given, and unset it leaves the
+    // decision to the process configuration object.
     cr_status_t load_configurations();
+
+    // What this context runs with: its clock, sleep, fault seam and switches.
+    // Written by the constructor and init() only.
+    const dct::environment& environment() const { return env_; }
 
     // 0 when the identity file exists. Otherwise notifies the proxy, turns the
     // feature and auto recovery off and returns 4; when the file may be there
@@ -251,6 +264,8 @@ public:
     boost::scoped_ptr<DirectoryLock> dir_lock;
 
 private:
+    dct::environment env_;
+
     // After a failed journal line: backup_unlocked(dir, type); 0 when it
     // succeeded, else `failure`, logged as an unprotected change.
     cr_status_t protect_by_backup_(const std::string& dir, const std::string& type, cr_status_t failure);
@@ -258,5 +273,9 @@ private:
     std::string podb_root_() const;
     std::string app_db_root_() const;
 };
+
+// The environment of `context`, or the process-wide defaults without one
+// (a shadow built on its own, as tools and tests do).
+const dct::environment& environment_of(const CatalogShadowContext* context);
 
 #endif  // CATALOG_SHADOW_CATALOGSHADOWCTX_H_

@@ -47,6 +47,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "catalog_shadow/JournalStream.h"
+#include "dct/environment.h"
 #include "dct/fileutil.h"
 #include "dct/status.h"
 
@@ -81,11 +82,12 @@ public:
     // is an empty journal: every line found is cut away (synced), since the
     // writer died before any was counted. With journal_lines 0 and another
     // checksum the whole journal is taken and journal_lines filled in (unless
-    // auto-fix is disabled in the process configuration). 1 when the journal
-    // matches. `after`, when given, receives the journal as the check leaves
-    // it (declared below).
+    // `env` turns auto-fix off; the first form asks the process-wide
+    // defaults). 1 when the journal matches. `after`, when given, receives the
+    // journal as the check leaves it (declared below).
     struct JournalScan;
     int check_crc_journal(JournalScan* after = nullptr);
+    int check_crc_journal(const dct::environment& env, JournalScan* after = nullptr);
 
     // What one read of the journal file found: whether it could be opened,
     // its lines, the Adler-32 of all of them, and the Adler-32 and byte

@@ -9,19 +9,15 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "catalog_shadow/RecoveryPlan.h"
-#include "dct/config.h"
+#include "dct/environment.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace {
-
-bool auto_fix_journal() {
-    _crConfigClass* config = _crConfigClass::Instance();
-    return config == nullptr || !config->GetDisableCatalogAutoFixJournal();
-}
 
 const char kPoCleanup[] = "DELETE FROM po WHERE basename LIKE '%[R_%]';";
 
@@ -33,12 +29,14 @@ void PODBShadow::reset_db_active_journal_(const std::string& type, boost::shared
 }
 
 // Opens the newest version's journal for appending. An existing journal is
-// checked first (unless auto-fix is off): new lines must never make a damaged
-// journal look valid. Throws "journal corrupted".
+// checked first (unless the context's environment turns auto-fix off): new
+// lines must never make a damaged journal look valid. Throws "journal
+// corrupted".
 cr_status_t PODBShadow::open_active_journal_(const std::string& type, ShadowVersion& newest) {
     TypeState& s = state_(type);
     const bool existed = wa_access(newest.journal_path, 0) == 0;
-    if (existed && auto_fix_journal() && !newest.check_crc_journal()) throw "journal corrupted";
+    const dct::environment& env = environment_of(context_);
+    if (existed && env.auto_fix_journal() && !newest.check_crc_journal(env)) throw "journal corrupted";
 
     boost::shared_ptr<JournalStream> stream = JournalStream::open(newest.journal_path);
     if (!stream) {

@@ -5,11 +5,11 @@
 
 #include <sqlite3.h>
 
+#include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "dct/sleep.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace {
@@ -51,7 +51,7 @@ cr_status_t PODBShadow::merge_shadows(const std::string& dir, const std::string&
     std::lock_guard<std::recursive_mutex> guard(mutex_);
     ShadowVersionListPtr versions = get_db_versions_(type);
     const std::string real_db = dir + "/" + db_file_name(type);
-    RepairingJudge judge;
+    RepairingJudge judge(environment_of(context_));
     if (versions->empty()) {
         ErrorA(CR_STATUS_NOT_FOUND, "%s: Can't recover the database for %s, there're no backups.", "merge_shadows",
                real_db.c_str());
@@ -148,7 +148,7 @@ cr_status_t PODBShadow::destroy() {
         }
         WarningA(status, "Failed to delete tree %s (%s), will retry after a while.", shadow_dir_.c_str(),
                  strerror(e));
-        DctSleep(kDeleteTreePauseSeconds);
+        environment_of(context_).sleep_seconds(kDeleteTreePauseSeconds);
     }
     // Make the removal durable in the parent directory.
     const size_t slash = shadow_dir_.rfind('/');

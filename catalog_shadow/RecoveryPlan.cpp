@@ -27,7 +27,7 @@ PlannedJournal planned(const ShadowVersion& version, const ShadowVersion::Journa
 VersionJudge::~VersionJudge() = default;
 
 bool RepairingJudge::checksums_hold(ShadowVersion& version, ShadowVersion::JournalScan* scan) {
-    if (!version.check_crc_journal(scan) || !version.check_crc_db()) {
+    if (!version.check_crc_journal(env_, scan) || !version.check_crc_db()) {
         WarningA(CR_STATUS_CORRUPT, "%s: %s is corrupt, will try to use an earlier shadow copy.", "merge_shadows",
                  version.db_path.c_str());
         return false;

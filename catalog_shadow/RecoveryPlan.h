@@ -70,8 +70,14 @@ public:
 // check, will try to use an earlier shadow copy.").
 class RepairingJudge : public VersionJudge {
 public:
+    // `env` (kept by reference) decides whether the journal check fills in a
+    // count of 0 recorded lines.
+    explicit RepairingJudge(const dct::environment& env = dct::default_environment()) : env_(env) {}
     bool checksums_hold(ShadowVersion& version, ShadowVersion::JournalScan* scan) override;
     bool integrity_holds(const ShadowVersion& version) override;
+
+private:
+    const dct::environment& env_;
 };
 
 // The plan for `versions` (newest first) of the database file `live_db`.

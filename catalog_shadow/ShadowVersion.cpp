@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
-#include "dct/config.h"
+#include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -16,12 +16,6 @@
 namespace {
 
 const size_t kBlockSize = 32768;
-
-// True unless the process configuration turns journal auto-fix off.
-bool auto_fix_journal() {
-    _crConfigClass* config = _crConfigClass::Instance();
-    return config == nullptr || !config->GetDisableCatalogAutoFixJournal();
-}
 
 }  // namespace
 
@@ -118,6 +112,10 @@ uint64_t ShadowVersion::JournalScan::replayed_bytes(uint32_t recorded_lines, uin
 }
 
 int ShadowVersion::check_crc_journal(JournalScan* after) {
+    return check_crc_journal(dct::default_environment(), after);
+}
+
+int ShadowVersion::check_crc_journal(const dct::environment& env, JournalScan* after) {
     journal_verified = false;
     JournalScan scan = scan_journal();
     uint32_t result = scan.crc;
@@ -144,7 +142,7 @@ int ShadowVersion::check_crc_journal(JournalScan* after) {
     } else if (journal_lines != 0 && scan.lines > journal_lines) {
         ErrorA(CR_STATUS_NONE, "Journal file %s was corrupted, tried to fix but failed.", journal_path.c_str());
     }
-    if (journal_lines == 0 && auto_fix_journal()) journal_lines = lines;
+    if (journal_lines == 0 && env.auto_fix_journal()) journal_lines = lines;
 
     if (result != journal_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", journal_path.c_str(),

@@ -1,0 +1,69 @@
+// The environment of one service: the clock, the sleep, the fault seam of the
+// file operations, the busy timeout, the directory lock's wait limit and the
+// configuration switches it runs with.
+//
+// A service (or a test) fills one in and hands it to the objects that serve
+// it (CatalogShadowContext, catalog_application_factory); two services in one
+// process, each with its own environment, do not see each other's choices.
+// Every member left empty or unset falls back to the process-wide default
+// (dct::set_clock_function, dct::set_sleep_function, dct::set_fault_hook,
+// catalog_store::set_busy_timeout_ms, CatalogDirectoryLock::set_wait_limit_ms,
+// _crConfigClass::Instance()), read at the moment it is asked, so a default
+// environment behaves exactly as the process-wide setters say.
+//
+//   dct::environment env;
+//   env.sleep = [](unsigned) {};              // busy retries without waiting
+//   env.disable_auto_fix_journal = true;
+//   CatalogShadowContext shadow(proxy, new CatalogDirectoryLock(), env);
+//
+// An environment is a value: objects keep their own copy, taken when they are
+// built (the shadow context may later fill in switches from its
+// configuration file). Reading it from several threads is safe; the functions
+// it holds must be safe to call from several threads at once.
+#ifndef DCT_ENVIRONMENT_H_
+#define DCT_ENVIRONMENT_H_
+
+#include <functional>
+#include <optional>
+
+#include "dct/fault.h"
+
+namespace dct {
+
+struct environment {
+    // Milliseconds since the epoch; empty: dct::now_ms().
+    std::function<unsigned long()> clock;
+    // Sleeps the given number of seconds; empty: DctSleep.
+    std::function<void(unsigned)> sleep;
+    // The fault seam of the file operations made on this environment's
+    // behalf; empty: dct::fault_point (the process-wide hook).
+    fault_hook fault;
+    // SQLite busy timeout of new catalog connections, in milliseconds; unset:
+    // the database layer's process-wide value.
+    std::optional<int> busy_timeout_ms;
+    // Longest wait for one directory lock, in milliseconds; unset: the lock's
+    // process-wide limit.
+    std::optional<long> lock_wait_limit_ms;
+    // [Paths] DisableCatalogAutoFixJournal; unset: the process configuration
+    // object (_crConfigClass::Instance()) decides, and without one auto-fix
+    // is on.
+    std::optional<bool> disable_auto_fix_journal;
+
+    unsigned long now_ms() const;
+    void sleep_seconds(unsigned seconds) const;
+    // 0, or the errno the hook chose (errno is then set to it).
+    int fault_point(fault_op op, const char* path) const;
+    // Whether a journal check may fill in a count of 0 recorded lines and a
+    // journal is checked before lines are appended to it.
+    bool auto_fix_journal() const;
+    // The member when set, else `process_default`.
+    int busy_timeout_or(int process_default) const;
+    long lock_wait_limit_or(long process_default) const;
+};
+
+// The environment of everything built without one: every member empty.
+const environment& default_environment();
+
+}  // namespace dct
+
+#endif  // DCT_ENVIRONMENT_H_
