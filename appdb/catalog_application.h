@@ -27,6 +27,10 @@
 
 class CatalogShadowContext;
 
+namespace dct {
+struct environment;
+}
+
 namespace appdb {
 
 // File name of every application database.
@@ -168,10 +172,22 @@ public:
     // outlive the application; a null one leaves the shadow kind without
     // backups, journals or recovery. Destroying the application closes every
     // connection its cache holds.
+    //
+    // The shadow kind keeps an environment (dct/environment.h): in the first
+    // form the shadow context's (the process-wide defaults without a
+    // context), in the second a copy of `env`, which a service gives both the
+    // context and the factory. The plain kind runs on the process-wide
+    // defaults either way: its connections, busy retries and cache clock do
+    // not take an environment yet.
     static catalog_application* create_catalog(unsigned int dsid, const std::string& database_root,
                                                application_d_t type,
                                                CatalogShadowContext* shadow_ctx,
                                                unsigned int cache_size);
+    static catalog_application* create_catalog(unsigned int dsid, const std::string& database_root,
+                                               application_d_t type,
+                                               CatalogShadowContext* shadow_ctx,
+                                               unsigned int cache_size,
+                                               const dct::environment& env);
 };
 
 }  // namespace appdb

@@ -7,25 +7,48 @@
 
 namespace appdb {
 
-namespace {
-
-// The public operation running on this thread: how deeply operations are
-// nested in it, and whether it has recovered its database already.
-thread_local int operation_depth = 0;
-thread_local bool operation_recovered = false;
-
-}  // namespace
-
-catalog_application_impl_shadow::operation_scope::operation_scope() {
-    if (operation_depth++ == 0) operation_recovered = false;
+catalog_application_impl_shadow::operation_scope::operation_scope(
+    catalog_application_impl_shadow& app)
+    : app_(app), context_(&own_) {
+    std::lock_guard<std::mutex> guard(app_.operations_mutex_);
+    // Only the outermost scope of the thread registers; the map's entry then
+    // points at its context until it ends.
+    auto entry = app_.operations_.emplace(std::this_thread::get_id(), &own_).first;
+    context_ = entry->second;
+    ++context_->depth;
 }
 
-catalog_application_impl_shadow::operation_scope::~operation_scope() { --operation_depth; }
+catalog_application_impl_shadow::operation_scope::~operation_scope() {
+    std::lock_guard<std::mutex> guard(app_.operations_mutex_);
+    if (--context_->depth == 0) app_.operations_.erase(std::this_thread::get_id());
+}
+
+catalog_application_impl_shadow::operation_context*
+catalog_application_impl_shadow::current_operation_() {
+    std::lock_guard<std::mutex> guard(operations_mutex_);
+    const auto entry = operations_.find(std::this_thread::get_id());
+    return entry != operations_.end() ? entry->second : nullptr;
+}
+
+bool catalog_application_impl_shadow::in_operation() { return current_operation_() != nullptr; }
+
+bool catalog_application_impl_shadow::operation_recovered() {
+    const operation_context* operation = current_operation_();
+    return operation != nullptr && operation->recovered;
+}
 
 catalog_application_impl_shadow::catalog_application_impl_shadow(
     unsigned int dsid_in, const std::string& database_root_in, unsigned int cache_size,
     CatalogShadowContext* shadow_ctx_in)
-    : catalog_application_base(dsid_in, database_root_in, cache_size), shadow_ctx(shadow_ctx_in) {}
+    : catalog_application_impl_shadow(dsid_in, database_root_in, cache_size, shadow_ctx_in,
+                                      environment_of(shadow_ctx_in)) {}
+
+catalog_application_impl_shadow::catalog_application_impl_shadow(
+    unsigned int dsid_in, const std::string& database_root_in, unsigned int cache_size,
+    CatalogShadowContext* shadow_ctx_in, const dct::environment& env)
+    : catalog_application_base(dsid_in, database_root_in, cache_size),
+      shadow_ctx(shadow_ctx_in),
+      env_(env) {}
 
 // dir_lock goes first, then the base closes the cache.
 catalog_application_impl_shadow::~catalog_application_impl_shadow() = default;
@@ -131,7 +154,7 @@ bool catalog_application_impl_shadow::may_recover(cr_status_t status, const std:
     }
     // A helper called on its own, outside any public operation, is an
     // operation of its own.
-    if (operation_depth > 0 && operation_recovered) {
+    if (operation_recovered()) {
         __TraceA("%s: app db c %s p %s was recovered once in this operation", "may_recover",
                  client.c_str(), policy.c_str());
         return false;
@@ -143,7 +166,8 @@ cr_status_t catalog_application_impl_shadow::recover_db(const char* fn, cr_statu
                                                         const std::string& client,
                                                         const std::string& policy) {
     const std::string path = to_db_full_path(client, policy);
-    if (operation_depth > 0) operation_recovered = true;
+    // The context is the calling thread's own: no other thread touches it.
+    if (operation_context* operation = current_operation_()) operation->recovered = true;
     ErrorA(failure, "%s: db %s corrupt, to do recover from shadow", fn, path.c_str());
     // No handle on the old file may survive the recovery: the rebuilt file
     // replaces it under the same name.

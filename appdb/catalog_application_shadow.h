@@ -12,8 +12,11 @@
 //     (CatalogShadowContext::recover_unlocked) and tries the call once more.
 //
 // A public operation recovers at most once, even when it runs several
-// database calls (a lookup and a delete): a database that is still broken
-// after its recovery is reported, not recovered again.
+// database calls (a lookup and a delete) or calls other public operations of
+// the same object on its thread (a text query runs the record query): a
+// database that is still broken after its recovery is reported, not
+// recovered again. Operations of other threads have their own single
+// recovery.
 //
 // All shadow calls are made while the operation holds the directory lock of
 // the database, hence the "unlocked" forms. With no shadow context, backups
@@ -25,14 +28,17 @@
 #define APPDB_CATALOG_APPLICATION_SHADOW_H_
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "appdb/catalog_application_base.h"
 #include "catalog_shadow/DirectoryLock.h"
+#include "dct/environment.h"
 #include "dct/status.h"
 
 class CatalogShadowContext;
@@ -44,8 +50,13 @@ public:
     // `shadow_ctx` is not owned and may be null; when given it must outlive
     // this object. dir_lock starts empty (no lock taken); the factory, or
     // whoever builds the object directly, gives it its CatalogDirectoryLock.
+    // The first form runs on the context's environment (the process-wide
+    // defaults without a context), the second on a copy of `env`.
     catalog_application_impl_shadow(unsigned int dsid, const std::string& database_root,
                                      unsigned int cache_size, CatalogShadowContext* shadow_ctx);
+    catalog_application_impl_shadow(unsigned int dsid, const std::string& database_root,
+                                     unsigned int cache_size, CatalogShadowContext* shadow_ctx,
+                                     const dct::environment& env);
     // dir_lock goes first, then the base closes the cache; the shadow context
     // is left alone.
     ~catalog_application_impl_shadow() override;
@@ -110,6 +121,14 @@ public:
                                                 const std::string& image_name,
                                                 removal_check* check = nullptr);
 
+    // What this object runs with (given at construction, never changed).
+    const dct::environment& environment() const { return env_; }
+
+    // Whether the calling thread is inside a public operation of this object,
+    // and whether that operation has recovered its database already.
+    bool in_operation();
+    bool operation_recovered();
+
     std::unique_ptr<CatalogDirectoryLock> dir_lock;
     CatalogShadowContext* shadow_ctx;  // not owned; may be null
 
@@ -127,15 +146,32 @@ protected:
                             removal_check& check) override;
 
 private:
-    // Marks the extent of one public operation on the calling thread; the
-    // outermost one owns the operation's single recovery.
+    // One public operation: how deeply operations of this object are nested
+    // in it on its thread, and whether it has recovered its database.
+    struct operation_context {
+        int depth = 0;
+        bool recovered = false;
+    };
+
+    // Marks the extent of one public operation on the calling thread. The
+    // outermost scope owns the operation's context and makes it the thread's
+    // current one on this object; nested scopes only count.
     class operation_scope {
     public:
-        operation_scope();
+        explicit operation_scope(catalog_application_impl_shadow& app);
         ~operation_scope();
         operation_scope(const operation_scope&) = delete;
         operation_scope& operator=(const operation_scope&) = delete;
+
+    private:
+        catalog_application_impl_shadow& app_;
+        operation_context own_;     // used when this scope is the outermost
+        operation_context* context_;  // the operation this scope belongs to
     };
+
+    // The operation the calling thread runs on this object, or null outside
+    // any (a helper called on its own is an operation of its own).
+    operation_context* current_operation_();
 
     // The recovery step after a failed database call of operation `function`
     // that returned `status`: evicts the database from the cache and rebuilds
@@ -163,6 +199,12 @@ private:
 
     std::mutex adopted_mutex_;
     std::set<std::string> adopted_;  // directories given a first copy here
+
+    dct::environment env_;
+    // The running operation of each thread inside one; the contexts belong
+    // to their outermost scopes.
+    std::mutex operations_mutex_;
+    std::map<std::thread::id, operation_context*> operations_;
 };
 
 }  // namespace appdb

@@ -8,28 +8,28 @@ namespace appdb {
 
 cr_status_t catalog_application_impl_shadow::update_catalog(const char* user, unsigned int role,
                                                             const std::string& item_text) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return update_catalog_flow(dir_lock.get(), user, role, item_text);
 }
 
 cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
                                                           const std::string& query_text,
                                                           std::vector<app_catalog_item>& records) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return find_catalog_flow(dir_lock.get(), user, role, query_text, records);
 }
 
 cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
                                                           const std::string& query_text,
                                                           catalog_item_sink& sink) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return find_catalog_flow(dir_lock.get(), user, role, query_text, sink);
 }
 
 cr_status_t catalog_application_impl_shadow::find_catalog(const char* user, unsigned int role,
                                                           const std::string& query_text,
                                                           std::string& result) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return find_catalog_text_flow(user, role, query_text, result);
 }
 
@@ -38,7 +38,7 @@ cr_status_t catalog_application_impl_shadow::find_by_image_name(const std::strin
                                                                 const std::string& image_name,
                                                                 app_catalog_item& result,
                                                                 bool lock) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return find_by_image_name_flow(dir_lock.get(), client, policy, image_name, result, lock);
 }
 
@@ -47,7 +47,7 @@ cr_status_t catalog_application_impl_shadow::find_by_file_name(const std::string
                                                                const std::string& file_name,
                                                                app_catalog_item& result,
                                                                bool lock) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return find_by_file_name_flow(dir_lock.get(), client, policy, file_name, result, lock);
 }
 
@@ -56,7 +56,7 @@ cr_status_t catalog_application_impl_shadow::expire_catalog(const char* user, un
                                                             const std::string& policy,
                                                             const std::string& image_name,
                                                             bool lock) {
-    operation_scope operation;
+    operation_scope operation(*this);
     // Unlike the plain catalog's message, no blank before the comma.
     return expire_catalog_flow(dir_lock.get(), "%s: authenticate failed for user %s, app owner %s",
                                user, role, client, policy, image_name, lock);
@@ -64,7 +64,7 @@ cr_status_t catalog_application_impl_shadow::expire_catalog(const char* user, un
 
 cr_status_t catalog_application_impl_shadow::del_catalog(const char* user, unsigned int role,
                                                          const std::string& query_text) {
-    operation_scope operation;
+    operation_scope operation(*this);
     return del_catalog_flow(dir_lock.get(), user, role, query_text);
 }
 

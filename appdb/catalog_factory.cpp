@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "catalog_shadow/CatalogShadowCtx.h"
+#include "dct/environment.h"
 #include "dct/log.h"
 
 namespace appdb {
@@ -30,6 +32,16 @@ catalog_application* catalog_application_factory::create_catalog(unsigned int ds
                                                                   application_d_t type,
                                                                   CatalogShadowContext* shadow_ctx,
                                                                   unsigned int cache_size) {
+    return create_catalog(dsid, database_root, type, shadow_ctx, cache_size,
+                          environment_of(shadow_ctx));
+}
+
+catalog_application* catalog_application_factory::create_catalog(unsigned int dsid,
+                                                                  const std::string& database_root,
+                                                                  application_d_t type,
+                                                                  CatalogShadowContext* shadow_ctx,
+                                                                  unsigned int cache_size,
+                                                                  const dct::environment& env) {
     const char* const fn = "create_catalog";
     catalog_application* app = nullptr;
     try {
@@ -41,7 +53,7 @@ catalog_application* catalog_application_factory::create_catalog(unsigned int ds
         case APP_D_CATALOG_SHADOW:
             // The context stays the caller's.
             app = with_dir_lock(new (std::nothrow) catalog_application_impl_shadow(
-                dsid, database_root, cache_size, shadow_ctx));
+                dsid, database_root, cache_size, shadow_ctx, env));
             break;
         default:
             ErrorA(CR_STATUS_NONE, "%s: unsupported application type %d", fn,
