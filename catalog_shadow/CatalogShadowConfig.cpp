@@ -52,7 +52,8 @@ cr_status_t CatalogShadowContext::load_configurations() {
 
     // Read before anything can turn the feature off: the journal checks of
     // tools that inspect a shadow follow it too. A missing key, or a value
-    // that is no boolean (logged by the reader), leaves the switch as it was.
+    // that is no boolean (taken as unset, like the other switches here),
+    // leaves the switch as it was.
     bool disable_auto_fix = false;
     if (InifileGetBooleanA(file.c_str(), kPathsSection, kDisableAutoFixJournalKey, false, &disable_auto_fix) ==
         CR_STATUS_OK) {
