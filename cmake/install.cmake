@@ -52,12 +52,13 @@ endif()
 # The headers a service needs to embed the catalog, and nothing else: the
 # catalog interface and its factory, the item, the query texts and the
 # record sink, the shadow context with its proxies, the directory lock, the
-# status codes and the log. The other headers are the libraries' own; they may
+# status codes, the log and the environment a service runs with. The other headers are the libraries' own; they may
 # change without notice, so they are not installed. tests/consumer pins this
 # list and compiles every installed header on its own.
 set(KAVREL_PUBLIC_HEADERS
   dct/status.h
   dct/log.h
+  dct/environment.h
   catalog_shadow/DirectoryLock.h
   catalog_shadow/CatalogShadowCtx.h
   catalog_shadow/ConfigFileShadowProxy.h

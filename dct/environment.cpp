@@ -4,6 +4,7 @@
 
 #include "dct/clock.h"
 #include "dct/config.h"
+#include "dct/fault.h"
 #include "dct/sleep.h"
 
 namespace dct {

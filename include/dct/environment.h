@@ -26,9 +26,11 @@
 #include <functional>
 #include <optional>
 
-#include "dct/fault.h"
-
 namespace dct {
+
+// The file operations of the fault seam (dct/fault.h, a test seam that is not
+// installed).
+enum class fault_op;
 
 struct environment {
     // Milliseconds since the epoch; empty: dct::now_ms().
@@ -36,8 +38,9 @@ struct environment {
     // Sleeps the given number of seconds; empty: DctSleep.
     std::function<void(unsigned)> sleep;
     // The fault seam of the file operations made on this environment's
-    // behalf; empty: dct::fault_point (the process-wide hook).
-    fault_hook fault;
+    // behalf (returns 0, or the errno to fail with); empty: dct::fault_point
+    // (the process-wide hook).
+    std::function<int(fault_op op, const char* path)> fault;
     // SQLite busy timeout of new catalog connections, in milliseconds; unset:
     // the database layer's process-wide value.
     std::optional<int> busy_timeout_ms;
