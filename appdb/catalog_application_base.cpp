@@ -6,12 +6,13 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 
 namespace appdb {
 
-const char* const app_db_filename = "app.db";
+const char* const app_db_filename = dct::pool_layout::kAppDbFile;
 
-const std::string catalog_application::catalog_root_name_ = "application";
+const std::string catalog_application::catalog_root_name_ = dct::pool_layout::kApplicationDir;
 
 catalog_application::~catalog_application() = default;
 
@@ -24,9 +25,9 @@ catalog_application_base::catalog_application_base(unsigned int dsid_in,
       // A failed allocation leaves it null and is reported by the first
       // operation that needs it.
       cache(new (std::nothrow) appdb_cache(cache_size)),
-      db_type("appdb"),
+      db_type(dct::pool_layout::kAppdbType),
       database_root(database_root_in) {
-    app_root = database_root + "/" + catalog_root_name_ + "/" + std::to_string(dsid);
+    app_root = dct::pool_layout::application_store(database_root, dsid);
 }
 
 // The cache closes every connection it still holds when it is destroyed.
@@ -48,7 +49,7 @@ int catalog_application_base::busy_timeout_ms() { return catalog_store::busy_tim
 
 std::string catalog_application_base::to_db_full_path(const std::string& client,
                                                       const std::string& policy) const {
-    return app_root + "/" + client + "/" + policy;
+    return dct::pool_layout::catalog_dir(app_root, client, policy);
 }
 
 cr_status_t catalog_application_base::check_db_names(const char* function,

@@ -13,13 +13,10 @@
 #include "appdb/catalog_item_sink.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 #include "dct/status.h"
 
 namespace {
-
-// Literal components of a catalog directory path.
-const char kDatabasesDir[] = "databases";
-const char kApplicationDir[] = "application";
 
 // Open databases kept per data store while its directories are listed.
 const unsigned int kListCacheSize = 5;
@@ -114,54 +111,39 @@ appdb::catalog_application* OpList::parse_path(const std::string& path, std::str
 }
 
 bool parse_catalog_dir(const std::string& path, catalog_dir* out) {
-    const std::string databases_mark = std::string("/") + kDatabasesDir + "/";
-    const size_t mark = path.rfind(databases_mark);
-    if (mark == std::string::npos) {
-        __TraceA("path %s database root is not correct\n", path.c_str());
-        return false;
+    dct::pool_layout::catalog_dir_parts parts;
+    switch (dct::pool_layout::split_catalog_dir(path, &parts)) {
+        case dct::pool_layout::catalog_dir_error::none: break;
+        case dct::pool_layout::catalog_dir_error::no_databases:
+            __TraceA("path %s database root is not correct\n", path.c_str());
+            return false;
+        case dct::pool_layout::catalog_dir_error::no_application:
+            __TraceA("database_app_root=%s\n", parts.application.c_str());
+            return false;
+        case dct::pool_layout::catalog_dir_error::no_store_below: {
+            // Past the end there is no character; the string's terminator is shown.
+            const size_t start = parts.application.size() + 1;
+            __TraceA("path %s database_app_root %s %c\n", path.c_str(), parts.application.c_str(),
+                     path.c_str()[std::min(start, path.size())]);
+            return false;
+        }
+        case dct::pool_layout::catalog_dir_error::no_store_end:
+            __TraceA("path %s dsid is not correct\n", path.c_str());
+            return false;
+        case dct::pool_layout::catalog_dir_error::no_client_end:
+            __TraceA("path %s client is not correct\n", path.c_str());
+            return false;
+        case dct::pool_layout::catalog_dir_error::below_policy:
+            __TraceA("path %s policy is not correct\n", path.c_str());
+            return false;
     }
-
-    // DBROOT/databases, without the slash after it.
-    const std::string database_root = path.substr(0, mark + databases_mark.size() - 1);
-    const std::string app_root = database_root + "/" + kApplicationDir;
-    if (path.rfind(app_root) == std::string::npos) {
-        __TraceA("database_app_root=%s\n", app_root.c_str());
-        return false;
-    }
-
-    // The application root is a prefix of the path by construction, so the
-    // data-store id starts one past its end, after a "/".
-    const size_t start = app_root.size() + 1;
-    if (start >= path.size() || path[start - 1] != '/') {
-        // Past the end there is no character; the string's terminator is shown.
-        __TraceA("path %s database_app_root %s %c\n", path.c_str(), app_root.c_str(),
-                 path.c_str()[std::min(start, path.size())]);
-        return false;
-    }
-
-    const uint32_t dsid = static_cast<uint32_t>(atol(path.c_str() + start));
-
-    const size_t dsid_end = path.find('/', start);
-    if (dsid_end == std::string::npos) {
-        __TraceA("path %s dsid is not correct\n", path.c_str());
-        return false;
-    }
-    const size_t client_end = path.find('/', dsid_end + 1);
-    if (client_end == std::string::npos) {
-        __TraceA("path %s client is not correct\n", path.c_str());
-        return false;
-    }
-    if (path.find('/', client_end + 1) != std::string::npos) {
-        __TraceA("path %s policy is not correct\n", path.c_str());
-        return false;
-    }
-    out->dsid = dsid;
-    out->database_root = database_root;
-    out->client = path.substr(dsid_end + 1, client_end - dsid_end - 1);
-    out->policy = path.substr(client_end + 1);
+    out->dsid = parts.dsid;
+    out->database_root = parts.databases;
+    out->client = parts.client;
+    out->policy = parts.policy;
 
     __TraceA("client %s policy %s dsid %u database_root %s\n", out->client.c_str(),
-             out->policy.c_str(), dsid, database_root.c_str());
+             out->policy.c_str(), out->dsid, out->database_root.c_str());
     return true;
 }
 

@@ -21,6 +21,7 @@
 #include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 
 namespace {
 
@@ -86,7 +87,7 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
         // The newest version may be another process's.
         shadow->refresh_from_disk(type, true);
 
-        const std::string source = dir + "/" + PODBShadow::db_file_name(type);
+        const std::string source = dct::pool_layout::db_file_in(dir, type);
         tmp = temporary_copy(*shadow, type);
         if (wa_access(source, 0) != 0) {
             ErrorA(CR_STATUS_MISSING, "%s: %s doesn't exist!", "backup_unlocked", source.c_str());

@@ -5,6 +5,7 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/inifile.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 
 namespace {
 
@@ -35,11 +36,9 @@ bool read_path(const std::string& file, const char* section, const char* key, st
     return true;
 }
 
-// storage "/" "catalogshadow"
+// The layout's default, cut to what a configured value can hold.
 std::string default_shadow_root(const std::string& storage) {
-    char buf[kValueBufferSize];
-    snprintf(buf, sizeof(buf), "%s%s%s", storage.c_str(), "/", "catalogshadow");
-    return buf;
+    return dct::pool_layout::default_shadow_root(storage).substr(0, kValueBufferSize - 1);
 }
 
 }  // namespace

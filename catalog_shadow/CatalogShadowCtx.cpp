@@ -7,14 +7,7 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
-
-namespace {
-
-bool starts_with(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
+#include "dct/pool_layout.h"
 
 CatalogShadowProxy::~CatalogShadowProxy() {}
 
@@ -95,33 +88,21 @@ cr_status_t CatalogShadowContext::check_identity() {
 }
 
 std::string CatalogShadowContext::real_to_shadow_path(const std::string& real) {
-    const std::string podb_root = podb_root_();
-    const std::string app_root = app_db_root_();
-    std::string root = "unknown cat root";
-    bool known = false;
-    if (!podb_root.empty() && starts_with(real, podb_root)) {
-        root = podb_root;
-        known = true;
-    } else if (!app_root.empty() && starts_with(real, app_root)) {
-        root = app_root;
-        known = true;
-    }
-    if (!known) {
+    std::string shadow;
+    if (!dct::pool_layout::real_to_shadow(real, podb_root_(), app_db_root_(), shadow_path, &shadow)) {
         ErrorA(CR_STATUS_NONE, "%s: %s is an invalid podb directory path.", "real_to_shadow_path", real.c_str());
         return std::string();
     }
-    const std::string shadow = shadow_path + real.substr(root.size());
     __TraceA("Real2Shadow: %s  ==>  %s", real.c_str(), shadow.c_str());
     return shadow;
 }
 
 std::string CatalogShadowContext::shadow_to_real_path(const std::string& shadow, const std::string& type) {
-    const std::string root = type == PODBShadow::_appdb_type_ ? app_db_root_() : podb_root_();
-    if (shadow_path.empty() || !starts_with(shadow, shadow_path)) {
+    std::string real;
+    if (!dct::pool_layout::shadow_to_real(shadow, type, podb_root_(), app_db_root_(), shadow_path, &real)) {
         ErrorA(CR_STATUS_NONE, "%s: %s is an invalid shadow directory path.", "shadow_to_real_path", shadow.c_str());
         return std::string();
     }
-    const std::string real = root + shadow.substr(shadow_path.size());
     __TraceA("Shadow2Real: %s  ==>  %s", shadow.c_str(), real.c_str());
     return real;
 }

@@ -5,14 +5,13 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 
 CatalogShadowIdentity::CatalogShadowIdentity(const char* dir) : dir_(dir != nullptr ? dir : "") {
-    file_ = dir_;
-    if (file_.empty() || file_[file_.size() - 1] != '/') file_ += "/";
-    file_ += the_file_name();
+    file_ = dct::pool_layout::identity_file(dir_);
 }
 
-const char* CatalogShadowIdentity::the_file_name() { return ".catalog_shadow_identity"; }
+const char* CatalogShadowIdentity::the_file_name() { return dct::pool_layout::kIdentityFile; }
 
 bool CatalogShadowIdentity::identity_exist() const { return wa_access(file_, 0) == 0; }
 

@@ -8,6 +8,7 @@
 #include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/podb_names.h"
+#include "dct/pool_layout.h"
 
 bool OpCatalogBase::is_same_file(const std::string& a, const std::string& b) {
     return boost::algorithm::equals(a, b, boost::algorithm::is_iequal());
@@ -47,7 +48,7 @@ int OpRecoverCatalog::operator()(const DirItem& item) {
     try {
         const std::string dir = context_->shadow_to_real_path(item.dir, *type);
         if (dir.empty()) throw "bad parameter";  // logged by the mapping
-        const std::string db = dir + "/" + PODBShadow::db_file_name(*type);
+        const std::string db = dct::pool_layout::db_file_in(dir, *type);
         if (wa_access(db, 0) == 0) return 0;
 
         boost::shared_ptr<PODBShadow> shadow = context_->pool->get(dir);

@@ -3,7 +3,7 @@
 #include "catalog_shadow/PODBShadowPool.h"
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "dct/podb_names.h"
+#include "dct/pool_layout.h"
 
 PODBShadowPool::PODBShadowPool(CatalogShadowContext* context, int64_t size) : context_(context), size_(size) {}
 
@@ -41,7 +41,7 @@ boost::shared_ptr<PODBShadow> PODBShadowPool::get(const std::string& dir) {
     // Logged by the mapping; the public operation above reports it.
     if (shadow_dir.empty()) throw "invalid PODB path";
     boost::shared_ptr<PODBShadow> shadow(new PODBShadow(context_, dir, shadow_dir));
-    if (wa_access(dir + "/" + SQLiteULDB::dbfilename, 0) == 0) {
+    if (wa_access(dct::pool_layout::db_file_in(dir, dct::pool_layout::kUldbType), 0) == 0) {
         __TraceA("New ULDB shadow for %s", dir.c_str());
     } else {
         __TraceA("New PODB shadow for %s", dir.c_str());

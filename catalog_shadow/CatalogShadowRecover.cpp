@@ -23,6 +23,7 @@
 #include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace {
@@ -54,7 +55,7 @@ cr_status_t set_aside_companions(PODBShadow& shadow, const std::string& type, co
         if (dir.empty()) {
             cr_status_t status = shadow.new_backup_dir(type, &dir);
             if (status != CR_STATUS_OK) return status;
-            const std::string kept = dir + "/" + PODBShadow::db_file_name(type);
+            const std::string kept = dct::pool_layout::db_file_in(dir, type);
             if (wa_access(real, 0) == 0 && ::link(real.c_str(), kept.c_str()) != 0) {
                 __TraceA("%s: %s stays where it is (%s); its companions are set aside without it", "recover_unlocked",
                          real.c_str(), strerror(errno));
@@ -93,7 +94,7 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
     // Versions and journals may have changed in another process.
     shadow->refresh_from_disk(type, true);
 
-    const std::string real = dir + "/" + PODBShadow::db_file_name(type);
+    const std::string real = dct::pool_layout::db_file_in(dir, type);
     const std::string target = real + ".tmp";
     cr_status_t status = CR_STATUS_OK;
     if (wa_access(dir, 0) != 0 && wa_createtree_synced(dir, dct::private_dir_mode) != 0) {

@@ -1,15 +1,14 @@
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 
-const char kPoTreeBelowRoot[] = "/databases/po";
-const char kApplicationTreeBelowRoot[] = "/databases/application";
+#include "dct/pool_layout.h"
 
 ConfigFileShadowProxy::ConfigFileShadowProxy(const std::string& config_file,
                                              const std::string& database_root)
     : config_file_(config_file) {
     std::string root = database_root;
     if (!root.empty() && root[root.size() - 1] == '/') root.erase(root.size() - 1);
-    podb_root_ = root + kPoTreeBelowRoot;
-    app_db_root = root + kApplicationTreeBelowRoot;
+    podb_root_ = dct::pool_layout::po_root(root);
+    app_db_root = dct::pool_layout::application_root(root);
 }
 
 void ConfigFileShadowProxy::on_identity_missing(const std::string& identity_file) {

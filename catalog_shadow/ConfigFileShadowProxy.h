@@ -12,10 +12,6 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 
-// Where the PO/UL and the application databases lie below the database root.
-extern const char kPoTreeBelowRoot[];           // "/databases/po"
-extern const char kApplicationTreeBelowRoot[];  // "/databases/application"
-
 class ConfigFileShadowProxy : public CatalogShadowProxy {
 public:
     // `database_root` may end in "/" (one is dropped).

@@ -12,11 +12,11 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "dct/podb_names.h"
+#include "dct/pool_layout.h"
 
-const char* const shadow_type_podb = "podb";
-const char* const shadow_type_uldb = "uldb";
-const char* const shadow_type_appdb = "appdb";
+const char* const shadow_type_podb = dct::pool_layout::kPodbType;
+const char* const shadow_type_uldb = dct::pool_layout::kUldbType;
+const char* const shadow_type_appdb = dct::pool_layout::kAppdbType;
 
 const std::string PODBShadow::_podb_type_ = shadow_type_podb;
 const std::string PODBShadow::_uldb_type_ = shadow_type_uldb;
@@ -49,12 +49,7 @@ PODBShadow::~PODBShadow() {}
 
 std::string PODBShadow::chksum_file(const std::string& type) { return ".chksum." + type; }
 
-std::string PODBShadow::db_file_name(const std::string& type) {
-    if (type == _podb_type_) return SQLitePODB::dbfilename;
-    if (type == _uldb_type_) return SQLiteULDB::dbfilename;
-    if (type == _appdb_type_) return "app.db";
-    return "";
-}
+std::string PODBShadow::db_file_name(const std::string& type) { return dct::pool_layout::db_file_of_type(type); }
 
 bool PODBShadow::is_valid_type(const std::string& type) {
     return type == _podb_type_ || type == _uldb_type_ || type == _appdb_type_;

@@ -1,4 +1,6 @@
 #include "dct/podb_names.h"
 
-const char* const SQLitePODB::dbfilename = "po.db";
-const char* const SQLiteULDB::dbfilename = "ul.db";
+#include "dct/pool_layout.h"
+
+const char* const SQLitePODB::dbfilename = dct::pool_layout::kPoDbFile;
+const char* const SQLiteULDB::dbfilename = dct::pool_layout::kUlDbFile;

@@ -28,6 +28,7 @@
 #include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 #include "tool/offsite_internal.h"
 #include "tool/shadow_export.h"
 #include "tool/shadow_export_files.h"
@@ -175,7 +176,7 @@ void restore_one(CatalogShadowContext& context, const std::string& shadow_root, 
     t.shadow_dir = shadow_root + "/" + db.relative;
     t.dir = context.shadow_to_real_path(t.shadow_dir, t.type);
     if (t.dir.empty()) t.dir = db.target.dir;
-    t.db_path = t.dir + "/" + PODBShadow::db_file_name(t.type);
+    t.db_path = dct::pool_layout::db_file_in(t.dir, t.type);
     out->rows_known = db.rows_known;
     out->rows_expected = db.rows;
 

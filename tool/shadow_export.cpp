@@ -19,6 +19,7 @@
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 #include "tool/json_text.h"
 #include "tool/shadow_export_files.h"
 #include "tool/shadow_inspect.h"
@@ -30,12 +31,7 @@ namespace {
 
 // The pool's database root, from the application root the context was given.
 std::string database_root(const CatalogShadowContext& context) {
-    const std::string& app = context.proxy->app_db_root;
-    const size_t n = strlen(kApplicationTreeBelowRoot);
-    if (app.size() >= n && app.compare(app.size() - n, n, kApplicationTreeBelowRoot) == 0) {
-        return app.substr(0, app.size() - n);
-    }
-    return app;
+    return dct::pool_layout::dbroot_of_application_root(context.proxy->app_db_root);
 }
 
 // Whether `path` is `root` or lies below it.

@@ -11,6 +11,7 @@
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 #include "tool/shadow_export.h"
 #include "tool/shadow_export_files.h"
 #include "tool/shadow_inspect.h"
@@ -99,7 +100,7 @@ cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::v
         r.target = db.target;
         // No live file in an export: the inspection plans and rehearses a
         // recovery from the export's own versions.
-        r.target.db_path = db.target.shadow_dir + "/" + PODBShadow::db_file_name(db.target.type);
+        r.target.db_path = dct::pool_layout::db_file_in(db.target.shadow_dir, db.target.type);
         check_files(db, &r);
         inspect_database(depth, &r);
         r.problems.erase(std::remove_if(r.problems.begin(), r.problems.end(),

@@ -8,6 +8,7 @@
 #include "dct/fileutil.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 
 namespace kshadow {
 
@@ -107,7 +108,7 @@ bool starts_with(const std::string& text, const std::string& prefix) {
 bool make_target(CatalogShadowContext& context, const std::string& dir, const std::string& type, Target* t) {
     t->dir = dir;
     t->type = type;
-    t->db_path = dir + "/" + PODBShadow::db_file_name(type);
+    t->db_path = dct::pool_layout::db_file_in(dir, type);
     t->shadow_dir = context.real_to_shadow_path(dir);
     return !t->shadow_dir.empty();  // else logged by real_to_shadow_path
 }
