@@ -15,6 +15,7 @@
 #define APPDB_APPDB_CACHE_H_
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <map>
 #include <memory>
@@ -32,6 +33,12 @@ namespace appdb {
 struct appdb_value {
     std::unique_ptr<catalog_store> store;
     unsigned long time_visit;  // last hand-out or return, ms since the epoch (dct::now_ms)
+    // The file the store has open, as its directory named it when the store
+    // was last found not moved: later checks look its name up in the locked
+    // directory's descriptor and compare, instead of resolving the whole path.
+    bool identity_known = false;
+    dev_t file_dev = 0;
+    ino_t file_ino = 0;
 };
 
 class appdb_cache {

@@ -5,12 +5,40 @@
 
 #include <errno.h>
 #include <string.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "dct/fs.h"
 #include "dct/log.h"
 
 namespace appdb {
+
+namespace {
+
+// Whether the file `value`'s store has open is no longer the one `leaf` names
+// in its directory (another process replaced or removed it). `dir_fd` is the
+// directory's descriptor held by this thread's lock, or -1. With it and a
+// known identity the check is one fstatat in the directory; otherwise the
+// store asks by the whole path, and a store found in place has its identity
+// recorded (looked up before the store's check, so that it is the identity of
+// the file the store has open).
+bool store_has_moved(appdb_value& value, int dir_fd, const std::string& leaf) {
+    struct stat st;
+    if (dir_fd >= 0 && value.identity_known) {
+        if (fstatat(dir_fd, leaf.c_str(), &st, 0) != 0) return true;
+        return st.st_dev != value.file_dev || st.st_ino != value.file_ino;
+    }
+    const bool listed = dir_fd >= 0 && fstatat(dir_fd, leaf.c_str(), &st, 0) == 0;
+    if (value.store->has_moved()) return true;
+    if (listed) {
+        value.identity_known = true;
+        value.file_dev = st.st_dev;
+        value.file_ino = st.st_ino;
+    }
+    return false;
+}
+
+}  // namespace
 
 cr_status_t catalog_application_base::create_db(const std::string& client,
                                                 const std::string& policy) {
@@ -83,7 +111,9 @@ cr_status_t catalog_application_base::open_db_with_cached(const std::string& cli
     *value = nullptr;
     if (cache) {
         *value = cache->get_db(key);
-        if (*value != nullptr && !(*value)->store->has_moved()) return CR_STATUS_OK;
+        if (*value != nullptr &&
+            !store_has_moved(**value, CatalogDirectoryLock::held_descriptor(key), db_name))
+            return CR_STATUS_OK;
         if (*value != nullptr) {
             // Another process replaced the file (a recovery renames a rebuilt
             // one over it) or removed it: nothing may be written to a file that

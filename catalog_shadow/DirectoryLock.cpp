@@ -48,12 +48,27 @@ using dir_key = CatalogDirectoryLock::dir_key;
 using steady = std::chrono::steady_clock;
 
 // A directory some thread of this process holds: the descriptor carrying the
-// flock and how many Lock calls of that thread it stands for.
+// flock, the path it was opened by and how many Lock calls of that thread it
+// stands for.
 struct holder {
     std::thread::id owner;
     unsigned long depth;
     int fd;
+    std::string path;
 };
+
+// A descriptor of a directory nobody holds, kept open after its unlock so that
+// the next lock of the same path needs no open, fstat and close. It carries no
+// flock; whoever takes it out is its only user until it is given back.
+struct idle_descriptor {
+    std::string path;
+    dir_key key;
+    int fd;
+};
+
+// How many unlocked descriptors the process keeps: enough for the databases a
+// service works on at once; a walk over many catalogs closes the rest.
+const size_t kIdleLimit = 16;
 
 void forget_after_fork();
 void hold_for_fork();
@@ -73,6 +88,11 @@ std::map<dir_key, holder>& table() {
         return new std::map<dir_key, holder>;
     }();
     return *t;
+}
+// Unlocked descriptors, oldest first; guarded by table_mutex().
+std::vector<idle_descriptor>& idle() {
+    static std::vector<idle_descriptor>* i = new std::vector<idle_descriptor>;
+    return *i;
 }
 
 // What one Lock call acquired, for the object that made it: the directories
@@ -108,10 +128,13 @@ void release_after_fork() {
 }
 
 // In the child: close the inherited descriptors without unlocking (an unlock
-// would end the parent's lock too) and forget every hold.
+// would end the parent's lock too) and forget every hold. The idle ones go too:
+// a flock on a description shared with the parent would not exclude it.
 void forget_after_fork() {
     for (auto& entry : table()) ::close(entry.second.fd);
     table().clear();
+    for (const idle_descriptor& d : idle()) ::close(d.fd);
+    idle().clear();
     frames().clear();
     release_after_fork();
 }
@@ -157,6 +180,33 @@ bool count_up(const dir_key& key) {
     return true;
 }
 
+// Keeps an unlocked descriptor of `path` for the next lock; when enough are
+// kept, the one kept longest is closed. Runs with the table mutex held.
+void keep_idle(const std::string& path, const dir_key& key, int fd) {
+    if (idle().size() >= kIdleLimit) {
+        ::close(idle().front().fd);
+        idle().erase(idle().begin());
+    }
+    try {
+        idle().push_back(idle_descriptor{path, key, fd});
+    } catch (const std::bad_alloc&) {
+        ::close(fd);
+    }
+}
+
+// Takes a kept descriptor of `path` out, newest first; false when none is kept.
+bool take_idle(const std::string& path, int* fd, dir_key* key) {
+    std::lock_guard<std::mutex> guard(table_mutex());
+    for (auto it = idle().rbegin(); it != idle().rend(); ++it) {
+        if (it->path != path) continue;
+        *fd = it->fd;
+        *key = it->key;
+        idle().erase(std::next(it).base());
+        return true;
+    }
+    return false;
+}
+
 void release(const dir_key& key) {
     std::lock_guard<std::mutex> guard(table_mutex());
     auto it = table().find(key);
@@ -165,35 +215,41 @@ void release(const dir_key& key) {
     // Unlocked and erased under the table mutex: a thread that gets the flock
     // next finds the entry gone when it registers.
     ::flock(it->second.fd, LOCK_UN);
-    ::close(it->second.fd);
+    keep_idle(it->second.path, key, it->second.fd);
     table().erase(it);
 }
 
-enum class acquire_result { held, retry, failed };
+enum class acquire_result { held, retry, missing, failed };
 
 // Takes `target` for the calling thread: counts up when it holds it already,
-// else opens and flocks it, waiting until `deadline`. After the flock, checks
-// that the descriptor is still the directory at `target` (it may have been
-// removed or replaced while we waited); when not, lets go and asks for a retry.
+// else flocks a kept descriptor of it or one opened now, waiting until
+// `deadline`. After the flock, checks that the descriptor is still the
+// directory at `target` (it may have been removed or replaced while we waited,
+// or while the descriptor was kept); when not, lets go and asks for a retry.
+// `missing`: nothing at `target` is a directory.
 acquire_result acquire(const std::string& target, steady::time_point deadline, dir_key* key,
                        cr_status_t* status) {
-    const int fd = ::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return acquire_result::retry;
-        *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
-        ErrorA(*status, "Failed to open directory %s to lock it", target.c_str());
-        return acquire_result::failed;
+    int fd = -1;
+    if (!take_idle(target, &fd, key)) {
+        fd = ::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0) {
+            if (errno == ENOENT || errno == ENOTDIR) return acquire_result::missing;
+            *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
+            ErrorA(*status, "Failed to open directory %s to lock it", target.c_str());
+            return acquire_result::failed;
+        }
+        struct stat opened;
+        if (::fstat(fd, &opened) != 0) {
+            *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
+            ErrorA(*status, "Failed to stat directory %s to lock it", target.c_str());
+            ::close(fd);
+            return acquire_result::failed;
+        }
+        *key = dir_key(opened.st_dev, opened.st_ino);
     }
-    struct stat held;
-    if (::fstat(fd, &held) != 0) {
-        *status = _crMapError("CatalogDirectoryLock::Lock", __FILE__, __LINE__);
-        ErrorA(*status, "Failed to stat directory %s to lock it", target.c_str());
-        ::close(fd);
-        return acquire_result::failed;
-    }
-    *key = dir_key(held.st_dev, held.st_ino);
     if (count_up(*key)) {
-        ::close(fd);
+        std::lock_guard<std::mutex> guard(table_mutex());
+        keep_idle(target, *key, fd);
         return acquire_result::held;
     }
     auto pause = kFirstPoll;
@@ -215,13 +271,20 @@ acquire_result acquire(const std::string& target, steady::time_point deadline, d
         pause = std::min(pause * 2, kLongestPoll);
     }
     struct stat now;
-    if (!stat_dir(target, &now) || now.st_dev != held.st_dev || now.st_ino != held.st_ino) {
+    if (!stat_dir(target, &now) || now.st_dev != key->first || now.st_ino != key->second) {
         ::flock(fd, LOCK_UN);
         ::close(fd);
         return acquire_result::retry;
     }
     std::lock_guard<std::mutex> guard(table_mutex());
-    table()[*key] = holder{std::this_thread::get_id(), 1, fd};
+    try {
+        table()[*key] = holder{std::this_thread::get_id(), 1, fd, target};
+    } catch (const std::bad_alloc&) {
+        ::close(fd);
+        *status = CR_STATUS_NOMEM;
+        ErrorA(*status, "Failed to lock directory %s", target.c_str());
+        return acquire_result::failed;
+    }
     return acquire_result::held;
 }
 
@@ -273,13 +336,21 @@ namespace {
 cr_status_t take(const std::string& dir, bool allow_ancestor, dir_key* key, bool* ancestor) {
     const steady::time_point deadline =
         steady::now() + std::chrono::milliseconds(CatalogDirectoryLock::wait_limit_ms());
+    const std::string path = dir.empty() ? std::string(".") : dir;
     for (;;) {
-        const std::string target = lock_target(dir, ancestor);
-        if (*ancestor && !allow_ancestor) return CR_STATUS_MISSING;
+        // The directory itself first; only when it is missing is its nearest
+        // existing ancestor looked for.
+        *ancestor = false;
         cr_status_t status = CR_STATUS_OK;
-        const acquire_result result = acquire(target, deadline, key, &status);
+        acquire_result result = acquire(path, deadline, key, &status);
+        if (result == acquire_result::missing) {
+            const std::string target = lock_target(dir, ancestor);
+            if (!*ancestor) continue;  // made meanwhile
+            if (!allow_ancestor) return CR_STATUS_MISSING;
+            result = acquire(target, deadline, key, &status);
+        }
         if (result == acquire_result::failed) return status;
-        if (result == acquire_result::retry) continue;
+        if (result != acquire_result::held) continue;
         if (*ancestor) {
             // Someone may have created the directory while we waited; then it
             // is the directory that must be locked.
@@ -296,6 +367,20 @@ cr_status_t take(const std::string& dir, bool allow_ancestor, dir_key* key, bool
 }  // namespace
 
 cr_status_t CatalogDirectoryLock::Lock(const std::string& dir, unsigned int) {
+    const frame_owner who(std::this_thread::get_id(), dir);
+    {
+        // A thread that holds `dir` itself already (an outer lock of the same
+        // path) only counts up: no system call, no second flock.
+        std::lock_guard<std::mutex> guard(frames_mutex());
+        auto it = frames().find(who);
+        if (it != frames().end()) {
+            for (const frame& f : it->second) {
+                if (f.on_ancestor || f.keys.empty() || !count_up(f.keys.back())) continue;
+                it->second.push_back(frame{this, std::vector<dir_key>(1, f.keys.back()), false});
+                return CR_STATUS_OK;
+            }
+        }
+    }
     dir_key key;
     bool ancestor = false;
     const cr_status_t status = take(dir, true, &key, &ancestor);
@@ -304,6 +389,20 @@ cr_status_t CatalogDirectoryLock::Lock(const std::string& dir, unsigned int) {
     frames()[frame_owner(std::this_thread::get_id(), dir)].push_back(
         frame{this, std::vector<dir_key>(1, key), ancestor});
     return CR_STATUS_OK;
+}
+
+int CatalogDirectoryLock::held_descriptor(const std::string& dir) {
+    std::lock_guard<std::mutex> frames_guard(frames_mutex());
+    auto it = frames().find(frame_owner(std::this_thread::get_id(), dir));
+    if (it == frames().end()) return -1;
+    for (const frame& f : it->second) {
+        if (f.on_ancestor || f.keys.empty()) continue;
+        std::lock_guard<std::mutex> guard(table_mutex());
+        auto held = table().find(f.keys.back());
+        if (held != table().end() && held->second.owner == std::this_thread::get_id())
+            return held->second.fd;
+    }
+    return -1;
 }
 
 cr_status_t CatalogDirectoryLock::LockCreated(const std::string& dir) {

@@ -54,7 +54,11 @@ public:
 // exclusive flock on a descriptor of `dir` opened read-only, so it needs only
 // read access, creates no file and is released by the kernel when the process
 // dies. Each acquisition has its own open file description: two lock objects,
-// two threads or two processes exclude each other alike.
+// two threads or two processes exclude each other alike. After an unlock the
+// descriptor is kept open (a few per process, the oldest closed first), so
+// that locking the same path again costs a flock and a stat of the path (which
+// notices a directory removed or replaced meanwhile) instead of opening it;
+// a nested Lock of a path the thread holds costs no system call at all.
 //
 // - Re-entrant per thread: a thread that already holds a directory (through any
 //   CatalogDirectoryLock object) only counts up; each Unlock releases what the
@@ -99,6 +103,13 @@ public:
     // that nobody enters the new directory before its creator is done. Does
     // nothing (0) when this thread holds no such lock. Statuses as Lock.
     static cr_status_t LockCreated(const std::string& dir);
+
+    // The descriptor of `dir` that the calling thread holds locked (taken by
+    // this very path, not through an ancestor), or -1. It stays the lock's:
+    // valid until the thread's last lock of `dir` ends; never to be closed or
+    // unlocked by the caller. Lets whoever works in the directory look at its
+    // entries without resolving the whole path again (fstatat).
+    static int held_descriptor(const std::string& dir);
 
     // (st_dev, st_ino) of a locked directory.
     using dir_key = std::pair<dev_t, ino_t>;

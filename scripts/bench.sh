@@ -16,6 +16,8 @@
 #   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
 #                    (finer-grained views of single operations)
 #   BENCH_FIND_ONLY=1  only the kavrel-find comparisons (and the table)
+#   BENCH_SYSCALLS=1 afterwards, also the system calls per operation beside the
+#                    baselines (scripts/bench_syscalls.sh; needs strace)
 #   BENCH_OFFSITE=0  leave out the off-site copy (scripts/bench_offsite.sh, which
 #                    has its own settings; it needs restic)
 #
@@ -373,6 +375,13 @@ fi  # FIND_ONLY
 } > "$TABLE"
 echo
 cat "$TABLE"
+
+# ---- system calls per operation, on request ----
+
+if [ "${BENCH_SYSCALLS:-0}" = 1 ]; then
+  echo
+  BUILD_DIR="$BUILD_DIR" BENCH_DATA="$DATA/syscalls" bash scripts/bench_syscalls.sh | tee "$BUILD_DIR/bench-syscalls.txt"
+fi
 
 # ---- the Google Benchmark programs, on request ----
 

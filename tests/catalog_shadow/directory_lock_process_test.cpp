@@ -289,3 +289,133 @@ TEST(CatalogDirectoryLockProcess, DirectoryReplacedWhileWaitingIsLockedAnew) {
     done = true;
     waiter.join();
 }
+
+// An unlocked directory keeps its descriptor for the next lock of the path;
+// what that descriptor stands for is checked against the path every time.
+
+TEST(CatalogDirectoryLockProcess, KeptDescriptorStillExcludesAnotherProcess) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock lock;
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(lock.Lock(tmp.path(), 2), CR_STATUS_OK);
+        EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_BUSY)) << round;
+        ASSERT_EQ(lock.Unlock(tmp.path(), 2), CR_STATUS_OK);
+        // The kept descriptor carries no lock.
+        EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK)) << round;
+    }
+}
+
+TEST(CatalogDirectoryLockProcess, AForkedChildDoesNotShareAKeptDescriptor) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(tmp.path(), 2), CR_STATUS_OK);
+    ASSERT_EQ(lock.Unlock(tmp.path(), 2), CR_STATUS_OK);
+    // The child holds the directory while the parent tries it: had the child
+    // used the parent's kept descriptor (one open file description), the
+    // parent's flock on it would succeed.
+    int ready[2];
+    int done[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(done), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        CatalogDirectoryLock mine;
+        const cr_status_t status = mine.Lock(tmp.path(), 2);
+        char c = status == CR_STATUS_OK ? 'y' : 'n';
+        if (write(ready[1], &c, 1) != 1) _exit(3);
+        if (read(done[0], &c, 1) != 1) _exit(4);
+        if (status == CR_STATUS_OK) mine.Unlock(tmp.path(), 2);
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    EXPECT_EQ(c, 'y');
+    {
+        WaitLimit limit(50);
+        CatalogDirectoryLock parent;
+        const cr_status_t status = parent.Lock(tmp.path(), 2);
+        EXPECT_EQ(status, CR_STATUS_BUSY);
+        if (status == CR_STATUS_OK) parent.Unlock(tmp.path(), 2);
+    }
+    ASSERT_EQ(write(done[1], "x", 1), 1);
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0);
+    for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
+    EXPECT_EQ(lock.Lock(tmp.path(), 2), CR_STATUS_OK);
+    EXPECT_EQ(lock.Unlock(tmp.path(), 2), CR_STATUS_OK);
+}
+
+TEST(CatalogDirectoryLockProcess, DirectoryReplacedWhileItsDescriptorWasKeptIsLockedAnew) {
+    kt::TempDir tmp;
+    const std::string dir = tmp.file("d");
+    ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(dir, 2), CR_STATUS_OK);
+    ASSERT_EQ(lock.Unlock(dir, 2), CR_STATUS_OK);
+    ASSERT_EQ(rename(dir.c_str(), tmp.file("old").c_str()), 0);
+    ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+    ASSERT_EQ(lock.Lock(dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(dir, 50), static_cast<int>(CR_STATUS_BUSY));
+    EXPECT_EQ(child_lock_status(tmp.file("old"), 50), static_cast<int>(CR_STATUS_OK));
+    ASSERT_EQ(lock.Unlock(dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(dir, 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, DirectoryRemovedWhileItsDescriptorWasKeptLocksItsAncestor) {
+    kt::TempDir tmp;
+    const std::string dir = tmp.file("d");
+    ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(dir, 2), CR_STATUS_OK);
+    ASSERT_EQ(lock.Unlock(dir, 2), CR_STATUS_OK);
+    ASSERT_EQ(rmdir(dir.c_str()), 0);
+    ASSERT_EQ(lock.Lock(dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_BUSY));
+    ASSERT_EQ(lock.Unlock(dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, NestedLockOfAHeldPathIsCountedUntilTheOutermostEnds) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock a;
+    CatalogDirectoryLock b;
+    ASSERT_EQ(a.Lock(tmp.path(), 2), CR_STATUS_OK);
+    const int fd = CatalogDirectoryLock::held_descriptor(tmp.path());
+    for (int depth = 0; depth < 3; ++depth) ASSERT_EQ(b.Lock(tmp.path(), 2), CR_STATUS_OK);
+    // One descriptor, one flock: the nested locks take nothing more.
+    EXPECT_EQ(CatalogDirectoryLock::held_descriptor(tmp.path()), fd);
+    for (int depth = 0; depth < 3; ++depth) {
+        ASSERT_EQ(b.Unlock(tmp.path(), 2), CR_STATUS_OK);
+        EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_BUSY)) << depth;
+    }
+    ASSERT_EQ(a.Unlock(tmp.path(), 2), CR_STATUS_OK);
+    EXPECT_EQ(child_lock_status(tmp.path(), 50), static_cast<int>(CR_STATUS_OK));
+}
+
+TEST(CatalogDirectoryLockProcess, HeldDescriptorIsTheLockedDirectoryOfThisThreadOnly) {
+    kt::TempDir tmp;
+    const std::string dir = tmp.file("d");
+    ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+    EXPECT_EQ(CatalogDirectoryLock::held_descriptor(dir), -1);
+    CatalogDirectoryLock lock;
+    ASSERT_EQ(lock.Lock(dir, 2), CR_STATUS_OK);
+    const int fd = CatalogDirectoryLock::held_descriptor(dir);
+    ASSERT_GE(fd, 0);
+    struct stat by_fd;
+    struct stat by_path;
+    ASSERT_EQ(fstat(fd, &by_fd), 0);
+    ASSERT_EQ(stat(dir.c_str(), &by_path), 0);
+    EXPECT_EQ(by_fd.st_dev, by_path.st_dev);
+    EXPECT_EQ(by_fd.st_ino, by_path.st_ino);
+    int other_thread = 0;
+    std::thread([&]() { other_thread = CatalogDirectoryLock::held_descriptor(dir); }).join();
+    EXPECT_EQ(other_thread, -1);
+    ASSERT_EQ(lock.Unlock(dir, 2), CR_STATUS_OK);
+    EXPECT_EQ(CatalogDirectoryLock::held_descriptor(dir), -1);
+    // A missing directory is held through its ancestor: no descriptor of its own.
+    const std::string missing = tmp.file("m/n");
+    ASSERT_EQ(lock.Lock(missing, 2), CR_STATUS_OK);
+    EXPECT_EQ(CatalogDirectoryLock::held_descriptor(missing), -1);
+    ASSERT_EQ(lock.Unlock(missing, 2), CR_STATUS_OK);
+}
