@@ -7,6 +7,10 @@
 // exec() (through on_db_error) throws db_exception with status 67;
 // the transaction calls and the close sequence catch it and return its status.
 //
+// The connection inside is a sqlitedb::connection (sqlitedb/connection.h),
+// opened in create mode with the process-wide busy timeout; `handle` mirrors
+// its database handle.
+//
 // A wrapper is not locked: one thread uses it at a time. Contention between
 // connections is met by SQLite's busy timeout (10000 ms per statement), by the
 // transaction retries (60 tries, one second apart) and by the close retries.
@@ -19,6 +23,7 @@
 
 #include "dct/status.h"
 #include "sqlitedb/busy_retry.h"
+#include "sqlitedb/connection.h"
 
 namespace sqlitedb {
 
@@ -90,6 +95,10 @@ public:
 
     bool is_open() const { return opened; }
 
+    // The connection itself, for a caller that reads the database through
+    // the connection's own calls (the catalog's row checks).
+    connection& db() { return conn_; }
+
     // "BEGIN IMMEDIATE TRANSACTION;", "COMMIT TRANSACTION;",
     // "ROLLBACK TRANSACTION;": a busy result is retried up to 60 times with a
     // one-second sleep after each busy try. Returns 0, 2, 11 after the last
@@ -124,6 +133,10 @@ public:
 private:
     cr_status_t run_transaction_statement(const char* function, const char* sql);
     void forget_handle();
+    // Logs and refuses a pragma when not opened, else traces it.
+    bool pragma_ready(const std::string& sql, const std::string& expect);
+
+    connection conn_;
 };
 
 }  // namespace sqlitedb
