@@ -12,7 +12,8 @@
 // its database handle.
 //
 // A wrapper is not locked: one thread uses it at a time. Contention between
-// connections is met by SQLite's busy timeout (10000 ms per statement), by the
+// connections is met by SQLite's busy timeout (the connections' default,
+// 10000 ms per statement unless a process lowers it), by the
 // transaction retries (60 tries, one second apart) and by the close retries.
 #ifndef SQLITEDB_SQLITE_WRAPPER_H_
 #define SQLITEDB_SQLITE_WRAPPER_H_
@@ -80,8 +81,9 @@ public:
     // The same for the first `max_bytes` bytes of `file` only.
     cr_status_t exec_file(const std::string& file, uint64_t max_bytes);
 
-    // Opens the stored path (creating the file when missing) with a busy
-    // timeout of 10000 ms and extended result codes. A failure ends closed and
+    // Opens the stored path (creating the file when missing) with the
+    // connections' default busy timeout (10000 ms unless changed) and
+    // extended result codes. A failure ends closed and
     // returns the mapped status.
     cr_status_t open_db();
     // Closes any current connection (3 retries, whatever the outcome), stores
