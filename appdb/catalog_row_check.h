@@ -10,15 +10,14 @@
 #include <string>
 #include <vector>
 
-#include <sqlite3.h>
-
 #include "dct/status.h"
+#include "sqlitedb/connection.h"
 
 namespace appdb {
 
 // Rows of the `catalog` table of `db` (open; `name` names it in log lines)
 // into `rows`. 0, or the mapped SQLite status (logged).
-cr_status_t count_catalog_rows(sqlite3* db, const std::string& name, uint64_t* rows);
+cr_status_t count_catalog_rows(sqlitedb::connection& db, const std::string& name, uint64_t* rows);
 
 // Reads every row of the `catalog` table of `db` and compares its stored
 // checksum with the one its fields give. `rows` receives the rows read;
@@ -26,7 +25,7 @@ cr_status_t count_catalog_rows(sqlite3* db, const std::string& name, uint64_t* r
 // also logged "%s: crc mismatch for app cat item %s"). 0 when the whole table
 // was read, whatever the rows held; the mapped SQLite status (logged) when it
 // could not be.
-cr_status_t check_catalog_rows(sqlite3* db, const std::string& name, uint64_t* rows,
+cr_status_t check_catalog_rows(sqlitedb::connection& db, const std::string& name, uint64_t* rows,
                                std::vector<std::string>* bad_items);
 
 }  // namespace appdb

@@ -13,8 +13,12 @@
 // logged once, here, under the name of the catalog operation it serves
 // ("try_do_db_insert", "try_do_db_query", ...), and returned as a status.
 //
+// The connection is a sqlitedb::connection under the catalog's CANTOPEN rule
+// (a catalog file that cannot be opened is an input/output error, 21); it
+// keeps the store's statements.
+//
 // A store is used by one thread at a time (the cache hands it to one
-// borrower). No SQLite type appears here; the connection is an opaque handle.
+// borrower).
 #ifndef APPDB_CATALOG_STORE_H_
 #define APPDB_CATALOG_STORE_H_
 
@@ -30,9 +34,7 @@
 #include "appdb/catalog_filter.h"
 #include "appdb/catalog_item_sink.h"
 #include "dct/status.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
+#include "sqlitedb/connection.h"
 
 namespace appdb {
 
@@ -59,7 +61,9 @@ class catalog_store {
 public:
     // Busy timeout, in milliseconds, of every connection a store opens;
     // 10000 unless changed. Process-wide; open stores keep theirs. Lowering
-    // it lets tests provoke busy results quickly.
+    // it lets tests provoke busy results quickly. It is the connections'
+    // default (sqlitedb::connection::set_default_busy_timeout_ms), so every
+    // database opened afterwards waits as long.
     static void set_busy_timeout_ms(int ms);
     static int busy_timeout_ms();
 
@@ -70,8 +74,9 @@ public:
     static void set_journal_mode_switch(bool on);
     static bool journal_mode_switch();
 
-    // SQLite result code -> status: sqlitedb's table, except that CANTOPEN
-    // (14) is an input/output error here (21).
+    // SQLite result code -> status: sqlitedb's table under its named
+    // exception cantopen_rule::io_error: CANTOPEN (14) is an input/output
+    // error here (21).
     static cr_status_t map_status(int rc);
 
     // Opens the existing database `file` read-write, never creating it, with
@@ -106,7 +111,8 @@ public:
     catalog_store& operator=(const catalog_store&) = delete;
 
     const std::string& file() const { return file_; }
-    sqlite3* connection() const { return db_; }
+    sqlite3* connection() const { return db_.handle(); }
+    sqlitedb::connection& db() { return db_; }
 
     // Whether the file the connection has open is no longer the one its name
     // leads to (another process replaced or removed it).
@@ -157,8 +163,6 @@ public:
     bool run_pragma(const std::string& sql, const std::string& expect, std::string* result);
 
 private:
-    class statements;
-
     // Prepares the SELECT `sql` (kept), lets `bind` bind its parameters
     // (returning 0 or its logged status), then steps it to its end, checking
     // every row's checksum and handing it to `sink` with `client` and
@@ -167,11 +171,12 @@ private:
                            const std::string& policy, catalog_item_sink& sink,
                            const std::function<cr_status_t(sqlite3_stmt*)>& bind);
 
-    catalog_store(sqlite3* db, const std::string& file);
+    explicit catalog_store(const std::string& file);
 
-    sqlite3* db_;
+    // Mutable: the read-only checks (has_moved, holds_no_table) step
+    // statements on it.
+    mutable sqlitedb::connection db_;
     std::string file_;
-    std::unique_ptr<statements> kept_;
 };
 
 }  // namespace appdb

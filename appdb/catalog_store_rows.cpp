@@ -13,13 +13,13 @@ namespace {
 
 // Logs a failed step (a busy one as a warning, for the caller's retry) and
 // returns its status.
-cr_status_t step_failure(const char* fn, sqlite3* db, const std::string& name,
+cr_status_t step_failure(const char* fn, const sqlitedb::connection& db, const std::string& name,
                          const char* format_what, const std::string& what, int rc) {
     const cr_status_t status = catalog_store::map_status(rc);
     if (status == CR_STATUS_BUSY) {
-        WarningA(status, format_what, fn, name.c_str(), what.c_str(), rc, sqlite3_errmsg(db));
+        WarningA(status, format_what, fn, name.c_str(), what.c_str(), rc, db.errmsg());
     } else {
-        ErrorA(status, format_what, fn, name.c_str(), what.c_str(), rc, sqlite3_errmsg(db));
+        ErrorA(status, format_what, fn, name.c_str(), what.c_str(), rc, db.errmsg());
     }
     return status;
 }
@@ -80,11 +80,10 @@ const removal_plan& plan_of(removal_key key) {
 
 // Runs one transaction statement; a failure is logged (a busy one as a
 // warning, for the retry above) and returned mapped.
-cr_status_t transaction_statement(const char* fn, sqlite3* db, const std::string& name,
+cr_status_t transaction_statement(const char* fn, sqlitedb::connection& db, const std::string& name,
                                   const char* sql) {
-    const int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
-    if (rc == SQLITE_OK) return CR_STATUS_OK;
-    return step_failure(fn, db, name, "%s: DB[%s] failed to step %s (%d, %s).", sql, rc);
+    if (db.exec(sql) == CR_STATUS_OK) return CR_STATUS_OK;
+    return step_failure(fn, db, name, "%s: DB[%s] failed to step %s (%d, %s).", sql, db.code());
 }
 
 }  // namespace
@@ -93,15 +92,16 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
     const char* const fn = "try_do_db_insert";
     const char* const insert_sql = catalog_insert_sql();
     sqlitedb::statement once;
-    int rc = SQLITE_OK;
-    sqlite3_stmt* stmt = kept_->get(db_, insert_sql, &rc, &once);
+    sqlite3_stmt* stmt = db_.kept(insert_sql, &once);
+    int rc = db_.code();
     if (stmt == nullptr && holds_no_table()) {
         // A file left without its table by a failed creation: it holds no
         // rows, so it is completed and the insert goes on.
         bool completed = false;
         const cr_status_t status = complete_tableless(completed);
         if (status != CR_STATUS_OK) return status;
-        stmt = kept_->get(db_, insert_sql, &rc, &once);
+        stmt = db_.kept(insert_sql, &once);
+        rc = db_.code();
     }
     if (stmt == nullptr) return prepare_failure(fn, file_, insert_sql, rc);
     sqlitedb::statement_use use(stmt);
@@ -126,10 +126,10 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
     const cr_status_t status = map_status(rc);
     if (status == CR_STATUS_BUSY) {
         WarningA(status, "%s: %s failed to step on (%d, %s).", fn, file_.c_str(), rc,
-                 sqlite3_errmsg(db_));
+                 db_.errmsg());
     } else {
         ErrorA(status, "%s: %s failed to step on (%d, %s).", fn, file_.c_str(), rc,
-               sqlite3_errmsg(db_));
+               db_.errmsg());
     }
     return status;
 }
@@ -139,8 +139,8 @@ cr_status_t catalog_store::run_select(const std::string& sql, const std::string&
                                       const std::function<cr_status_t(sqlite3_stmt*)>& bind) {
     const char* const fn = "try_do_db_query";
     sqlitedb::statement once;
-    int rc = SQLITE_OK;
-    sqlite3_stmt* stmt = kept_->get(db_, sql, &rc, &once);
+    sqlite3_stmt* stmt = db_.kept(sql, &once);
+    int rc = db_.code();
     if (rc != SQLITE_OK) {
         if (holds_no_table()) {
             // A file without its table holds no rows; a query does not
@@ -263,8 +263,8 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
     // goes to `sql`.
     auto delete_all = [&]() -> cr_status_t {
         sqlitedb::statement once;
-        int rc = SQLITE_OK;
-        sqlite3_stmt* stmt = kept_->get(db_, plan.statement, &rc, &once);
+        sqlite3_stmt* stmt = db_.kept(plan.statement, &once);
+        int rc = db_.code();
         if (rc != SQLITE_OK) {
             if (holds_no_table()) return CR_STATUS_OK;  // no table, no rows
             return prepare_failure(fn, file_, plan.statement, rc);
@@ -299,10 +299,10 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
     if (status != CR_STATUS_OK) return status;
     // Rolls back on every way out but the commit.
     struct rollback_guard {
-        sqlite3* db;
+        sqlitedb::connection& db;
         bool armed = true;
         ~rollback_guard() {
-            if (armed) sqlite3_exec(db, "ROLLBACK TRANSACTION;", nullptr, nullptr, nullptr);
+            if (armed) db.exec("ROLLBACK TRANSACTION;");
         }
     } rollback{db_};
 
@@ -314,8 +314,8 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
     std::vector<std::string> removable;
     {
         sqlitedb::statement once;
-        int rc = SQLITE_OK;
-        sqlite3_stmt* select = kept_->get(db_, select_sql, &rc, &once);
+        sqlite3_stmt* select = db_.kept(select_sql, &once);
+        int rc = db_.code();
         if (rc != SQLITE_OK) return prepare_failure(fn, file_, select_sql.c_str(), rc);
         sqlitedb::statement_use use(select);
         rc = bind_bytes(select, 1, key_value);
@@ -357,8 +357,8 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
         }
     } else {
         sqlitedb::statement once;
-        int rc = SQLITE_OK;
-        sqlite3_stmt* stmt = kept_->get(db_, catalog_delete_by_name_sql, &rc, &once);
+        sqlite3_stmt* stmt = db_.kept(catalog_delete_by_name_sql, &once);
+        int rc = db_.code();
         if (rc != SQLITE_OK) return prepare_failure(fn, file_, catalog_delete_by_name_sql, rc);
         std::string names;
         for (const std::string& file_name : removable) {

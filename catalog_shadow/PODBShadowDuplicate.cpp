@@ -42,6 +42,7 @@
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "sqlitedb/busy_retry.h"
+#include "sqlitedb/connection.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace {
@@ -93,10 +94,9 @@ class SourceSnapshot {
 public:
     explicit SourceSnapshot(const std::string& path) : path_(path) {}
     ~SourceSnapshot() {
-        if (db_ == nullptr) return;
         // A read transaction has nothing to keep; ending it releases the lock.
-        if (in_transaction_) sqlite3_exec(db_, "ROLLBACK;", nullptr, nullptr, nullptr);
-        sqlite3_close(db_);
+        // The connection closes itself.
+        end_read();
     }
     SourceSnapshot(const SourceSnapshot&) = delete;
     SourceSnapshot& operator=(const SourceSnapshot&) = delete;
@@ -106,10 +106,10 @@ public:
     // With SQLITE_CORRUPT or SQLITE_NOTADB the connection stays usable for
     // reading the raw bytes, without a lock.
     int open() {
-        int rc = sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr);
-        if (rc != SQLITE_OK) return rc;
-        sqlite3_busy_handler(db_, poll_busy, nullptr);
-        sqlite3_extended_result_codes(db_, 1);
+        if (db_.open(path_, sqlitedb::open_mode::existing) != CR_STATUS_OK) return db_.code();
+        int rc = SQLITE_OK;
+        // Replaces the connection's busy timeout.
+        sqlite3_busy_handler(db_.handle(), poll_busy, nullptr);
         // A writer may commit into the log between the checkpoint that
         // emptied it and the read lock: the log is emptied once more at once,
         // and after that as often as a busy database is tried.
@@ -119,7 +119,7 @@ public:
                     rc = begin_read();
                     if (rc != SQLITE_OK || !wal_ || log_is_empty()) return CR_STATUS_OK;
                     end_read();
-                    rc = sqlite3_wal_checkpoint_v2(db_, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+                    rc = sqlite3_wal_checkpoint_v2(db_.handle(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
                     const int primary = rc & 0xFF;
                     // Anything but a busy log (read-only access, damage) ends the copy.
                     if (primary != SQLITE_OK && primary != SQLITE_BUSY) return CR_STATUS_OK;
@@ -139,19 +139,19 @@ public:
     // has none open.
     sqlite3_file* file() const {
         sqlite3_file* f = nullptr;
-        if (db_ == nullptr) return nullptr;
-        if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK) return nullptr;
+        if (!db_.is_open()) return nullptr;
+        if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK) return nullptr;
         if (f == nullptr || f->pMethods == nullptr) return nullptr;
         return f;
     }
 
-    const char* errmsg() const { return db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory"; }
+    const char* errmsg() const { return db_.errmsg(); }
 
 private:
     // Takes the read lock and learns the journal mode under it.
     int begin_read() {
-        int rc = sqlite3_exec(db_, "BEGIN;", nullptr, nullptr, nullptr);
-        if (rc != SQLITE_OK) return rc;
+        if (db_.exec("BEGIN;") != CR_STATUS_OK) return db_.code();
+        int rc = SQLITE_OK;
         in_transaction_ = true;
         // Reading the schema takes the shared lock, after any hot journal has
         // been played back. Inside BEGIN the lock stays until the end.
@@ -159,7 +159,8 @@ private:
         // apart, as every busy database is.
         sqlitedb::retry_while_busy(
             [&] {
-                rc = sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master;", nullptr, nullptr, nullptr);
+                db_.exec("SELECT count(*) FROM sqlite_master;");
+                rc = db_.code();
                 return (rc & 0xFF) == SQLITE_BUSY ? CR_STATUS_BUSY : CR_STATUS_OK;
             },
             [](unsigned int) { return true; });
@@ -168,21 +169,15 @@ private:
     }
 
     void end_read() {
-        if (in_transaction_) sqlite3_exec(db_, "ROLLBACK;", nullptr, nullptr, nullptr);
+        if (in_transaction_) db_.exec("ROLLBACK;");
         in_transaction_ = false;
     }
 
     int read_journal_mode() {
-        sqlite3_stmt* stmt = nullptr;
-        int rc = sqlite3_prepare_v2(db_, "PRAGMA main.journal_mode;", -1, &stmt, nullptr);
-        if (rc == SQLITE_OK && sqlite3_step(stmt) == SQLITE_ROW) {
-            const unsigned char* mode = sqlite3_column_text(stmt, 0);
-            wal_ = mode != nullptr && sqlite3_stricmp(reinterpret_cast<const char*>(mode), "wal") == 0;
-        } else if (rc == SQLITE_OK) {
-            rc = sqlite3_errcode(db_);
-        }
-        sqlite3_finalize(stmt);
-        return rc;
+        std::string mode;
+        db_.read_value("PRAGMA main.journal_mode;", &mode);
+        wal_ = sqlite3_stricmp(mode.c_str(), "wal") == 0;
+        return db_.code();
     }
 
     // Whether the log holds no frame: then this read transaction reads the
@@ -191,7 +186,7 @@ private:
     bool log_is_empty() const {
         sqlite3_file* log = nullptr;
         sqlite3_int64 size = -1;
-        if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
+        if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
             log == nullptr || log->pMethods == nullptr) {
             return false;
         }
@@ -199,7 +194,8 @@ private:
     }
 
     std::string path_;
-    sqlite3* db_ = nullptr;
+    // Its database file is the one read, through SQLite's own handle of it.
+    sqlitedb::connection db_;
     bool in_transaction_ = false;
     bool wal_ = false;
 };

@@ -25,11 +25,10 @@ const unsigned kDeleteTreePauseSeconds = 3;
 // error ("no such table"), which is traced and is no failure. Any other answer
 // means the rebuilt file itself is in trouble. 0 or the mapped status.
 cr_status_t po_cleanup(sqlitedb::sqlite3_wrapper& db) {
-    char* message = nullptr;
-    const int rc = sqlite3_exec(db.handle, kPoCleanup, nullptr, nullptr, &message);
-    const std::string text = message != nullptr ? message : sqlite3_errstr(rc);
-    sqlite3_free(message);
-    if (rc == SQLITE_OK) return CR_STATUS_OK;
+    sqlitedb::connection& conn = db.db();
+    if (conn.exec(kPoCleanup) == CR_STATUS_OK) return CR_STATUS_OK;
+    const int rc = conn.code();
+    const std::string text = conn.exec_message() != nullptr ? conn.exec_message() : sqlite3_errstr(rc);
     if ((rc & 0xFF) == SQLITE_ERROR) {
         __TraceA("%s: [%s] does not apply to %s (%d:%s)", "merge_shadows", kPoCleanup, db.path.c_str(), rc,
                  text.c_str());

@@ -11,6 +11,7 @@
 #include "appdb/catalog_application_base.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "fuzz_common.h"
+#include "sqlitedb/connection.h"
 
 namespace {
 
@@ -86,10 +87,11 @@ int main(int argc, char** argv) {
             }
         }
         const std::string db = root + "/application/1/cli/pol/app.db";
-        sqlite3* h = nullptr;
-        FUZZ_CHECK(sqlite3_open(db.c_str(), &h) == SQLITE_OK);
-        FUZZ_CHECK(sqlite3_exec(h, "PRAGMA page_size=512; VACUUM;", nullptr, nullptr, nullptr) == SQLITE_OK);
-        sqlite3_close(h);
+        {
+            sqlitedb::connection h;
+            FUZZ_CHECK(h.open(db, sqlitedb::open_mode::create) == CR_STATUS_OK);
+            FUZZ_CHECK(h.exec("PRAGMA page_size=512; VACUUM;") == CR_STATUS_OK);
+        }
         // The listing target takes its last byte as the choice of pattern and form.
         std::string text = fuzzk::read_all(db);
         fuzzk::write_bytes(out + "/listing/three_rows", reinterpret_cast<const uint8_t*>((text + '\0').data()),

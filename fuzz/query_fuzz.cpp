@@ -11,23 +11,22 @@
 #include "appdb/catalog_application_base.h"
 #include "appdb/catalog_table.h"
 #include "fuzz_common.h"
+#include "sqlitedb/connection.h"
 
 namespace {
 
-sqlite3* g_db = nullptr;
+sqlitedb::connection g_db;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzzk::quiet();
-    FUZZ_CHECK(sqlite3_open(":memory:", &g_db) == SQLITE_OK);
-    FUZZ_CHECK(sqlite3_exec(g_db, appdb::catalog_create_table_sql(), nullptr, nullptr, nullptr) == SQLITE_OK);
-    FUZZ_CHECK(sqlite3_exec(g_db, appdb::catalog_create_index_sql, nullptr, nullptr, nullptr) == SQLITE_OK);
+    FUZZ_CHECK(g_db.open(":memory:", sqlitedb::open_mode::create) == CR_STATUS_OK);
+    FUZZ_CHECK(g_db.exec(appdb::catalog_create_table_sql()) == CR_STATUS_OK);
+    FUZZ_CHECK(g_db.exec(appdb::catalog_create_index_sql) == CR_STATUS_OK);
     // A few rows, so that GLOB patterns are matched against real text.
-    FUZZ_CHECK(sqlite3_exec(g_db,
-                            "INSERT INTO catalog(name, backupid, backup_start_time) VALUES"
-                            "('f1','b*1',1),('f[2]','b?2',2),('x''y','%_',3)",
-                            nullptr, nullptr, nullptr) == SQLITE_OK);
+    FUZZ_CHECK(g_db.exec("INSERT INTO catalog(name, backupid, backup_start_time) VALUES"
+                         "('f1','b*1',1),('f[2]','b?2',2),('x''y','%_',3)") == CR_STATUS_OK);
     return 0;
 }
 
@@ -50,8 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!known) return 0;
     FUZZ_CHECK(status == 0 && sql2 == sql);
 
-    sqlite3_stmt* stmt = nullptr;
-    FUZZ_CHECK(sqlite3_prepare_v2(g_db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK);
+    sqlitedb::statement prepared;
+    FUZZ_CHECK(g_db.prepare(sql.c_str(), &prepared) == CR_STATUS_OK);
+    sqlite3_stmt* stmt = prepared.get();
     const int params = sqlite3_bind_parameter_count(stmt);
     if (q.type == appdb::APP_QUERY_TIME_RANGE) {
         FUZZ_CHECK(params == 2);
@@ -67,6 +67,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
     }
     FUZZ_CHECK(rc == SQLITE_DONE);
-    sqlite3_finalize(stmt);
     return 0;
 }

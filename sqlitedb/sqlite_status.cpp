@@ -4,9 +4,9 @@
 
 namespace sqlitedb {
 
-cr_status_t sqlite_to_crstatus(int rc, bool cantopen_is_io) {
+cr_status_t sqlite_to_crstatus(int rc, cantopen_rule cantopen) {
     const int primary = rc & 0xFF;
-    if (cantopen_is_io && primary == SQLITE_CANTOPEN) return CR_STATUS_IO;
+    if (cantopen == cantopen_rule::io_error && primary == SQLITE_CANTOPEN) return CR_STATUS_IO;
     switch (primary) {
         case SQLITE_OK:
         case SQLITE_ROW:

@@ -7,11 +7,14 @@
 //   IOERR                -> 21
 //   CORRUPT, NOTADB      -> 67
 //   READONLY_DBMOVED     -> 67 (any other READONLY -> 4)
-//   CANTOPEN             -> 21 when `cantopen_is_io`, else 4
+//   CANTOPEN             -> 4, or 21 under cantopen_rule::io_error
 //   anything else        -> 4
-// The wrapper (db_exception::dberr_to_crstatus) passes cantopen_is_io = false;
-// the catalog layer passes true, since a catalog file that cannot be opened is
-// an input/output problem there.
+//
+// The one exception to the table is CANTOPEN, and it is named: a catalog file
+// that cannot be opened is an input/output problem to the catalog layer
+// (cantopen_rule::io_error), while the wrapper and the shadow report it as a
+// plain failure (cantopen_rule::failure). A connection is given its rule when
+// it is made (sqlitedb/connection.h) and maps every result with it.
 #ifndef SQLITEDB_SQLITE_STATUS_H_
 #define SQLITEDB_SQLITE_STATUS_H_
 
@@ -19,7 +22,18 @@
 
 namespace sqlitedb {
 
-cr_status_t sqlite_to_crstatus(int rc, bool cantopen_is_io);
+// How CANTOPEN maps: the table's one exception.
+enum class cantopen_rule {
+    failure,   // CANTOPEN -> 4 (db_exception::dberr_to_crstatus, the shadow)
+    io_error,  // CANTOPEN -> 21 (catalog_store::map_status)
+};
+
+cr_status_t sqlite_to_crstatus(int rc, cantopen_rule cantopen);
+
+// The same, the rule given as a flag: true is cantopen_rule::io_error.
+inline cr_status_t sqlite_to_crstatus(int rc, bool cantopen_is_io) {
+    return sqlite_to_crstatus(rc, cantopen_is_io ? cantopen_rule::io_error : cantopen_rule::failure);
+}
 
 }  // namespace sqlitedb
 

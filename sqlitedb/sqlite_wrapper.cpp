@@ -21,8 +21,6 @@ namespace sqlitedb {
 
 namespace {
 
-// Every connection waits this long for a lock before a statement reports busy.
-const int kBusyTimeoutMs = 10000;
 // Closes made on the way (destructor, reopen, failed open, drop) retry this often.
 const unsigned long kCloseRetries = 3;
 // A failing statement longer than this is logged cut short.
@@ -62,7 +60,7 @@ db_exception::~db_exception() = default;
 
 const char* db_exception::what() const { return message_.c_str(); }
 
-cr_status_t db_exception::dberr_to_crstatus(int rc) { return sqlite_to_crstatus(rc, false); }
+cr_status_t db_exception::dberr_to_crstatus(int rc) { return sqlite_to_crstatus(rc, cantopen_rule::failure); }
 
 // ------------------------------------------------------------- sqlite3_wrapper
 
@@ -79,24 +77,16 @@ cr_status_t sqlite3_wrapper::open_db() {
     // Opening over a live connection would lose it.
     if (handle != nullptr) close_db(kCloseRetries);
     InfoA(0, "Open SQLite database %s", path.c_str());
-    cr_status_t status;
-    int rc = sqlite3_open(path.c_str(), &handle);
-    if (rc != SQLITE_OK) {
-        status = db_exception::dberr_to_crstatus(rc);
-        ErrorA(status, "Failed to open database %s", path.c_str());
-    } else {
-        sqlite3_busy_timeout(handle, kBusyTimeoutMs);
-        rc = sqlite3_extended_result_codes(handle, 1);
-        if (rc == SQLITE_OK) {
-            opened = true;
-            return CR_STATUS_OK;
-        }
-        status = db_exception::dberr_to_crstatus(rc);
-        ErrorA(status, "Failed to set extended result code for %s", path.c_str());
-    }
+    const cr_status_t status = conn_.open(path, open_mode::create);
+    handle = conn_.handle();
     if (status == CR_STATUS_OK) {
         opened = true;
         return CR_STATUS_OK;
+    }
+    if (handle == nullptr) {
+        ErrorA(status, "Failed to open database %s", path.c_str());
+    } else {
+        ErrorA(status, "Failed to set extended result code for %s", path.c_str());
     }
     close_db(kCloseRetries);
     return status;
@@ -123,11 +113,9 @@ cr_status_t sqlite3_wrapper::exec(const std::string& sql) {
     }
     __TraceA("Exec sql statement [[[%s]]] for %s", sql.c_str(), path.c_str());
 
-    char* errmsg = nullptr;
-    const int rc = sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, &errmsg);
-    const std::string errtext = errmsg != nullptr ? errmsg : "null";
-    sqlite3_free(errmsg);
-    if (rc == SQLITE_OK) return CR_STATUS_OK;
+    if (conn_.exec(sql) == CR_STATUS_OK) return CR_STATUS_OK;
+    const int rc = conn_.code();
+    const std::string errtext = conn_.exec_message() != nullptr ? conn_.exec_message() : "null";
 
     const std::string shown =
         sql.size() > kLoggedSqlMax ? sql.substr(0, kLoggedSqlCut) + "...." : sql;
@@ -198,36 +186,23 @@ cr_status_t sqlite3_wrapper::rollback_transaction() {
     return run_transaction_statement("rollback_transaction", "ROLLBACK TRANSACTION;");
 }
 
-bool sqlite3_wrapper::run_pragma(const std::string& sql, const std::string& expect,
-                                 std::string* result) {
+bool sqlite3_wrapper::pragma_ready(const std::string& sql, const std::string& expect) {
     if (handle == nullptr) {
         ErrorA(CR_STATUS_MISSING, "%s is not opened.", path.c_str());
         return false;
     }
     // "datase" is how this line has always read; log filters match on it.
     __TraceA("Run \"%s\" on SQLite datase, expect result: %s", sql.c_str(), expect.c_str());
+    return true;
+}
 
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(handle, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return false;
-    }
-    bool matched = false;
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-        const unsigned char* value = sqlite3_column_text(stmt, 0);
-        const std::string text = value != nullptr ? reinterpret_cast<const char*>(value) : "";
-        if (result != nullptr) result->append(text);
-        if (text == expect) {
-            matched = true;
-            break;
-        }
-    }
-    sqlite3_finalize(stmt);
-    return matched;
+bool sqlite3_wrapper::run_pragma(const std::string& sql, const std::string& expect,
+                                 std::string* result) {
+    return pragma_ready(sql, expect) && conn_.value_matches(sql.c_str(), expect, result);
 }
 
 bool sqlite3_wrapper::run_integrity_check(std::string& result) {
-    return run_pragma("PRAGMA integrity_check;", "ok", &result);
+    return pragma_ready("PRAGMA integrity_check;", "ok") && conn_.integrity_check(&result);
 }
 
 cr_status_t sqlite3_wrapper::close_db(unsigned long retries) {
@@ -237,7 +212,7 @@ cr_status_t sqlite3_wrapper::close_db(unsigned long retries) {
         return CR_STATUS_OK;
     }
     try {
-        const int rc = close_retrying(handle, retries, [this](unsigned long) {
+        const int rc = conn_.close(retries, [this](unsigned long) {
             __TraceA("Database %s is busy, sleep 1 second before retry", path.c_str());
         });
         if (rc == SQLITE_BUSY) {

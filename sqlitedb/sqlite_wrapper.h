@@ -7,8 +7,13 @@
 // exec() (through on_db_error) throws db_exception with status 67;
 // the transaction calls and the close sequence catch it and return its status.
 //
+// The connection inside is a sqlitedb::connection (sqlitedb/connection.h),
+// opened in create mode with the process-wide busy timeout; `handle` mirrors
+// its database handle.
+//
 // A wrapper is not locked: one thread uses it at a time. Contention between
-// connections is met by SQLite's busy timeout (10000 ms per statement), by the
+// connections is met by SQLite's busy timeout (the connections' default,
+// 10000 ms per statement unless a process lowers it), by the
 // transaction retries (60 tries, one second apart) and by the close retries.
 #ifndef SQLITEDB_SQLITE_WRAPPER_H_
 #define SQLITEDB_SQLITE_WRAPPER_H_
@@ -19,6 +24,7 @@
 
 #include "dct/status.h"
 #include "sqlitedb/busy_retry.h"
+#include "sqlitedb/connection.h"
 
 namespace sqlitedb {
 
@@ -75,8 +81,9 @@ public:
     // The same for the first `max_bytes` bytes of `file` only.
     cr_status_t exec_file(const std::string& file, uint64_t max_bytes);
 
-    // Opens the stored path (creating the file when missing) with a busy
-    // timeout of 10000 ms and extended result codes. A failure ends closed and
+    // Opens the stored path (creating the file when missing) with the
+    // connections' default busy timeout (10000 ms unless changed) and
+    // extended result codes. A failure ends closed and
     // returns the mapped status.
     cr_status_t open_db();
     // Closes any current connection (3 retries, whatever the outcome), stores
@@ -89,6 +96,10 @@ public:
     cr_status_t checkopen();
 
     bool is_open() const { return opened; }
+
+    // The connection itself, for a caller that reads the database through
+    // the connection's own calls (the catalog's row checks).
+    connection& db() { return conn_; }
 
     // "BEGIN IMMEDIATE TRANSACTION;", "COMMIT TRANSACTION;",
     // "ROLLBACK TRANSACTION;": a busy result is retried up to 60 times with a
@@ -124,6 +135,10 @@ public:
 private:
     cr_status_t run_transaction_statement(const char* function, const char* sql);
     void forget_handle();
+    // Logs and refuses a pragma when not opened, else traces it.
+    bool pragma_ready(const std::string& sql, const std::string& expect);
+
+    connection conn_;
 };
 
 }  // namespace sqlitedb

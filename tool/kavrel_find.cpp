@@ -31,6 +31,7 @@
 #include "dct/log.h"
 #include "dct/spill_buffer.h"
 #include "dct/status.h"
+#include "sqlitedb/connection.h"
 #include "tool/json_text.h"
 #include "tool/kavrel_find_options.h"
 
@@ -335,22 +336,16 @@ std::string render_summary(const options& o, const summary_row& row) {
 // rolled back when it has not.
 class ordered_store {
 public:
-    ~ordered_store() {
-        insert_.reset();
-        if (db_ != nullptr) sqlite3_close(db_);
-    }
-
     bool open() {
-        if (sqlite3_open("", &db_) != SQLITE_OK) return fail("open");
+        if (db_.open("", sqlitedb::open_mode::create) != CR_STATUS_OK) return fail("open");
         if (!exec("PRAGMA cache_size=-4096; PRAGMA temp_store=FILE; "
                   "CREATE TABLE item(k, line BLOB); BEGIN;")) {
             return false;
         }
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db_, "INSERT INTO item VALUES(?, ?)", -1, &s, nullptr) != SQLITE_OK) {
-            return fail("prepare");
-        }
-        insert_.reset(s);
+        // Kept by the connection: prepared once for every line added.
+        sqlitedb::statement once;
+        insert_ = db_.kept("INSERT INTO item VALUES(?, ?)", &once);
+        if (insert_ == nullptr) return fail("prepare");
         return true;
     }
 
@@ -361,7 +356,7 @@ public:
 
     // Adds a line with its sort key (an integer, a text, or none).
     bool add(const std::string* text_key, const int64_t* number_key, const std::string& line) {
-        sqlite3_stmt* s = insert_.get();
+        sqlite3_stmt* s = insert_;
         if (text_key != nullptr) {
             sqlite3_bind_blob(s, 1, text_key->data(), static_cast<int>(text_key->size()), SQLITE_STATIC);
         } else if (number_key != nullptr) {
@@ -388,9 +383,9 @@ public:
             sql = "SELECT line FROM item ORDER BY k " + dir + ", rowid ASC";
             if (first) sql += " LIMIT ?";
         }
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &s, nullptr) != SQLITE_OK) return fail("prepare");
-        std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> guard(s, sqlite3_finalize);
+        sqlitedb::statement select;
+        if (db_.prepare(sql.c_str(), &select) != CR_STATUS_OK) return fail("prepare");
+        sqlite3_stmt* s = select.get();
         if (first || last) sqlite3_bind_int64(s, 1, static_cast<int64_t>(limit > INT64_MAX ? INT64_MAX : limit));
         int rc;
         while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
@@ -401,16 +396,23 @@ public:
 
 private:
     bool exec(const char* sql) {
-        return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK || fail(sql);
+        return db_.exec(sql) == CR_STATUS_OK || fail(sql);
     }
     bool fail(const char* what) {
         ErrorA(CR_STATUS_FAILED, "%s: the temporary database for ordering failed at %s (%s)", kProgram,
-               what, db_ != nullptr ? sqlite3_errmsg(db_) : "no memory");
+               what, message());
         return false;
     }
 
-    sqlite3* db_ = nullptr;
-    std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> insert_{nullptr, sqlite3_finalize};
+    // SQLite's word for the last failure; "no memory" when not even a
+    // connection could be had.
+    const char* message() const {
+        if (db_.is_open()) return db_.errmsg();
+        return db_.code() == SQLITE_NOMEM ? "no memory" : sqlite3_errstr(db_.code());
+    }
+
+    sqlitedb::connection db_;
+    sqlite3_stmt* insert_ = nullptr;  // kept by db_
 };
 
 // ---- the search ----

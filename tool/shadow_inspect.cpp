@@ -179,7 +179,7 @@ bool rehearse(const DatabaseReport& report, const ::RecoveryPlan& plan, Recovery
     if (report.target.type == PODBShadow::_appdb_type_) {
         sqlitedb::sqlite3_wrapper db(copy);
         out->rows_known = db.checkopen() == CR_STATUS_OK &&
-                          appdb::count_catalog_rows(db.handle, copy, &out->rows_after) == CR_STATUS_OK;
+                          appdb::count_catalog_rows(db.db(), copy, &out->rows_after) == CR_STATUS_OK;
         db.close_db(kCloseRetries);
     }
     return true;
@@ -216,7 +216,7 @@ bool count_rows(const std::string& type, const std::string& path, uint64_t* rows
     if (type != PODBShadow::_appdb_type_) return false;
     sqlitedb::sqlite3_wrapper db(path);
     if (db.checkopen() != CR_STATUS_OK) return false;
-    const bool ok = appdb::count_catalog_rows(db.handle, path, rows) == CR_STATUS_OK;
+    const bool ok = appdb::count_catalog_rows(db.db(), path, rows) == CR_STATUS_OK;
     db.close_db(kCloseRetries);
     return ok;
 }
@@ -231,7 +231,7 @@ void check_live_database(DatabaseReport* report) {
     sqlitedb::sqlite3_wrapper db(path);
     std::vector<std::string> bad;
     uint64_t rows = 0;
-    if (db.checkopen() != CR_STATUS_OK || appdb::check_catalog_rows(db.handle, path, &rows, &bad) != CR_STATUS_OK) {
+    if (db.checkopen() != CR_STATUS_OK || appdb::check_catalog_rows(db.db(), path, &rows, &bad) != CR_STATUS_OK) {
         live.row_checksums = kBad;
         add_problem(report, path, "catalog rows could not be read");
     } else {

@@ -251,11 +251,11 @@ TEST_F(CatalogStore, ADamagedRowEndsTheQueryWith67AfterTheRowsBeforeIt) {
 
     uint64_t rows = 0;
     std::vector<std::string> bad;
-    ASSERT_EQ(0u, appdb::check_catalog_rows(store_->connection(), file_, &rows, &bad));
+    ASSERT_EQ(0u, appdb::check_catalog_rows(store_->db(), file_, &rows, &bad));
     EXPECT_EQ(3u, rows);
     ASSERT_EQ(1u, bad.size());
     EXPECT_EQ(0u, bad[0].find("1|b|"));
-    ASSERT_EQ(0u, appdb::count_catalog_rows(store_->connection(), file_, &rows));
+    ASSERT_EQ(0u, appdb::count_catalog_rows(store_->db(), file_, &rows));
     EXPECT_EQ(3u, rows);
 }
 
