@@ -3,11 +3,17 @@
 // reader (PODBShadow::read_chksum), which moves nothing aside.
 #include <gtest/gtest.h>
 
+#include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <sstream>
 
 #include <string>
 #include <vector>
 
+#include "catalog_shadow/ChecksumFile.h"
+#include "common/fault_countdown.h"
 #include "common/test_util.h"
 #include "dct/fs.h"
 #include "shadow_test_helpers.h"
@@ -208,4 +214,236 @@ TEST(ChecksumText, ValuesOfTheTwoVersionFile) {
     EXPECT_EQ(21u, oldest.db_crc);
     EXPECT_EQ(1u, oldest.journal_crc);
     EXPECT_EQ(0u, oldest.journal_lines);
+}
+
+// The codec on its own: the same texts, parsed without a file.
+TEST_P(ChecksumText, ParsedAsAValue) {
+    const Case c = cases()[GetParam()];
+    SCOPED_TRACE(c.name);
+    ChecksumFile file;
+    file.current = 99;
+    std::string reason;
+    const bool taken = ChecksumFile::parse(c.text, "podb", "NAME", &file, &reason);
+    if (c.reason.empty()) {
+        ASSERT_TRUE(taken) << reason;
+        EXPECT_EQ("podb", file.type);
+        EXPECT_EQ(c.current, file.current);
+        std::vector<uint64_t> numbers;
+        for (const ChecksumFile::Entry& e : file.entries) numbers.push_back(e.version);
+        EXPECT_EQ(c.versions, numbers);
+        EXPECT_TRUE(file.validate(&reason)) << reason;
+    } else {
+        EXPECT_FALSE(taken);
+        EXPECT_EQ(with_path(c.reason, "NAME"), reason);
+        EXPECT_EQ(99u, file.current);
+    }
+}
+
+TEST(ChecksumFileValue, RendersTheTwoVersionTextByteForByte) {
+    ChecksumFile file;
+    file.type = "podb";
+    file.current = 3;
+    file.entries.push_back({3, 11, 12, 3});
+    file.entries.push_back({2, 21, 1, 0});
+    EXPECT_EQ(chksum_text(kTwo), file.render());
+    std::string reason;
+    EXPECT_TRUE(file.validate(&reason)) << reason;
+}
+
+TEST(ChecksumFileValue, EmptyHistoryRendersFourLines) {
+    ChecksumFile file;
+    file.type = "appdb";
+    file.current = 0;
+    EXPECT_EQ("format=1\ncurrent=0\ncount=0\nself=" + std::to_string(adler("format=1current=0count=0")) + "\n",
+              file.render());
+}
+
+TEST(ChecksumFileValue, RoundTripKeepsEveryValue) {
+    ChecksumFile file;
+    file.type = "uldb";
+    file.current = 18446744073709551615u;
+    file.entries.push_back({18446744073709551615u, 4294967295u, 0, 4294967295u});
+    file.entries.push_back({18446744073709551614u, 0, 4294967295u, 7});
+    file.entries.push_back({18446744073709551613u, 1, 1, 0});
+    ChecksumFile back;
+    std::string reason;
+    ASSERT_TRUE(ChecksumFile::parse(file.render(), "uldb", "x", &back, &reason)) << reason;
+    EXPECT_EQ(file.current, back.current);
+    ASSERT_EQ(file.entries.size(), back.entries.size());
+    for (size_t i = 0; i < file.entries.size(); ++i) {
+        EXPECT_EQ(file.entries[i].version, back.entries[i].version);
+        EXPECT_EQ(file.entries[i].db_crc, back.entries[i].db_crc);
+        EXPECT_EQ(file.entries[i].journal_crc, back.entries[i].journal_crc);
+        EXPECT_EQ(file.entries[i].journal_lines, back.entries[i].journal_lines);
+    }
+    EXPECT_EQ(file.render(), back.render());
+}
+
+TEST(ChecksumFileValue, FromAndToAVersionList) {
+    kt::TempDir tmp;
+    ChecksumFile file;
+    std::string reason;
+    ASSERT_TRUE(ChecksumFile::parse(chksum_text(kTwo), "podb", "x", &file, &reason)) << reason;
+    ShadowVersionList list;
+    list.push_back(ShadowVersion("/elsewhere", "podb", 1));
+    file.to_versions(tmp.path(), &list);
+    ASSERT_EQ(2u, list.size());
+    EXPECT_EQ(tmp.file("podb.3"), list.front().db_path);
+    EXPECT_EQ(3u, list.front().journal_lines);
+    EXPECT_EQ(tmp.file("podb.2.journal"), list.back().journal_path);
+    EXPECT_EQ(21u, list.back().db_crc);
+    EXPECT_EQ(chksum_text(kTwo), ChecksumFile::of("podb", 3, list).render());
+}
+
+// A value whose numbers do not run down from current renders a text the
+// reader refuses; validate says so first.
+TEST(ChecksumFileValue, ValidateNamesTheFault) {
+    ChecksumFile file;
+    file.type = "podb";
+    file.current = 3;
+    file.entries.push_back({3, 1, 1, 0});
+    file.entries.push_back({1, 1, 1, 0});
+    std::string reason;
+    EXPECT_FALSE(file.validate(&reason));
+    EXPECT_EQ("version 1 listed where 2 belongs", reason);
+    ChecksumFile back;
+    std::string refused;
+    EXPECT_FALSE(ChecksumFile::parse(file.render(), "podb", "x", &back, &refused));
+    EXPECT_EQ("can't get value of podb.2", refused);
+
+    file.current = 1;
+    file.entries.resize(2);
+    file.entries[0].version = 1;
+    file.entries[1].version = 0;
+    EXPECT_FALSE(file.validate(&reason));
+    EXPECT_EQ("more versions listed than numbers handed out", reason);
+}
+
+TEST(ChecksumFileValue, ReadLine) {
+    std::istringstream in("count=7\ncount=x\n");
+    ShadowCrc crc;
+    std::string line;
+    uint64_t value = 0;
+    EXPECT_EQ(nullptr, ChecksumFile::read_line(in, "count", crc, &line, &value));
+    EXPECT_EQ("count=7", line);
+    EXPECT_EQ(7u, value);
+    EXPECT_EQ(adler("count=7"), crc.value());
+    EXPECT_STREQ("bad line format", ChecksumFile::read_line(in, "count", crc, &line, &value));
+    EXPECT_EQ("count=x", line);
+    EXPECT_EQ(7u, value);
+    EXPECT_EQ(adler("count=7"), crc.value());
+    EXPECT_STREQ("file read error", ChecksumFile::read_line(in, "count", crc, &line, &value));
+}
+
+TEST(ChecksumFileLoad, MissingFileAndBytes) {
+    kt::TempDir tmp;
+    ChecksumFile file;
+    std::string text = "left";
+    std::string reason;
+    EXPECT_FALSE(ChecksumFile::load(tmp.file(".chksum.podb"), "podb", &file, &text, &reason));
+    EXPECT_EQ("open file " + tmp.file(".chksum.podb") + " failed.", reason);
+    kt::write_file(tmp.file(".chksum.podb"), chksum_text(kTwo) + "tail");
+    ASSERT_TRUE(ChecksumFile::load(tmp.file(".chksum.podb"), "podb", &file, &text, &reason)) << reason;
+    EXPECT_EQ(chksum_text(kTwo) + "tail", text);
+    EXPECT_EQ(2u, file.entries.size());
+}
+
+// The atomic write: the new text in place and no temporary file; on each
+// failure before the rename, the old file and no temporary file.
+TEST(ChecksumFileWrite, ReplacesTheFileWhole) {
+    kt::TempDir tmp;
+    const std::string path = tmp.file(".chksum.podb");
+    kt::write_file(path, "old");
+    bool replaced = false;
+    kt::LogCapture log;
+    EXPECT_EQ(CR_STATUS_OK, ChecksumFile::write(tmp.path(), path, "new\n", &replaced));
+    EXPECT_TRUE(replaced);
+    EXPECT_EQ("new\n", kt::read_file(path));
+    EXPECT_EQ(std::vector<std::string>{".chksum.podb"}, kt::list_dir(tmp.path()));
+    EXPECT_EQ(0u, log.records().size()) << log.dump();
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(static_cast<mode_t>(dct::private_file_mode), st.st_mode & 0777);
+}
+
+class ChecksumFileWriteFault : public ::testing::TestWithParam<int> {};
+
+TEST_P(ChecksumFileWriteFault, OldFileStaysAndNoTemporaryIsLeft) {
+    const dct::fault_op ops[] = {dct::fault_op::open_write, dct::fault_op::write, dct::fault_op::fsync,
+                                 dct::fault_op::rename};
+    const dct::fault_op op = ops[GetParam()];
+    SCOPED_TRACE(dct::fault_op_name(op));
+    kt::TempDir tmp;
+    const std::string path = tmp.file(".chksum.podb");
+    const std::string temporary = path + ".tmp";
+    kt::write_file(path, "old");
+    bool replaced = true;
+    kt::LogCapture log;
+    cr_status_t status;
+    {
+        kt::FaultCountdown fault(1, ENOSPC, {op}, ".tmp");
+        status = ChecksumFile::write(tmp.path(), path, "new\n", &replaced);
+        EXPECT_TRUE(fault.fired());
+    }
+    EXPECT_EQ(CR_STATUS_IO, status);
+    EXPECT_FALSE(replaced);
+    EXPECT_EQ("old", kt::read_file(path));
+    EXPECT_EQ(std::vector<std::string>{".chksum.podb"}, kt::list_dir(tmp.path()));
+    const std::string message =
+        op == dct::fault_op::open_write
+            ? "persist_chksum: failed to open file " + temporary + " to persist data (" + strerror(ENOSPC) + ")."
+            : "can't persist version info file " + path + ".";
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_IO, message)) << log.dump();
+    EXPECT_EQ(1u, log.records().size()) << log.dump();
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryStep, ChecksumFileWriteFault, ::testing::Range(0, 4));
+
+// A failed directory sync comes after the rename: the new text is in place
+// and the caller is told so, with the failure.
+TEST(ChecksumFileWrite, DirectorySyncFailsAfterTheRename) {
+    kt::TempDir tmp;
+    const std::string path = tmp.file(".chksum.podb");
+    kt::write_file(path, "old");
+    bool replaced = false;
+    kt::LogCapture log;
+    cr_status_t status;
+    {
+        // Only the directory's sync fails; the temporary file's goes through.
+        int calls = 0;
+        dct::set_fault_hook([&](dct::fault_op op, const char* p) {
+            if (op == dct::fault_op::fsync && tmp.path() == p) return ++calls == 1 ? EIO : 0;
+            return 0;
+        });
+        status = ChecksumFile::write(tmp.path(), path, "new\n", &replaced);
+        dct::set_fault_hook(nullptr);
+        EXPECT_EQ(1, calls);
+    }
+    EXPECT_EQ(CR_STATUS_IO, status);
+    EXPECT_TRUE(replaced);
+    EXPECT_EQ("new\n", kt::read_file(path));
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_IO, "can't persist version info file " + path + "."))
+        << log.dump();
+}
+
+// Without write access to the directory (run as an unprivileged user, or the
+// permission is not enforced), the open fails and nothing changes.
+TEST(ChecksumFileWrite, DirectoryWithoutWriteAccess) {
+    if (geteuid() == 0) GTEST_SKIP() << "root writes anywhere; the fault tests cover the failed open";
+    kt::TempDir tmp;
+    const std::string dir = tmp.file("ro");
+    ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
+    const std::string path = dir + "/.chksum.podb";
+    kt::write_file(path, "old");
+    ASSERT_EQ(0, chmod(dir.c_str(), 0555));
+    bool replaced = true;
+    kt::LogCapture log;
+    EXPECT_EQ(CR_STATUS_ACCESS_DENIED, ChecksumFile::write(dir, path, "new\n", &replaced));
+    EXPECT_FALSE(replaced);
+    EXPECT_EQ("old", kt::read_file(path));
+    EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_ACCESS_DENIED,
+                            "persist_chksum: failed to open file " + path + ".tmp to persist data (" +
+                                strerror(EACCES) + ")."))
+        << log.dump();
+    chmod(dir.c_str(), 0755);
 }
