@@ -47,6 +47,7 @@
 #include "catalog_shadow/JournalStream.h"
 #include "catalog_shadow/ShadowCrc.h"
 #include "catalog_shadow/ShadowVersion.h"
+#include "dct/fileutil.h"  // the directory walk; its includers use the file calls too
 #include "dct/status.h"
 
 class CatalogShadowContext;
