@@ -13,14 +13,12 @@
 //   .chksum          legacy checksum file, migrated by load_versions
 //   #corrupt_T_S     damaged material set aside at S seconds since the epoch
 //
-// Checksum file (each line ends with one "\n", numbers in decimal):
-//   format=1
-//   current=N                       newest version number
-//   count=C                         versions listed
-//   T.N=db_crc                      } for each version, newest first,
-//   T.N.journal=journal_crc         } numbered N, N-1, ...
-//   T.N.journal.len=journal_lines   }
-//   self=S                          Adler-32 of the preceding lines' texts
+// The checksum file's text and its atomic write are ChecksumFile's
+// (ChecksumFile.h), a version and the version list ShadowVersion's
+// (ShadowVersion.h), the open journal JournalStream's (JournalStream.h), the
+// recovery plan RecoveryPlan's (RecoveryPlan.h); this class coordinates them
+// for one directory, under the directory lock its callers hold
+// (DirectoryLock.h), and keeps their state in memory.
 //
 // Error handling: internal failures are thrown as C-string exceptions and
 // caught by the public operation that met them, which logs
@@ -39,16 +37,18 @@
 #include <stdint.h>
 
 #include <istream>
-#include <list>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
 
+#include "catalog_shadow/ChecksumFile.h"
 #include "catalog_shadow/JournalStream.h"
+#include "catalog_shadow/ShadowCrc.h"
+#include "catalog_shadow/ShadowVersion.h"
 #include "dct/environment.h"
-#include "dct/fileutil.h"
+#include "dct/fileutil.h"  // the directory walk; its includers use the file calls too
 #include "dct/status.h"
 
 class CatalogShadowContext;
@@ -59,89 +59,6 @@ namespace sqlitedb {
 class sqlite3_wrapper;
 }
 
-// Reads the whole of a small file (a checksum file) into `text`. False (and
-// `text` empty) when it cannot be opened.
-bool read_small_file(const std::string& path, std::string* text);
-
-// One version of one database type in a shadow directory.
-class ShadowVersion {
-public:
-    ShadowVersion(const std::string& dir, const std::string& type, uint64_t version);
-
-    // T "." N and T "." N ".journal" (bare names, no directory).
-    static std::string get_db_name(const std::string& type, uint64_t version);
-    static std::string get_journal_name(const std::string& type, uint64_t version);
-
-    // Whole-file Adler-32 of the database against db_crc. 1 when they match; a
-    // mismatch logs "Detected CRC mismatch for %s. Expected %u, actually %u".
-    int check_crc_db();
-
-    // Checks the journal against journal_crc / journal_lines. Lines written
-    // after the checksum file was last persisted are cut away when the
-    // recorded prefix still matches. A recorded count of 0 with journal_crc 1
-    // is an empty journal: every line found is cut away (synced), since the
-    // writer died before any was counted. With journal_lines 0 and another
-    // checksum the whole journal is taken and journal_lines filled in (unless
-    // `env` turns auto-fix off; the first form asks the process-wide
-    // defaults). 1 when the journal matches. `after`, when given, receives the
-    // journal as the check leaves it (declared below).
-    struct JournalScan;
-    int check_crc_journal(JournalScan* after = nullptr);
-    int check_crc_journal(const dct::environment& env, JournalScan* after = nullptr);
-
-    // What one read of the journal file found: whether it could be opened,
-    // its lines, the Adler-32 of all of them, and the Adler-32 and byte
-    // position after the first journal_lines lines (1 and 0 when it has fewer).
-    struct JournalScan {
-        bool exists = false;
-        uint32_t lines = 0;
-        uint32_t crc = 1;
-        uint32_t crc_at_recorded = 1;
-        uint64_t position_at_recorded = 0;
-        uint64_t bytes = 0;  // length of the file
-        // Lines follow the recorded ones and the recorded prefix matches
-        // `recorded_crc` (or none was recorded, with crc 1): a check cuts the
-        // journal back to that prefix.
-        bool prefix_repairable(uint32_t recorded_lines, uint32_t recorded_crc) const;
-        // The checksum a check compares: that of the recorded prefix when it
-        // is repairable, else crc.
-        uint32_t effective_crc(uint32_t recorded_lines, uint32_t recorded_crc) const;
-        // The bytes a recovery replays: the prefix when repairable, else all.
-        uint64_t replayed_bytes(uint32_t recorded_lines, uint32_t recorded_crc) const;
-    };
-    // Reads the journal; changes nothing.
-    JournalScan scan_journal() const;
-
-    // check_crc_journal without its repairs, for programs that only inspect:
-    // lines beyond the recorded count are accepted when the recorded prefix
-    // matches (a check would cut them away), nothing is written and
-    // journal_lines is left as it is. 1 when the journal matches; a mismatch
-    // logs as check_crc_journal does. `scan`, when given, receives what was
-    // read.
-    int verify_journal(JournalScan* scan = nullptr) const;
-
-    // Truncates the journal file to `length` bytes and syncs it. 1 on success,
-    // 0 on failure.
-    int fix_journal(uint64_t length);
-
-    uint64_t version;
-    std::string type;
-    std::string db_name;
-    std::string journal_name;
-    std::string db_path;
-    std::string journal_path;
-    uint32_t db_crc;
-    uint32_t journal_crc;
-    uint32_t journal_lines;
-    // Set by the last check_crc_db / check_crc_journal that passed, cleared by
-    // one that failed. Nothing else reads them.
-    bool db_verified;
-    bool journal_verified;
-};
-
-typedef std::list<ShadowVersion> ShadowVersionList;
-typedef boost::shared_ptr<ShadowVersionList> ShadowVersionListPtr;
-
 class PODBShadow {
 public:
     static const std::string _podb_type_;       // "podb"
@@ -149,19 +66,8 @@ public:
     static const std::string _appdb_type_;      // "appdb"
     static const std::string _corrupt_prefix_;  // "#corrupt_"
 
-    // Running Adler-32 (zlib's adler32), starting at 1.
-    class CRC {
-    public:
-        CRC() : value_(1) {}
-        // Continues a sum taken earlier.
-        explicit CRC(uint32_t value) : value_(value) {}
-        void append(const std::string& text) { append(text.data(), text.size()); }
-        void append(const void* data, size_t length);
-        uint32_t value() const { return value_; }
-
-    private:
-        uint32_t value_;
-    };
+    // Running Adler-32 (ShadowCrc.h).
+    typedef ShadowCrc CRC;
 
     // `dir` is the real catalog directory, `shadow_dir` its mirror in the
     // shadow tree. `context` gives the version count; it may be null (then
@@ -362,11 +268,6 @@ private:
 
     cr_status_t persist_chksum_status_(const std::string& type);
     std::string compose_chksum_(const std::string& type) const;
-    // Parses the checksum file at `path`; throws the reason on damage. The
-    // file's bytes go to `text` unless it is null.
-    static void parse_chksum_file(const std::string& path, const std::string& shadow_dir,
-                                  const std::string& type, uint64_t* current, ShadowVersionList* list,
-                                  std::string* text);
     void load_versions_from_(const std::string& type, const std::string& path);
     uint64_t highest_version_on_disk_(const std::string& type) const;
     cr_status_t open_active_journal_(const std::string& type, ShadowVersion& newest);
@@ -381,36 +282,6 @@ private:
     std::string shadow_dir_;
     mutable std::recursive_mutex mutex_;
     mutable TypeState states_[3];  // "podb", "uldb", "appdb"
-};
-
-// Walk functor of move_all_as_backup: moves every file offered to it into
-// `target_dir` (under the same name, or with a ".N" suffix when that name is
-// taken). Traces "Move %s to %s"; a failed move is logged and stops the walk.
-class OpMoveFile {
-public:
-    explicit OpMoveFile(const std::string& target_dir) : target_dir_(target_dir) {}
-    int operator()(const DirItem& item);
-
-private:
-    std::string target_dir_;
-};
-
-// Walk filter: offers to `op` only the regular files of one type (see
-// PODBShadow::is_type_file); never descends.
-template <typename Op>
-class OpFilterShadowType {
-public:
-    OpFilterShadowType(const std::string& type, Op& op) : type_(type), op_(op) {}
-    int operator()(const DirItem& item) {
-        if (item.is_dir || item.stat_failed) return 1;
-        if (!PODBShadow::is_type_file(item.name, type_)) return 1;
-        int rc = op_(item);
-        return rc < 0 ? rc : 1;
-    }
-
-private:
-    std::string type_;
-    Op& op_;
 };
 
 #endif  // CATALOG_SHADOW_CATALOGSHADOWCTXPODBSHADOW_H_

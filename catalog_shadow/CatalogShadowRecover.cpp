@@ -21,6 +21,7 @@
 #include "catalog_shadow/CatalogShadowOps.h"
 #include "catalog_shadow/PODBShadowPool.h"
 #include "catalog_shadow/RecoveryPlan.h"
+#include "catalog_shadow/ShadowSetAside.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"

@@ -5,8 +5,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <zlib.h>
-
 #include <algorithm>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
@@ -27,17 +25,6 @@ namespace {
 // Version count when a shadow has no context (the configuration's default).
 const uint32_t kDefaultMaxVersionCount = 5;
 }  // namespace
-
-void PODBShadow::CRC::append(const void* data, size_t length) {
-    const Bytef* p = static_cast<const Bytef*>(data);
-    // zlib takes lengths as uInt; feed larger buffers in pieces.
-    while (length > 0) {
-        uInt n = length > 0x40000000u ? 0x40000000u : static_cast<uInt>(length);
-        value_ = static_cast<uint32_t>(adler32(value_, p, n));
-        p += n;
-        length -= n;
-    }
-}
 
 PODBShadow::PODBShadow(CatalogShadowContext* context, const std::string& dir,
                        const std::string& shadow_dir)

@@ -5,7 +5,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/ShadowSetAside.h"
 #include "dct/fileutil.h"
 #include "dct/fs.h"
 #include "dct/log.h"
