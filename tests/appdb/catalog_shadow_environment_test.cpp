@@ -98,6 +98,25 @@ protected:
         EXPECT_EQ(1u, log.count_containing("corrupt, to do recover from shadow")) << log.dump();
     }
 
+    // With `paths_extra` in the file: two rows and an uncounted journal, then
+    // a new service inserts a third row, after which the checksum file holds
+    // `count_line` and no journal was reported; then the database is lost and
+    // rebuilt (its journal replayed) by the next read.
+    void third_row_then_recovery(const std::string& paths_extra, const std::string& count_line) {
+        pool.prepare(paths_extra);
+        two_rows_with_an_uncounted_journal();
+        start();
+        log.clear();
+        insert(make_item("c", "p", "f2", "c_1", 102));
+        EXPECT_EQ(3u, shadowt::journal_lines(shadow_dir()));
+        const std::vector<std::string> lines = chksum_lines();
+        EXPECT_EQ(1, std::count(lines.begin(), lines.end(), count_line)) << kt::read_file(chksum());
+        EXPECT_EQ(0u, log.count_containing("Journal file")) << log.dump();
+
+        recover_by_reading();
+        EXPECT_TRUE(log.contains(log_level::info, 0, "Applying journal file " + journal())) << log.dump();
+    }
+
     std::string corrupted_fix_failed() const {
         return "Journal file " + journal() + " was corrupted, tried to fix but failed.";
     }
@@ -165,19 +184,8 @@ TEST_F(ShadowEnvironment, AValueThatIsNoBooleanLeavesTheSwitchUnset) {
 // journal whole before it appends, so the checksum file counts all three
 // lines, and a later recovery finds nothing wrong with the journal.
 TEST_F(ShadowEnvironment, AutoFixOnCountsTheWholeJournalBeforeAppending) {
-    pool.prepare("DisableCatalogAutoFixJournal = 0\n");
-    two_rows_with_an_uncounted_journal();
-    start();
-    log.clear();
-    insert(make_item("c", "p", "f2", "c_1", 102));
-    EXPECT_EQ(3u, shadowt::journal_lines(shadow_dir()));
-    const std::vector<std::string> lines = chksum_lines();
-    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "appdb.1.journal.len=3")) << kt::read_file(chksum());
-    EXPECT_EQ(0u, log.count_containing("Journal file")) << log.dump();
-
-    recover_by_reading();
+    third_row_then_recovery("DisableCatalogAutoFixJournal = 0\n", "appdb.1.journal.len=3");
     EXPECT_EQ(0u, log.count_message(corrupted_fix_failed())) << log.dump();
-    EXPECT_TRUE(log.contains(log_level::info, 0, "Applying journal file " + journal())) << log.dump();
 }
 
 // Auto-fix off (the file says so, with no process configuration object): the
@@ -185,19 +193,8 @@ TEST_F(ShadowEnvironment, AutoFixOnCountsTheWholeJournalBeforeAppending) {
 // the checksum file counts one line of three; the recovery reports the journal
 // as corrupted (its checksum still holds, so the rows all come back).
 TEST_F(ShadowEnvironment, AutoFixOffLeavesTheJournalUncounted) {
-    pool.prepare("DisableCatalogAutoFixJournal = 1\n");
-    two_rows_with_an_uncounted_journal();
-    start();
-    log.clear();
-    insert(make_item("c", "p", "f2", "c_1", 102));
-    EXPECT_EQ(3u, shadowt::journal_lines(shadow_dir()));
-    const std::vector<std::string> lines = chksum_lines();
-    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "appdb.1.journal.len=1")) << kt::read_file(chksum());
-    EXPECT_EQ(0u, log.count_containing("Journal file")) << log.dump();
-
-    recover_by_reading();
+    third_row_then_recovery("DisableCatalogAutoFixJournal = 1\n", "appdb.1.journal.len=1");
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE, corrupted_fix_failed())) << log.dump();
-    EXPECT_TRUE(log.contains(log_level::info, 0, "Applying journal file " + journal())) << log.dump();
 }
 
 // The same file read by a second service whose environment says nothing, in a
