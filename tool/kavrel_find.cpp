@@ -26,6 +26,7 @@
 #include "appdb/catalog_application_base.h"
 #include "appdb/catalog_list.h"
 #include "appdb/kavrel_config.h"
+#include "dct/pool_layout.h"
 #include "dct/fileutil.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -611,7 +612,7 @@ private:
         if (status != CR_STATUS_OK) {
             sink.discard();
             // A file this user may not read is said to be just that.
-            if (dct::probe_readable(path + "/" + appdb::app_db_filename) == dct::path_state::denied) {
+            if (dct::probe_readable(dct::pool_layout::db_file_in(path, dct::pool_layout::kAppdbType)) == dct::path_state::denied) {
                 ErrorA(CR_STATUS_ACCESS_DENIED, "%s: skipped %s: not readable (permission denied)", kProgram,
                        path.c_str());
                 fprintf(stderr, "%s: skipped %s: not readable (permission denied)\n", kProgram, path.c_str());

@@ -15,6 +15,7 @@
 #include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "dct/pool_layout.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace kshadow {
@@ -171,7 +172,7 @@ bool rehearse(const DatabaseReport& report, const ::RecoveryPlan& plan, Recovery
         return false;
     }
     PODBShadow shadow(nullptr, report.target.dir, report.target.shadow_dir);
-    const std::string copy = scratch.path() + "/" + PODBShadow::db_file_name(report.target.type);
+    const std::string copy = dct::pool_layout::db_file_in(scratch.path(), report.target.type);
     if (shadow.carry_out(plan, copy) != CR_STATUS_OK) {
         out->reason = "the replay of the journals fails";
         return false;
