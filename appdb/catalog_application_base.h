@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -112,6 +113,11 @@ public:
     // status (21 for a missing file) is returned.
     cr_status_t open_db(const std::string& client, const std::string& policy,
                         std::unique_ptr<catalog_store>* store);
+    // The busy timeout of the connections open_db makes: a service's
+    // environment (dct::environment::busy_timeout_ms) or, unset, the process
+    // default (set_busy_timeout_ms). Set before the object is shared.
+    void use_busy_timeout_ms(std::optional<int> ms) { busy_timeout_ms_ = ms; }
+    std::optional<int> connection_busy_timeout_ms() const { return busy_timeout_ms_; }
     // Borrows the store of client and policy from the cache, opening and
     // registering it when the cache has none or its file was replaced. The
     // caller gives it back with the cache's return_db (Auto_Return_DB).
@@ -287,6 +293,8 @@ protected:
                                     removal_check& check);
 
 private:
+    std::optional<int> busy_timeout_ms_;  // see use_busy_timeout_ms
+
     // The read of a find: names checked, the directory of client and policy
     // locked, `read` given a sink that passes on only the records the user
     // may read; a failure logged "%s: failed to query %s for %s" with `what`.

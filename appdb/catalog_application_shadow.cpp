@@ -48,7 +48,9 @@ catalog_application_impl_shadow::catalog_application_impl_shadow(
     CatalogShadowContext* shadow_ctx_in, const dct::environment& env)
     : catalog_application_base(dsid_in, database_root_in, cache_size),
       shadow_ctx(shadow_ctx_in),
-      env_(env) {}
+      env_(env) {
+    use_busy_timeout_ms(env_.busy_timeout_ms);
+}
 
 // dir_lock goes first, then the base closes the cache.
 catalog_application_impl_shadow::~catalog_application_impl_shadow() = default;

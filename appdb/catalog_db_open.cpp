@@ -101,7 +101,9 @@ cr_status_t catalog_application_base::need_create_db(const app_catalog_item& ite
 
 cr_status_t catalog_application_base::open_db(const std::string& client, const std::string& policy,
                                               std::unique_ptr<catalog_store>* store) {
-    return catalog_store::open(to_db_full_name(client, policy), store);
+    const cr_status_t status = catalog_store::open(to_db_full_name(client, policy), store);
+    if (status == CR_STATUS_OK && busy_timeout_ms_) (*store)->db().set_busy_timeout_ms(*busy_timeout_ms_);
+    return status;
 }
 
 cr_status_t catalog_application_base::open_db_with_cached(const std::string& client,

@@ -12,16 +12,19 @@ namespace appdb {
 
 namespace {
 
-// Gives `app` its own directory lock; deletes it and returns null when the
+// Gives `app` its own directory lock, and the lock's wait and the busy
+// timeout of its connections from `env`; deletes it and returns null when the
 // lock cannot be allocated.
 template <typename App>
-catalog_application* with_dir_lock(App* app) {
+catalog_application* with_dir_lock(App* app, const dct::environment& env) {
     if (app == nullptr) return nullptr;
     app->dir_lock.reset(new (std::nothrow) CatalogDirectoryLock());
     if (!app->dir_lock) {
         delete app;
         return nullptr;
     }
+    if (env.lock_wait_limit_ms) app->dir_lock->set_object_wait_limit_ms(*env.lock_wait_limit_ms);
+    app->use_busy_timeout_ms(env.busy_timeout_ms);
     return app;
 }
 
@@ -48,12 +51,12 @@ catalog_application* catalog_application_factory::create_catalog(unsigned int ds
         switch (type) {
         case APP_D_CATALOG:
             app = with_dir_lock(
-                new (std::nothrow) catalog_application_impl(dsid, database_root, cache_size));
+                new (std::nothrow) catalog_application_impl(dsid, database_root, cache_size), env);
             break;
         case APP_D_CATALOG_SHADOW:
             // The context stays the caller's.
             app = with_dir_lock(new (std::nothrow) catalog_application_impl_shadow(
-                dsid, database_root, cache_size, shadow_ctx, env));
+                dsid, database_root, cache_size, shadow_ctx, env), env);
             break;
         default:
             ErrorA(CR_STATUS_NONE, "%s: unsupported application type %d", fn,

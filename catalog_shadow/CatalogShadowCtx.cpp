@@ -24,7 +24,13 @@ CatalogShadowContext::CatalogShadowContext(CatalogShadowProxy* proxy_in, Directo
       max_version_count(5),
       shadow_pool_size(64),
       dir_lock(lock != nullptr ? lock : new DirectoryLock),
-      env_(env) {}
+      env_(env) {
+    // The catalog's lock waits as long as this service's environment allows.
+    if (env_.lock_wait_limit_ms) {
+        if (auto* catalog_lock = dynamic_cast<CatalogDirectoryLock*>(dir_lock.get()))
+            catalog_lock->set_object_wait_limit_ms(*env_.lock_wait_limit_ms);
+    }
+}
 
 const dct::environment& environment_of(const CatalogShadowContext* context) {
     return context != nullptr ? context->environment() : dct::default_environment();

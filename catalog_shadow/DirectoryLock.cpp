@@ -333,9 +333,9 @@ namespace {
 
 // Takes `dir`, or its nearest existing ancestor while it is missing, for the
 // calling thread. `ancestor` says which was taken.
-cr_status_t take(const std::string& dir, bool allow_ancestor, dir_key* key, bool* ancestor) {
-    const steady::time_point deadline =
-        steady::now() + std::chrono::milliseconds(CatalogDirectoryLock::wait_limit_ms());
+cr_status_t take(const std::string& dir, bool allow_ancestor, long wait_limit_ms, dir_key* key,
+                 bool* ancestor) {
+    const steady::time_point deadline = steady::now() + std::chrono::milliseconds(wait_limit_ms);
     const std::string path = dir.empty() ? std::string(".") : dir;
     for (;;) {
         // The directory itself first; only when it is missing is its nearest
@@ -383,7 +383,7 @@ cr_status_t CatalogDirectoryLock::Lock(const std::string& dir, unsigned int) {
     }
     dir_key key;
     bool ancestor = false;
-    const cr_status_t status = take(dir, true, &key, &ancestor);
+    const cr_status_t status = take(dir, true, object_wait_limit_ms(), &key, &ancestor);
     if (status != CR_STATUS_OK) return status;
     std::lock_guard<std::mutex> guard(frames_mutex());
     frames()[frame_owner(std::this_thread::get_id(), dir)].push_back(
@@ -418,7 +418,7 @@ cr_status_t CatalogDirectoryLock::LockCreated(const std::string& dir) {
     if (standing_in == 0) return CR_STATUS_OK;
     dir_key key;
     bool ancestor = false;
-    const cr_status_t status = take(dir, false, &key, &ancestor);
+    const cr_status_t status = take(dir, false, wait_limit_ms(), &key, &ancestor);
     if (status == CR_STATUS_MISSING) {
         ErrorA(status, "Directory %s to lock is missing", dir.c_str());
         return status;

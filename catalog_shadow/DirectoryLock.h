@@ -96,6 +96,12 @@ public:
     // lets tests provoke the timeout quickly.
     static void set_wait_limit_ms(long ms);
     static long wait_limit_ms();
+    // This object's own limit (a service's environment); a value <= 0 goes
+    // back to the process-wide one above. Set it before the object is shared.
+    void set_object_wait_limit_ms(long ms) { object_wait_limit_ms_ = ms > 0 ? ms : 0; }
+    long object_wait_limit_ms() const {
+        return object_wait_limit_ms_ > 0 ? object_wait_limit_ms_ : wait_limit_ms();
+    }
 
     // Called by whoever has just created `dir` while this thread held a lock
     // that stood in for it (its nearest existing ancestor, because `dir` was
@@ -113,6 +119,9 @@ public:
 
     // (st_dev, st_ino) of a locked directory.
     using dir_key = std::pair<dev_t, ino_t>;
+
+private:
+    long object_wait_limit_ms_ = 0;  // 0: the process-wide limit
 };
 
 #endif  // CATALOG_SHADOW_DIRECTORYLOCK_H_

@@ -61,7 +61,8 @@ cr_status_t connection::open(const std::string& path, open_mode mode, result_cod
         return map(code_);
     }
     db_ = db;
-    sqlite3_busy_timeout(db_, default_busy_timeout_ms());
+    busy_timeout_ms_ = default_busy_timeout_ms();
+    sqlite3_busy_timeout(db_, busy_timeout_ms_);
     if (codes == result_codes::extended) {
         code_ = sqlite3_extended_result_codes(db_, 1);
         if (code_ != SQLITE_OK) return map(code_);
@@ -74,7 +75,10 @@ void connection::adopt(sqlite3* db) {
     db_ = db;
 }
 
-void connection::set_busy_timeout_ms(int ms) { sqlite3_busy_timeout(db_, ms); }
+void connection::set_busy_timeout_ms(int ms) {
+    busy_timeout_ms_ = ms;
+    sqlite3_busy_timeout(db_, ms);
+}
 
 cr_status_t connection::exec(const char* sql) {
     forget_exec_message();

@@ -77,6 +77,8 @@ public:
 
     // Replaces the busy timeout of this connection.
     void set_busy_timeout_ms(int ms);
+    // The busy timeout this connection runs with (0 when closed).
+    int busy_timeout_ms() const { return db_ != nullptr ? busy_timeout_ms_ : 0; }
 
     // ---- results ----
 
@@ -151,6 +153,7 @@ private:
     sqlite3* db_ = nullptr;
     cantopen_rule cantopen_;
     int code_ = SQLITE_OK;
+    int busy_timeout_ms_ = 0;
     char* exec_message_ = nullptr;
     kept_statements kept_;
 };

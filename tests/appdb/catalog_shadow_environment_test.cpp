@@ -5,8 +5,11 @@
 // counts 0 lines is taken whole (auto-fix) or left uncounted; without the key
 // the process configuration object decides.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +17,8 @@
 #include "catalog_shadow/shadow_test_helpers.h"
 #include "catalog_shadow_fixture.h"
 #include "dct/config.h"
+#include "appdb/catalog_application_shadow.h"
+#include "appdb/catalog_store.h"
 #include "dct/environment.h"
 
 namespace {
@@ -213,6 +218,70 @@ TEST_F(ShadowEnvironment, AnotherServiceOnTheDefaultsFollowsItsOwnFile) {
     insert(make_item("c", "p", "f2", "c_1", 102));
     const std::vector<std::string> lines = chksum_lines();
     EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "appdb.1.journal.len=3")) << kt::read_file(chksum());
+}
+
+
+TEST_F(ShadowEnvironment, ConnectionsAndLocksTakeTheBusyTimeoutAndTheWaitFromTheEnvironment) {
+    env.busy_timeout_ms = 1234;
+    env.lock_wait_limit_ms = 70;
+    start();
+    insert(make_item("c", "p", "f0", "c_1", 100));
+    auto* shadow_app = dynamic_cast<appdb::catalog_application_impl_shadow*>(app.get());
+    ASSERT_NE(nullptr, shadow_app);
+    EXPECT_EQ(70, shadow_app->dir_lock->object_wait_limit_ms());
+    std::unique_ptr<appdb::catalog_store> store;
+    ASSERT_EQ(0u, shadow_app->open_db("c", "p", &store)) << log.dump();
+    EXPECT_EQ(1234, store->db().busy_timeout_ms());
+    auto* context_lock = dynamic_cast<CatalogDirectoryLock*>(ctx->dir_lock.get());
+    ASSERT_NE(nullptr, context_lock);
+    EXPECT_EQ(70, context_lock->object_wait_limit_ms());
+
+    // The plain kind from the same factory call takes them too.
+    std::unique_ptr<appdb::catalog_application> plain(appdb::catalog_application_factory::create_catalog(
+        2, pool.database_root(), appdb::APP_D_CATALOG, nullptr, 5, env));
+    auto* plain_app = dynamic_cast<appdb::catalog_application_impl*>(plain.get());
+    ASSERT_NE(nullptr, plain_app);
+    EXPECT_EQ(70, plain_app->dir_lock->object_wait_limit_ms());
+    std::unique_ptr<appdb::catalog_store> plain_store;
+    ASSERT_EQ(0u, plain_app->open_db("c", "p", &plain_store)) << log.dump();
+    EXPECT_EQ(1234, plain_store->db().busy_timeout_ms());
+}
+
+TEST_F(ShadowEnvironment, WithoutThemTheProcessDefaultsHold) {
+    start();
+    insert(make_item("c", "p", "f0", "c_1", 100));
+    auto* shadow_app = dynamic_cast<appdb::catalog_application_impl_shadow*>(app.get());
+    ASSERT_NE(nullptr, shadow_app);
+    EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(), shadow_app->dir_lock->object_wait_limit_ms());
+    std::unique_ptr<appdb::catalog_store> store;
+    ASSERT_EQ(0u, shadow_app->open_db("c", "p", &store)) << log.dump();
+    EXPECT_EQ(appdb::catalog_store::busy_timeout_ms(), store->db().busy_timeout_ms());
+}
+
+// Another holder keeps the catalog's directory for up to five seconds; the
+// process-wide wait (60 s) would outlast it and let the insert through, the
+// environment's 70 ms does not.
+TEST_F(ShadowEnvironment, AnInsertWaitsForItsDirectoryOnlyAsLongAsTheEnvironmentSays) {
+    env.lock_wait_limit_ms = 70;
+    start();
+    insert(make_item("c", "p", "f0", "c_1", 100));
+    const std::string dir = pool.db_dir(2, "c", "p");
+    std::atomic<bool> held{false};
+    std::atomic<bool> done{false};
+    std::thread holder([&]() {
+        CatalogDirectoryLock lock;
+        if (lock.Lock(dir, 2) != CR_STATUS_OK) return;
+        held = true;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!done && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        lock.Unlock(dir, 2);
+    });
+    while (!held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const cr_status_t status = app->update_catalog("admin", 1, make_item("c", "p", "f1", "c_1", 101).to_string());
+    done = true;
+    holder.join();
+    EXPECT_EQ(CR_STATUS_BUSY, status) << log.dump();
 }
 
 }  // namespace

@@ -419,3 +419,43 @@ TEST(CatalogDirectoryLockProcess, HeldDescriptorIsTheLockedDirectoryOfThisThread
     EXPECT_EQ(CatalogDirectoryLock::held_descriptor(missing), -1);
     ASSERT_EQ(lock.Unlock(missing, 2), CR_STATUS_OK);
 }
+
+// An object's own limit (a service's environment) bounds its wait, whatever the
+// process-wide limit says: the holder keeps the directory up to five seconds,
+// well inside the process-wide 60 s, so a lock that ignored its own 50 ms
+// would get the directory instead of 11.
+TEST(CatalogDirectoryLockProcess, AnObjectsOwnWaitLimitBoundsItsWait) {
+    kt::TempDir tmp;
+    CatalogDirectoryLock::set_wait_limit_ms(0);
+    CatalogDirectoryLock waiter;
+    EXPECT_EQ(waiter.object_wait_limit_ms(), CatalogDirectoryLock::wait_limit_ms());
+    waiter.set_object_wait_limit_ms(50);
+    EXPECT_EQ(waiter.object_wait_limit_ms(), 50);
+    EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(), 60000);
+
+    std::atomic<bool> held{false};
+    std::atomic<bool> done{false};
+    std::thread holder([&]() {
+        CatalogDirectoryLock lock;
+        if (lock.Lock(tmp.path(), 2) != CR_STATUS_OK) return;
+        held = true;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!done && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        lock.Unlock(tmp.path(), 2);
+    });
+    while (!held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    kt::LogCapture log;
+    const cr_status_t status = waiter.Lock(tmp.path(), 2);
+    done = true;
+    holder.join();
+    EXPECT_EQ(status, CR_STATUS_BUSY);
+    EXPECT_EQ(log.count(dct::log_level::error, CR_STATUS_BUSY,
+                        "Timed out waiting for the lock on directory " + tmp.path()),
+              1u)
+        << log.dump();
+
+    // Back to the process-wide limit.
+    waiter.set_object_wait_limit_ms(0);
+    EXPECT_EQ(waiter.object_wait_limit_ms(), 60000);
+}
