@@ -224,6 +224,7 @@ TEST_F(ShadowEnvironment, AnotherServiceOnTheDefaultsFollowsItsOwnFile) {
 TEST_F(ShadowEnvironment, ConnectionsAndLocksTakeTheBusyTimeoutAndTheWaitFromTheEnvironment) {
     env.busy_timeout_ms = 1234;
     env.lock_wait_limit_ms = 70;
+    pool.prepare("");
     start();
     insert(make_item("c", "p", "f0", "c_1", 100));
     auto* shadow_app = dynamic_cast<appdb::catalog_application_impl_shadow*>(app.get());
@@ -248,6 +249,7 @@ TEST_F(ShadowEnvironment, ConnectionsAndLocksTakeTheBusyTimeoutAndTheWaitFromThe
 }
 
 TEST_F(ShadowEnvironment, WithoutThemTheProcessDefaultsHold) {
+    pool.prepare("");
     start();
     insert(make_item("c", "p", "f0", "c_1", 100));
     auto* shadow_app = dynamic_cast<appdb::catalog_application_impl_shadow*>(app.get());
@@ -263,6 +265,7 @@ TEST_F(ShadowEnvironment, WithoutThemTheProcessDefaultsHold) {
 // environment's 70 ms does not.
 TEST_F(ShadowEnvironment, AnInsertWaitsForItsDirectoryOnlyAsLongAsTheEnvironmentSays) {
     env.lock_wait_limit_ms = 70;
+    pool.prepare("");
     start();
     insert(make_item("c", "p", "f0", "c_1", 100));
     const std::string dir = pool.db_dir(2, "c", "p");
