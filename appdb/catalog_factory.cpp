@@ -35,8 +35,10 @@ catalog_application* catalog_application_factory::create_catalog(unsigned int ds
                                                                   application_d_t type,
                                                                   CatalogShadowContext* shadow_ctx,
                                                                   unsigned int cache_size) {
+    // The plain kind never looks at the context (it may be anything).
     return create_catalog(dsid, database_root, type, shadow_ctx, cache_size,
-                          environment_of(shadow_ctx));
+                          type == APP_D_CATALOG_SHADOW ? environment_of(shadow_ctx)
+                                                       : dct::default_environment());
 }
 
 catalog_application* catalog_application_factory::create_catalog(unsigned int dsid,
