@@ -29,24 +29,6 @@ bool read_field(std::istream& in, const std::string& key, ShadowCrc& crc, uint64
     return true;
 }
 
-// Writes all of `data` to `fd`; -1 with errno set on failure.
-int write_all(int fd, const std::string& data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) {
-            errno = EIO;
-            return -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return 0;
-}
-
 }  // namespace
 
 bool read_small_file(const std::string& path, std::string* text) {
@@ -233,7 +215,8 @@ cr_status_t ChecksumFile::write(const std::string& dir, const std::string& path,
         return status;
     }
 
-    bool ok = dct::fault_point(dct::fault_op::write, tmp.c_str()) == 0 && write_all(fd, text) == 0 &&
+    bool ok = dct::fault_point(dct::fault_op::write, tmp.c_str()) == 0 &&
+              wa_write_all(fd, text.data(), text.size()) == 0 &&
               dct::fault_point(dct::fault_op::fsync, tmp.c_str()) == 0 && safe_fsync(fd) == 0;
     int e = errno;
     if (::close(fd) != 0 && ok) {

@@ -59,24 +59,6 @@ const size_t kWriteVersionOffset = 18;
 const size_t kReadVersionOffset = 19;
 const char kRollbackFormat = 1;
 
-// Writes all of `data` to `fd`; -1 with errno set on failure.
-int write_all(int fd, const char* data, size_t length) {
-    size_t done = 0;
-    while (done < length) {
-        ssize_t n = ::write(fd, data + done, length - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) {
-            errno = EIO;
-            return -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return 0;
-}
-
 // Busy handler of the copy's connection. A writer shuts readers out only while
 // it commits, but a writer that commits without pause leaves gaps of a few
 // microseconds between its commits: SQLite's own handler, whose waits grow to
@@ -278,7 +260,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
             block[kReadVersionOffset] = kRollbackFormat;
         }
         if (dct::fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
-            write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {
+            wa_write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {
             status = _crMapError("duplicate", __FILE__, __LINE__);
             break;
         }

@@ -264,6 +264,24 @@ int wa_syncdir(const char* path) {
 }
 int wa_syncdir(const std::string& path) { return wa_syncdir(path.c_str()); }
 
+int wa_write_all(int fd, const void* data, size_t length) {
+    const char* next = static_cast<const char*>(data);
+    while (length > 0) {
+        const ssize_t n = ::write(fd, next, length);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) {
+            errno = EIO;
+            return -1;
+        }
+        next += n;
+        length -= static_cast<size_t>(n);
+    }
+    return 0;
+}
+
 int CreateTreeA(const char* path, mode_t mode) { return wa_createtree(path, mode); }
 int CreateTreeA(const std::string& path, mode_t mode) { return wa_createtree(path.c_str(), mode); }
 

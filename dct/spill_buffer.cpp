@@ -1,4 +1,5 @@
 #include "dct/spill_buffer.h"
+#include "dct/fs.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -16,20 +17,6 @@ namespace {
 
 // Size of one read when the file is copied out.
 const size_t kCopyChunk = 1 << 20;
-
-// write(2) until all is written; 0 or the errno of the failure.
-int write_all(int fd, const char* data, size_t n) {
-    while (n > 0) {
-        const ssize_t w = write(fd, data, n);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        data += w;
-        n -= static_cast<size_t>(w);
-    }
-    return 0;
-}
 
 // The status of errno value `err`.
 cr_status_t mapped(int err) {
@@ -71,7 +58,7 @@ bool spill_buffer::open_file() {
 }
 
 cr_status_t spill_buffer::write_file(const char* data, size_t n) {
-    const int err = write_all(fd_, data, n);
+    const int err = wa_write_all(fd_, data, n) == 0 ? 0 : errno;
     if (err != 0) {
         const cr_status_t status = mapped(err);
         ErrorA(status, "%s: failed to write %zu bytes to the temporary file in %s (%s)", "spill_buffer", n,

@@ -45,16 +45,10 @@ void remove_keeping_errno(int fd, const std::string& path) {
     errno = e;
 }
 
+// The write of the fault seam, then all of `data`.
 int write_all(int fd, const std::string& path, const char* data, size_t length) {
     if (dct::fault_point(dct::fault_op::write, path.c_str()) != 0) return -1;
-    while (length > 0) {
-        const ssize_t n = ::write(fd, data, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
-        data += n;
-        length -= static_cast<size_t>(n);
-    }
-    return 0;
+    return wa_write_all(fd, data, length);
 }
 
 // Opens a new file for writing with exactly the private file mode.

@@ -55,6 +55,9 @@ int CreateTreeA(const std::string& path, mode_t mode);
 // (synced to disk) and then deletes the source.
 int FileMove(const char* from, const char* to);
 int FileMove(const std::string& from, const std::string& to);
+// write(2) until all `length` bytes of `data` are written, retried on EINTR.
+// 0, or -1 with errno set (EIO when the file takes no more bytes).
+int wa_write_all(int fd, const void* data, size_t length);
 // fsync, retried on EINTR.
 int safe_fsync(int fd);
 // ftruncate, retried on EINTR.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -337,4 +338,38 @@ TEST(Strings, CaseSensitivityOverride) {
 TEST(PoolDatabaseNames, Names) {
     EXPECT_STREQ(SQLitePODB::dbfilename, "po.db");
     EXPECT_STREQ(SQLiteULDB::dbfilename, "ul.db");
+}
+
+// A pipe takes at most its buffer per write(2), so a large block needs many
+// writes; the reader drains it meanwhile.
+TEST(WriteAll, WritesEveryByteAcrossShortWrites) {
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    std::string data(1 << 20, '\0');
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7);
+    std::string got;
+    std::thread reader([&]() {
+        char block[4096];
+        ssize_t n;
+        while ((n = read(fds[0], block, sizeof block)) > 0) got.append(block, static_cast<size_t>(n));
+    });
+    EXPECT_EQ(0, wa_write_all(fds[1], data.data(), data.size()));
+    close(fds[1]);
+    reader.join();
+    close(fds[0]);
+    EXPECT_TRUE(got == data);
+}
+
+TEST(WriteAll, FailureIsMinusOneWithErrno) {
+    errno = 0;
+    EXPECT_EQ(-1, wa_write_all(-1, "x", 1));
+    EXPECT_EQ(EBADF, errno);
+    // /dev/full refuses every byte with ENOSPC.
+    const int fd = open("/dev/full", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    errno = 0;
+    EXPECT_EQ(-1, wa_write_all(fd, "abc", 3));
+    EXPECT_EQ(ENOSPC, errno);
+    close(fd);
+    EXPECT_EQ(0, wa_write_all(-1, "", 0));
 }
