@@ -5,8 +5,10 @@
 
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include <string>
@@ -428,6 +430,43 @@ TEST(ChecksumFileWrite, DirectorySyncFailsAfterTheRename) {
 
 // Without write access to the directory (run as an unprivileged user, or the
 // permission is not enforced), the open fails and nothing changes.
+// The same as a user the directory is closed to, for a run as root: a child
+// becomes nobody and writes into a root-owned 0755 directory.
+TEST(ChecksumFileWrite, DirectoryWithoutWriteAccessAsAnotherUser) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    kt::TempDir tmp;
+    ASSERT_EQ(0, chmod(tmp.path().c_str(), 0755));
+    const std::string dir = tmp.file("ro");
+    ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
+    const std::string path = dir + "/.chksum.podb";
+    kt::write_file(path, "old");
+    ASSERT_EQ(0, chmod(path.c_str(), 0644));
+    fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(20);
+        std::vector<std::string> records;
+        dct::set_log_sink([&records](log_level level, cr_status_t status, const std::string& message) {
+            if (level == log_level::error) records.push_back(std::to_string(status) + " " + message);
+        });
+        bool replaced = true;
+        if (ChecksumFile::write(dir, path, "new\n", &replaced) != CR_STATUS_ACCESS_DENIED) _exit(21);
+        if (replaced) _exit(22);
+        const std::string expected = std::to_string(CR_STATUS_ACCESS_DENIED) +
+                                     " persist_chksum: failed to open file " + path +
+                                     ".tmp to persist data (" + strerror(EACCES) + ").";
+        if (records.size() != 1 || records[0] != expected) _exit(23);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_EQ("old", kt::read_file(path));
+    EXPECT_FALSE(kt::file_exists(path + ".tmp"));
+}
+
 TEST(ChecksumFileWrite, DirectoryWithoutWriteAccess) {
     if (geteuid() == 0) GTEST_SKIP() << "root writes anywhere; the fault tests cover the failed open";
     kt::TempDir tmp;
