@@ -15,6 +15,7 @@
 
 #include "appdb/catalog_application_base.h"
 #include "catalog_test_helpers.h"
+#include "common/child_process.h"
 #include "common/test_util.h"
 
 namespace {
@@ -22,16 +23,6 @@ namespace {
 using appdb::app_catalog_item;
 using catt::make_item;
 using dct::log_level;
-
-// Runs `body` in a forked child: the change comes from another process.
-template <typename Body>
-int in_other_process(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class ReplacedFile : public catt::catalog_fixture {
 protected:
@@ -69,11 +60,11 @@ protected:
     void replace_from_other_process() {
         const std::string rebuilt = rebuilt_with("g0");
         const std::string file = db_file("c", "p");
-        ASSERT_EQ(0, in_other_process([&]() { return rename(rebuilt.c_str(), file.c_str()) == 0 ? 0 : 1; }));
+        ASSERT_EQ(0, kt::run_in_child([&]() { return rename(rebuilt.c_str(), file.c_str()) == 0 ? 0 : 1; }));
     }
     void remove_from_other_process() {
         const std::string file = db_file("c", "p");
-        ASSERT_EQ(0, in_other_process([&]() { return unlink(file.c_str()) == 0 ? 0 : 1; }));
+        ASSERT_EQ(0, kt::run_in_child([&]() { return unlink(file.c_str()) == 0 ? 0 : 1; }));
     }
 };
 

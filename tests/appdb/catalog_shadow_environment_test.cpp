@@ -5,11 +5,8 @@
 // counts 0 lines is taken whole (auto-fix) or left uncounted; without the key
 // the process configuration object decides.
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -269,21 +266,10 @@ TEST_F(ShadowEnvironment, AnInsertWaitsForItsDirectoryOnlyAsLongAsTheEnvironment
     start();
     insert(make_item("c", "p", "f0", "c_1", 100));
     const std::string dir = pool.db_dir(2, "c", "p");
-    std::atomic<bool> held{false};
-    std::atomic<bool> done{false};
-    std::thread holder([&]() {
-        CatalogDirectoryLock lock;
-        if (lock.Lock(dir, 2) != CR_STATUS_OK) return;
-        held = true;
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!done && std::chrono::steady_clock::now() < until)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        lock.Unlock(dir, 2);
-    });
-    while (!held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    shadow_test::held_directory holder(dir);
+    ASSERT_TRUE(holder.held());
     const cr_status_t status = app->update_catalog("admin", 1, make_item("c", "p", "f1", "c_1", 101).to_string());
-    done = true;
-    holder.join();
+    holder.release();
     EXPECT_EQ(CR_STATUS_BUSY, status) << log.dump();
 }
 

@@ -5,7 +5,6 @@
 
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 
 #include "catalog_shadow/ChecksumFile.h"
 #include "common/fault_countdown.h"
+#include "common/child_process.h"
 #include "common/test_util.h"
 #include "dct/fs.h"
 #include "shadow_test_helpers.h"
@@ -441,28 +441,19 @@ TEST(ChecksumFileWrite, DirectoryWithoutWriteAccessAsAnotherUser) {
     const std::string path = dir + "/.chksum.podb";
     kt::write_file(path, "old");
     ASSERT_EQ(0, chmod(path.c_str(), 0644));
-    fflush(nullptr);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(20);
+    EXPECT_EQ(0, kt::run_as_nobody([&]() {
         std::vector<std::string> records;
         dct::set_log_sink([&records](log_level level, cr_status_t status, const std::string& message) {
             if (level == log_level::error) records.push_back(std::to_string(status) + " " + message);
         });
         bool replaced = true;
-        if (ChecksumFile::write(dir, path, "new\n", &replaced) != CR_STATUS_ACCESS_DENIED) _exit(21);
-        if (replaced) _exit(22);
+        if (ChecksumFile::write(dir, path, "new\n", &replaced) != CR_STATUS_ACCESS_DENIED) return 21;
+        if (replaced) return 22;
         const std::string expected = std::to_string(CR_STATUS_ACCESS_DENIED) +
                                      " persist_chksum: failed to open file " + path +
                                      ".tmp to persist data (" + strerror(EACCES) + ").";
-        if (records.size() != 1 || records[0] != expected) _exit(23);
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+        return records.size() == 1 && records[0] == expected ? 0 : 23;
+    }));
     EXPECT_EQ("old", kt::read_file(path));
     EXPECT_FALSE(kt::file_exists(path + ".tmp"));
 }

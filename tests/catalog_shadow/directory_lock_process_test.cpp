@@ -16,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "catalog_shadow/DirectoryLock.h"
+#include "catalog_shadow/shadow_test_helpers.h"
+#include "common/child_process.h"
 #include "common/test_util.h"
 #include "sqlitedb/busy_retry.h"
 
@@ -28,21 +30,10 @@ public:
     ~WaitLimit() { CatalogDirectoryLock::set_wait_limit_ms(0); }
 };
 
-// Runs `body` in a forked child and returns its exit code (-signal when killed).
-template <typename Body>
-int run_child(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (WIFSIGNALED(status)) return -WTERMSIG(status);
-    return WEXITSTATUS(status);
-}
-
 // The status a fresh lock object in a child process gets for `dir`, waiting
 // at most `ms` milliseconds.
 int child_lock_status(const std::string& dir, long ms) {
-    return run_child([&dir, ms]() {
+    return kt::run_in_child([&dir, ms]() {
         CatalogDirectoryLock::set_wait_limit_ms(ms);
         CatalogDirectoryLock lock;
         const cr_status_t status = lock.Lock(dir, 2);
@@ -203,7 +194,7 @@ TEST(CatalogDirectoryLockProcess, NeedsOnlyReadAccess) {
     ASSERT_EQ(mkdir(readable.c_str(), 0555), 0);
     ASSERT_EQ(mkdir(closed.c_str(), 0700), 0);
     ASSERT_EQ(chmod(tmp.path().c_str(), 0755), 0);
-    const int code = run_child([&]() {
+    const int code = kt::run_in_child([&]() {
         if (setgid(65534) != 0) return 101;
         if (setuid(65534) != 0) return 102;
         CatalogDirectoryLock::set_wait_limit_ms(200);
@@ -433,22 +424,11 @@ TEST(CatalogDirectoryLockProcess, AnObjectsOwnWaitLimitBoundsItsWait) {
     EXPECT_EQ(waiter.object_wait_limit_ms(), 50);
     EXPECT_EQ(CatalogDirectoryLock::wait_limit_ms(), 60000);
 
-    std::atomic<bool> held{false};
-    std::atomic<bool> done{false};
-    std::thread holder([&]() {
-        CatalogDirectoryLock lock;
-        if (lock.Lock(tmp.path(), 2) != CR_STATUS_OK) return;
-        held = true;
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!done && std::chrono::steady_clock::now() < until)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        lock.Unlock(tmp.path(), 2);
-    });
-    while (!held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    shadow_test::held_directory holder(tmp.path());
+    ASSERT_TRUE(holder.held());
     kt::LogCapture log;
     const cr_status_t status = waiter.Lock(tmp.path(), 2);
-    done = true;
-    holder.join();
+    holder.release();
     EXPECT_EQ(status, CR_STATUS_BUSY);
     EXPECT_EQ(log.count(dct::log_level::error, CR_STATUS_BUSY,
                         "Timed out waiting for the lock on directory " + tmp.path()),

@@ -6,12 +6,16 @@
 
 #include <zlib.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
+#include "catalog_shadow/DirectoryLock.h"
 #include "catalog_shadow/PODBShadowPool.h"
 #include "common/test_util.h"
 #include "dct/fs.h"
@@ -107,6 +111,40 @@ inline std::vector<std::string> entries_with_prefix(const std::string& dir, cons
     }
     return out;
 }
+
+// Another thread holds `dir` through its own CatalogDirectoryLock from the
+// constructor's return until release() (or the destructor), and at most five
+// seconds: long enough to outlast any short wait a test sets, short enough
+// that a waiter on the process-wide limit would get the directory instead.
+class held_directory {
+public:
+    explicit held_directory(const std::string& dir) : holder_([this, dir]() {
+        CatalogDirectoryLock lock;
+        if (lock.Lock(dir, 2) == CR_STATUS_OK) {
+            held_ = true;
+            const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+            while (!done_ && std::chrono::steady_clock::now() < until)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            lock.Unlock(dir, 2);
+        }
+        started_ = true;
+    }) {
+        while (!held_ && !started_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ~held_directory() { release(); }
+    // Whether the thread got the directory.
+    bool held() const { return held_; }
+    void release() {
+        done_ = true;
+        if (holder_.joinable()) holder_.join();
+    }
+
+private:
+    std::atomic<bool> held_{false};
+    std::atomic<bool> started_{false};  // the thread is past its lock (failed or ended)
+    std::atomic<bool> done_{false};
+    std::thread holder_;
+};
 
 }  // namespace shadow_test
 
