@@ -29,11 +29,11 @@
 // cannot be emptied (read-only access) is not copied from its main file.
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <sqlite3.h>
 
 #include <string>
 
@@ -91,7 +91,7 @@ public:
         if (db_.open(path_, sqlitedb::open_mode::existing) != CR_STATUS_OK) return db_.code();
         int rc = SQLITE_OK;
         // Replaces the connection's busy timeout.
-        sqlite3_busy_handler(db_.handle(), poll_busy, nullptr);
+        db_.set_busy_handler(poll_busy, nullptr);
         // A writer may commit into the log between the checkpoint that
         // emptied it and the read lock: the log is emptied once more at once,
         // and after that as often as a busy database is tried.
@@ -101,7 +101,7 @@ public:
                     rc = begin_read();
                     if (rc != SQLITE_OK || !wal_ || log_is_empty()) return CR_STATUS_OK;
                     end_read();
-                    rc = sqlite3_wal_checkpoint_v2(db_.handle(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+                    rc = db_.checkpoint_truncate();
                     const int primary = rc & 0xFF;
                     // Anything but a busy log (read-only access, damage) ends the copy.
                     if (primary != SQLITE_OK && primary != SQLITE_BUSY) return CR_STATUS_OK;
@@ -117,15 +117,10 @@ public:
     // its lock): its copy is then written in rollback-journal mode.
     bool wal() const { return wal_; }
 
-    // The connection's handle of the main database file; null when SQLite
-    // has none open.
-    sqlite3_file* file() const {
-        sqlite3_file* f = nullptr;
-        if (!db_.is_open()) return nullptr;
-        if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK) return nullptr;
-        if (f == nullptr || f->pMethods == nullptr) return nullptr;
-        return f;
-    }
+    // The main database file, read through the connection's own handle of
+    // it: SQLITE_OK, or SQLite's failure (also when it has none open).
+    int size(int64_t* bytes) const { return db_.main_file_size(bytes); }
+    int read(int64_t offset, void* buffer, int bytes) const { return db_.read_main_file(offset, buffer, bytes); }
 
     const char* errmsg() const { return db_.errmsg(); }
 
@@ -158,7 +153,7 @@ private:
     int read_journal_mode() {
         std::string mode;
         db_.read_value("PRAGMA main.journal_mode;", &mode);
-        wal_ = sqlite3_stricmp(mode.c_str(), "wal") == 0;
+        wal_ = strcasecmp(mode.c_str(), "wal") == 0;
         return db_.code();
     }
 
@@ -166,13 +161,8 @@ private:
     // main file alone. A log that holds frames is never emptied while a
     // reader of them holds its lock, so an empty one means none was there.
     bool log_is_empty() const {
-        sqlite3_file* log = nullptr;
-        sqlite3_int64 size = -1;
-        if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
-            log == nullptr || log->pMethods == nullptr) {
-            return false;
-        }
-        return log->pMethods->xFileSize(log, &size) == SQLITE_OK && size == 0;
+        int64_t size = -1;
+        return db_.log_file_size(&size) == SQLITE_OK && size == 0;
     }
 
     std::string path_;
@@ -217,9 +207,8 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
             return status;
         }
     }
-    sqlite3_file* in = snapshot.file();
-    sqlite3_int64 size = 0;
-    if (in == nullptr || in->pMethods->xFileSize(in, &size) != SQLITE_OK) {
+    int64_t size = 0;
+    if (snapshot.size(&size) != SQLITE_OK) {
         ErrorA(CR_STATUS_IO, "failed to open file %s for reading.", src.c_str());
         return CR_STATUS_IO;
     }
@@ -245,11 +234,11 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
     CRC sum;
     std::string block(kBlockSize, '\0');
     cr_status_t status = CR_STATUS_OK;
-    for (sqlite3_int64 offset = 0; offset < size;) {
-        const int n = static_cast<int>(size - offset < static_cast<sqlite3_int64>(kBlockSize)
+    for (int64_t offset = 0; offset < size;) {
+        const int n = static_cast<int>(size - offset < static_cast<int64_t>(kBlockSize)
                                            ? size - offset
-                                           : static_cast<sqlite3_int64>(kBlockSize));
-        rc = in->pMethods->xRead(in, &block[0], n, offset);
+                                           : static_cast<int64_t>(kBlockSize));
+        rc = snapshot.read(offset, &block[0], n);
         if (rc != SQLITE_OK) {
             // A short read (the file shrank under us) is as bad as a failed one.
             status = CR_STATUS_IO;

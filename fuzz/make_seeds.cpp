@@ -3,7 +3,6 @@
 // itself, and a small application database written by the catalog, shrunk
 // to 512-byte pages. Run by hand when the formats change; the output is
 // checked in under fuzz/corpus/.
-#include <sqlite3.h>
 #include <stdio.h>
 
 #include <string>
