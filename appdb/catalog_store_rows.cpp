@@ -1,5 +1,4 @@
 // catalog_store: the row operations, one attempt each.
-#include <new>
 
 #include "appdb/authentication_application.h"
 #include "appdb/catalog_store_internal.h"
@@ -273,7 +272,8 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
         if (rc != SQLITE_OK) return bind_failure(fn, file_, plan.statement, key_value, rc);
         if (!sqlitedb::format_sql(sql, catalog_delete_literal_format, plan.key_column,
                                   key_value.c_str())) {
-            throw std::bad_alloc();
+            ErrorA(CR_STATUS_NOMEM, "%s: out of memory", fn);
+            return CR_STATUS_NOMEM;
         }
         rc = stmt.step();
         if (rc == SQLITE_DONE) return CR_STATUS_OK;

@@ -113,7 +113,10 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
         } else if (!PODBShadow::sqlite_integrity_check(tmp)) {
             ErrorA(CR_STATUS_CORRUPT, "%s: Failed to run integrity check on %s. Backup failed for %s.",
                    "backup_unlocked", tmp.c_str(), source.c_str());
-            shadow->move_file_as_backup(type, tmp);
+            // A copy that could not be set aside (logged there) is deleted
+            // below with every leftover: kept, it would be taken for a version.
+            const bool set_aside = shadow->move_file_as_backup(type, tmp) == CR_STATUS_OK;
+            if (set_aside) tmp.clear();
             if (!PODBShadow::sqlite_integrity_check(source)) {
                 ErrorA(CR_STATUS_CORRUPT,
                        "%s: Integrity check on %s failed. Please contact support to take corrective actions.",
@@ -125,17 +128,15 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
                    "backup_unlocked", source.c_str());
             result = CR_STATUS_FAILED;
         } else {
-            int added = shadow->add_new_version(type, tmp, crc);
-            if (added == 1) {
+            bool unchanged = false;
+            result = shadow->add_new_version(type, tmp, crc, &unchanged);
+            if (result == CR_STATUS_OK && unchanged) {
                 InfoA(CR_STATUS_OK, "%s has no change since last backup, skip it.", source.c_str());
                 if (wa_deletefile(tmp) != 0) {
                     int e = errno;
                     WarningA(_crMapError("backup_unlocked", __FILE__, __LINE__), "Failed to delete file %s (%s).",
                              tmp.c_str(), strerror(e));
                 }
-                result = CR_STATUS_OK;
-            } else {
-                result = static_cast<cr_status_t>(added);
             }
         }
     } catch (const char* e) {

@@ -21,7 +21,7 @@ bool read_field(std::istream& in, const std::string& key, ShadowCrc& crc, uint64
                 std::string* reason) {
     std::string line;
     uint64_t v = 0;
-    if (ChecksumFile::read_line(in, key, crc, &line, &v) != nullptr || v > limit) {
+    if (ChecksumFile::read_line(in, key, crc, &line, &v) != CR_STATUS_OK || v > limit) {
         *reason = std::string("can't get value of ") + key;
         return false;
     }
@@ -56,16 +56,23 @@ bool ChecksumFile::parse_decimal(const std::string& text, uint64_t* value) {
     return true;
 }
 
-const char* ChecksumFile::read_line(std::istream& in, const std::string& key, ShadowCrc& crc, std::string* line,
-                                    uint64_t* value) {
-    if (!std::getline(in, *line)) return "file read error";
+cr_status_t ChecksumFile::read_line(std::istream& in, const std::string& key, ShadowCrc& crc, std::string* line,
+                                    uint64_t* value, const char** reason) {
+    const char* why = nullptr;
     const std::string prefix = key + "=";
-    if (line->compare(0, prefix.size(), prefix) != 0) return "bad line format";
     uint64_t v = 0;
-    if (!parse_decimal(line->substr(prefix.size()), &v)) return "bad line format";
+    if (!std::getline(in, *line)) {
+        why = "file read error";
+    } else if (line->compare(0, prefix.size(), prefix) != 0 || !parse_decimal(line->substr(prefix.size()), &v)) {
+        why = "bad line format";
+    }
+    if (why != nullptr) {
+        if (reason != nullptr) *reason = why;
+        return CR_STATUS_CORRUPT;
+    }
     crc.append(*line);
     *value = v;
-    return nullptr;
+    return CR_STATUS_OK;
 }
 
 ChecksumFile ChecksumFile::of(const std::string& type, uint64_t current, const ShadowVersionList& versions) {

@@ -125,7 +125,7 @@ cr_status_t PODBShadow::initialize(const std::string& type) {
         s.versions.reset(new ShadowVersionList);
         cr_status_t status = checkCreateWorkDir();
         if (status != CR_STATUS_OK) return status;
-        return persist_chksum_status_(type);
+        return persist_chksum(type);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "initialize", e);
         return CR_STATUS_FAILED;
