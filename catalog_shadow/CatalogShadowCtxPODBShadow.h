@@ -220,6 +220,8 @@ public:
                                 bool* unchanged = nullptr);
     // Copies `src` to `dst`, computing the copy's Adler-32 into `crc`.
     cr_status_t duplicate(const std::string& src, const std::string& dst, uint32_t* crc);
+    // Whether the database `file` passes SQLite's integrity check
+    // (sqlitedb::check_database_integrity, which logs).
     static bool sqlite_integrity_check(const std::string& file);
     // Whether the SQLite database `file` holds no table at all (what a
     // creation that failed half-way leaves). Such a file is never taken as a

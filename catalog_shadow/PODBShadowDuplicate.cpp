@@ -266,30 +266,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
     return CR_STATUS_OK;
 }
 
-bool PODBShadow::sqlite_integrity_check(const std::string& file) {
-    __TraceA("Run integrity check on SQLite database %s", file.c_str());
-    // The wrapper creates a missing file on open; a missing database is not
-    // one that passes.
-    if (wa_access(file, 0) != 0) {
-        ErrorA(CR_STATUS_MISSING, "Can't open database %s", file.c_str());
-        return false;
-    }
-    sqlitedb::sqlite3_wrapper db(file);
-    cr_status_t status = db.open_db();
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "Can't open database %s", file.c_str());
-        return false;
-    }
-    std::string result;
-    const bool ok = db.run_integrity_check(result);
-    if (ok) {
-        InfoA(CR_STATUS_OK, "Run integrity check on %s successfully.", file.c_str());
-    } else {
-        WarningA(CR_STATUS_CORRUPT, "Run integrity check on %s failed: %s", file.c_str(), result.c_str());
-    }
-    db.close_db(kCloseRetries);
-    return ok;
-}
+bool PODBShadow::sqlite_integrity_check(const std::string& file) { return sqlitedb::check_database_integrity(file); }
 
 bool PODBShadow::sqlite_holds_no_table(const std::string& file) {
     if (wa_access(file, 0) != 0) return false;

@@ -7,7 +7,8 @@
 
 #include <fstream>
 
-#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/ShadowCrc.h"
+#include "catalog_shadow/ShadowVersion.h"
 #include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
@@ -49,7 +50,7 @@ bool ShadowVersion::check_crc_db() {
         ErrorA(status, "%s: can not open file: %s (%s)", "check_crc_db", db_path.c_str(), strerror(e));
         return false;
     }
-    PODBShadow::CRC crc;
+    ShadowCrc crc;
     std::string block(kBlockSize, '\0');
     for (;;) {
         ssize_t n = ::read(fd, &block[0], kBlockSize);
@@ -76,7 +77,7 @@ bool ShadowVersion::check_crc_db() {
 
 ShadowVersion::JournalScan ShadowVersion::scan_journal() const {
     JournalScan scan;
-    PODBShadow::CRC crc;
+    ShadowCrc crc;
     uint64_t position = 0;
     std::ifstream in(journal_path.c_str(), std::ios::in | std::ios::binary);
     scan.exists = in.is_open();
