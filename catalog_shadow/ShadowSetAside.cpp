@@ -1,11 +1,13 @@
-// PODBShadow: setting damaged shadow material aside. Nothing is ever deleted:
-// files are moved into "#corrupt_<type>_<seconds>" below the shadow directory.
+// The set-aside (ShadowSetAside.h): the move of one file and PODBShadow's
+// operations built on it. Nothing is ever deleted: files are moved into
+// "#corrupt_<type>_<seconds>" below the shadow directory.
 #include <dirent.h>
 #include <errno.h>
 #include <string.h>
 #include <time.h>
 
 #include "catalog_shadow/ShadowSetAside.h"
+#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "dct/fileutil.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -24,6 +26,24 @@ std::string base_name(const std::string& path) {
     size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
+
+// Walk filter: offers to `op` only the regular files of one type (see
+// PODBShadow::is_type_file); never descends.
+template <typename Op>
+class OpFilterShadowType {
+public:
+    OpFilterShadowType(const std::string& type, Op& op) : type_(type), op_(op) {}
+    int operator()(const DirItem& item) {
+        if (item.is_dir || item.stat_failed) return 1;
+        if (!PODBShadow::is_type_file(item.name, type_)) return 1;
+        int rc = op_(item);
+        return rc < 0 ? rc : 1;
+    }
+
+private:
+    std::string type_;
+    Op& op_;
+};
 
 }  // namespace
 
