@@ -19,6 +19,7 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowOps.h"
 #include "catalog_shadow/PODBShadowPool.h"
+#include "dct/environment.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
@@ -59,6 +60,7 @@ void restrict_shadow_modes(const std::string& shadow_root, const std::string& sh
 cr_status_t CatalogShadowContext::backup(const std::string& dir) { return backup(dir, PODBShadow::_podb_type_); }
 
 cr_status_t CatalogShadowContext::backup(const std::string& dir, const std::string& type) {
+    dct::environment_scope scope(env_);
     try {
         DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
         // The lock has logged why it was not had; the backup does not start.
@@ -74,6 +76,7 @@ cr_status_t CatalogShadowContext::backup(const std::string& dir, const std::stri
 
 // `flags` is accepted for the callers' sake and has no meaning yet.
 cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const std::string& type, unsigned) {
+    dct::environment_scope scope(env_);
     if (!enabled) return CR_STATUS_OK;
     std::string tmp;
     cr_status_t result = CR_STATUS_FAILED;
@@ -154,6 +157,7 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
 }
 
 cr_status_t CatalogShadowContext::backup_all(bool app) {
+    dct::environment_scope scope(env_);
     InfoA(CR_STATUS_OK, "%s: Start to backup all catalog %s databases...", "backup_all", tree_name(app));
     if (!enabled) return CR_STATUS_OK;
     cr_status_t status = check_identity();

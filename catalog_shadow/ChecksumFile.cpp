@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -210,7 +211,7 @@ cr_status_t ChecksumFile::write(const std::string& dir, const std::string& path,
     *replaced = false;
     const std::string tmp = path + ".tmp";
     int fd = -1;
-    if (dct::fault_point(dct::fault_op::open_write, tmp.c_str()) == 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::open_write, tmp.c_str()) == 0) {
         fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
     if (fd < 0) {
@@ -222,9 +223,9 @@ cr_status_t ChecksumFile::write(const std::string& dir, const std::string& path,
         return status;
     }
 
-    bool ok = dct::fault_point(dct::fault_op::write, tmp.c_str()) == 0 &&
+    bool ok = dct::current_environment().fault_point(dct::fault_op::write, tmp.c_str()) == 0 &&
               wa_write_all(fd, text.data(), text.size()) == 0 &&
-              dct::fault_point(dct::fault_op::fsync, tmp.c_str()) == 0 && safe_fsync(fd) == 0;
+              dct::current_environment().fault_point(dct::fault_op::fsync, tmp.c_str()) == 0 && safe_fsync(fd) == 0;
     int e = errno;
     if (::close(fd) != 0 && ok) {
         ok = false;

@@ -38,6 +38,7 @@
 #include <string>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -214,7 +215,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
     }
 
     int fd = -1;
-    if (dct::fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
         fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
     // The mode exactly, whatever the umask: a copy holds the catalog's rows.
@@ -248,7 +249,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
             block[kWriteVersionOffset] = kRollbackFormat;
             block[kReadVersionOffset] = kRollbackFormat;
         }
-        if (dct::fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
+        if (dct::current_environment().fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
             wa_write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {
             status = _crMapError("duplicate", __FILE__, __LINE__);
             break;

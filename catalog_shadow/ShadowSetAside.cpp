@@ -4,10 +4,10 @@
 #include <dirent.h>
 #include <errno.h>
 #include <string.h>
-#include <time.h>
 
 #include "catalog_shadow/ShadowSetAside.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/environment.h"
 #include "dct/fileutil.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -68,8 +68,9 @@ int OpMoveFile::operator()(const DirItem& item) {
 }
 
 cr_status_t PODBShadow::new_backup_dir(const std::string& type, std::string* dir) {
-    const std::string path =
-        shadow_dir_ + "/" + _corrupt_prefix_ + type + "_" + std::to_string(static_cast<long long>(time(nullptr)));
+    // Seconds since the epoch by the clock of the environment at work.
+    const unsigned long seconds = dct::current_environment().now_ms() / 1000UL;
+    const std::string path = shadow_dir_ + "/" + _corrupt_prefix_ + type + "_" + std::to_string(seconds);
     if (wa_createtree_synced(path, dct::private_dir_mode) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("new_backup_dir", __FILE__, __LINE__);

@@ -183,7 +183,7 @@ cr_status_t ShadowVersion::fix_journal(uint64_t length) {
     }
     // The cut must reach the disk before anything counts on it: a checksum
     // file written later describes the journal as it is now.
-    if (dct::fault_point(dct::fault_op::fsync, journal_path.c_str()) != 0 || safe_fsync(fd) != 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::fsync, journal_path.c_str()) != 0 || safe_fsync(fd) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
         ErrorA(status, "%s: fsync file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));

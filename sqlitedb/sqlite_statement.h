@@ -127,7 +127,7 @@ private:
 
 // Closes `db`. A close that answers busy (a statement of the connection is
 // still alive) is tried again after `on_busy(n)` (n from 0) and a one-second
-// sleep, `retries` more times; a connection still busy after retries + 1
+// sleep (through the thread's environment), `retries` more times; a connection still busy after retries + 1
 // closes is left behind, so that no caller blocks for ever. Returns the
 // result of the last close (SQLITE_BUSY when left behind).
 int close_retrying(sqlite3* db, unsigned long retries,

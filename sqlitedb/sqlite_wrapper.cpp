@@ -12,7 +12,6 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "dct/sleep.h"
 #include "sqlitedb/busy_retry.h"
 #include "sqlitedb/sqlite_statement.h"
 #include "sqlitedb/sqlite_status.h"
