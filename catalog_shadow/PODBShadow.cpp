@@ -137,6 +137,8 @@ void PODBShadow::load_all() {
     const std::string* types[] = {&_podb_type_, &_uldb_type_, &_appdb_type_};
     for (const std::string* type : types) {
         if (exist(*type)) {
+            // A damaged file is logged there and leaves the type reset: the
+            // load of the others goes on either way.
             load_versions(*type, true);
         } else {
             // A query must leave nothing behind: no directory, no file.

@@ -118,6 +118,8 @@ cr_status_t PODBShadow::add_new_version(const std::string& type, const std::stri
         }
         // The next journal line opens the new version's journal.
         reset_db_active_journal_(type, boost::shared_ptr<JournalStream>());
+        // A pruned version that cannot be deleted is warned about there; it
+        // is no longer listed, and the new version stands.
         for (const ShadowVersion& old : pruned) remove_version(old);
         return CR_STATUS_OK;
     } catch (const char* e) {
