@@ -152,7 +152,7 @@ bool connection::holds_no_schema() {
     return code_ == SQLITE_ROW && sqlite3_column_int64(stmt.get(), 0) == 0;
 }
 
-bool connection::is_read_only() const { return sqlite3_db_readonly(db_, "main") != 0; }
+bool connection::is_read_only() const { return db_ == nullptr || sqlite3_db_readonly(db_, "main") != 0; }
 
 bool connection::has_moved() const {
     int moved = 0;
@@ -162,10 +162,13 @@ bool connection::has_moved() const {
     return moved != 0;
 }
 
-void connection::set_busy_handler(busy_handler handler, void* arg) { sqlite3_busy_handler(db_, handler, arg); }
+void connection::set_busy_handler(busy_handler handler, void* arg) {
+    if (db_ != nullptr) sqlite3_busy_handler(db_, handler, arg);
+}
 
 int connection::checkpoint_truncate() {
-    code_ = sqlite3_wal_checkpoint_v2(db_, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    code_ = db_ == nullptr ? SQLITE_MISUSE
+                           : sqlite3_wal_checkpoint_v2(db_, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     return code_;
 }
 

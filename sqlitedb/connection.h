@@ -150,12 +150,13 @@ public:
 
     // Replaces the busy timeout with `handler` (see sqlite3_busy_handler:
     // called with `arg` and the count of busy tries so far; nonzero waits
-    // and tries again). The timeout given later replaces it in turn.
+    // and tries again). The timeout given later replaces it in turn. Nothing
+    // happens when closed.
     using busy_handler = int (*)(void* arg, int count);
     void set_busy_handler(busy_handler handler, void* arg);
 
     // Checkpoints a write-ahead log into the main file and truncates it
-    // (TRUNCATE). SQLite's code; also in code().
+    // (TRUNCATE). SQLite's code (SQLITE_MISUSE when closed); also in code().
     int checkpoint_truncate();
 
     // Reads through SQLite's own handle of the main file, or of its log or

@@ -530,6 +530,9 @@ TEST(ConnectionFiles, TheBusyHandlerReplacesTheTimeout) {
     EXPECT_EQ(11u, db.exec("BEGIN IMMEDIATE;"));
     EXPECT_EQ(SQLITE_BUSY, db.code() & 0xFF);
     EXPECT_EQ((std::vector<int>{0, 1, 2}), seen);
+    connection closed;
+    closed.set_busy_handler(count_busy_calls, &seen);
+    EXPECT_EQ(SQLITE_MISUSE, closed.checkpoint_truncate());
 }
 
 // ---- closing ----
