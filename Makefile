@@ -15,9 +15,19 @@ JOBS       ?= 2
 CTEST_JOBS ?= 2
 
 # Debian packages the build and the tests need (restic and openssh-server:
-# the off-site copy's tests run restic against a private sshd over SFTP).
+# the off-site copy's tests run restic against a private sshd over SFTP;
+# groff-base and systemd: the manual pages are checked with groff and the
+# systemd units with systemd-analyze, and those tests are skipped without them).
 DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev nlohmann-json3-dev \
-                libgtest-dev libgmock-dev libbenchmark-dev python3 restic openssh-server
+                libgtest-dev libgmock-dev libbenchmark-dev python3 restic openssh-server groff-base systemd
+# make fuzz: clang, its libFuzzer and sanitizer runtimes (not a dependency of
+# clang itself), and llvm-symbolizer, without which a sanitizer report names no
+# function or line. The unversioned names follow the release's default clang.
+FUZZ_PACKAGES := clang libclang-rt-dev llvm
+# make bench: strace (BENCH_SYSCALLS=1, scripts/bench_syscalls.sh), time (peak
+# memory of the off-site rows) and procps (free, for the machine line); sqlite3
+# and restic, the other programs it runs, are build dependencies already.
+BENCH_PACKAGES := strace time procps
 
 # Recursive makes (the demo's build, CMake's own makefiles) stay quiet about the
 # directories they enter; the build's progress lines are what a reader needs.
@@ -82,14 +92,14 @@ demo:
 
 bench:
 	$(call need_script,scripts/bench.sh,bench)
-	$(MAKE) deps
+	$(MAKE) deps DEB_PACKAGES="$(DEB_PACKAGES) $(BENCH_PACKAGES)"
 	$(call configure_build,build-bench,Release,-DKAVREL_BUILD_BENCH=ON -DKAVREL_BUILD_TESTS=OFF)
 	BUILD_DIR=build-bench bash scripts/bench.sh
 
 # The fuzz targets build with clang and link libFuzzer from its runtime package.
 fuzz:
 	$(call need_script,scripts/fuzz.sh,fuzz)
-	$(MAKE) deps DEB_PACKAGES="$(DEB_PACKAGES) clang libclang-rt-14-dev"
+	$(MAKE) deps DEB_PACKAGES="$(DEB_PACKAGES) $(FUZZ_PACKAGES)"
 	BUILD_DIR=build-fuzz bash scripts/fuzz.sh
 
 deb:
