@@ -56,7 +56,7 @@ appdb_value* appdb_cache::get_db(const std::string& path) {
     }
     appdb_value* v = it->second;
     del_priority(v->time_visit, path);
-    v->time_visit = dct::now_ms();
+    v->time_visit = env_.now_ms();
     cache_.erase(it);
     if (no_return_cache_.count(path) != 0) {
         // Cannot happen while the invariant holds; the value is not put back.
@@ -87,7 +87,7 @@ appdb_value* appdb_cache::create_db(const std::string& path, std::unique_ptr<cat
         return nullptr;
     }
     InfoA(0, "%s: create app db cache value for %s", __func__, path.c_str());
-    appdb_value* v = new (std::nothrow) appdb_value{std::move(store), dct::now_ms()};
+    appdb_value* v = new (std::nothrow) appdb_value{std::move(store), env_.now_ms()};
     if (v == nullptr) {
         ErrorA(CR_STATUS_NONE, "%s: out of memory", __func__);
         return nullptr;
@@ -135,7 +135,7 @@ bool appdb_cache::return_db(const std::string& path, appdb_value* v) {
         delete v;
         return false;
     }
-    v->time_visit = dct::now_ms();
+    v->time_visit = env_.now_ms();
     if (!add_priority(v->time_visit, path)) {
         ErrorA(CR_STATUS_NONE, "%s: add_priority failed for %s", __func__, path.c_str());
         cache_.erase(path);

@@ -25,6 +25,7 @@
 
 #include "appdb/catalog_store.h"
 #include "catalog_shadow/DirectoryLock.h"
+#include "dct/environment.h"
 
 namespace appdb {
 
@@ -32,7 +33,7 @@ namespace appdb {
 // handed out; deleting it closes the store.
 struct appdb_value {
     std::unique_ptr<catalog_store> store;
-    unsigned long time_visit;  // last hand-out or return, ms since the epoch (dct::now_ms)
+    unsigned long time_visit;  // last hand-out or return, ms since the epoch (the cache's clock)
     // The file the store has open, as its directory named it when the store
     // was last found not moved: later checks look its name up in the locked
     // directory's descriptor and compare, instead of resolving the whole path.
@@ -49,6 +50,10 @@ public:
     ~appdb_cache();
     appdb_cache(const appdb_cache&) = delete;
     appdb_cache& operator=(const appdb_cache&) = delete;
+
+    // The clock the visits are timed by: `env`'s (a copy is kept); the
+    // default environment's until given. Set before the cache is shared.
+    void use_environment(const dct::environment& env) { env_ = env; }
 
     // Hands out the idle connection of `path`, or null when there is none
     // (the caller then opens the file and registers it with create_db).
@@ -108,6 +113,7 @@ private:
     const unsigned int capacity_;
     mutable pthread_mutex_t mutex_;
     CatalogDirectoryLock* dir_lock_;  // may be null if its allocation failed
+    dct::environment env_;            // its clock times the visits
 };
 
 }  // namespace appdb

@@ -33,6 +33,12 @@ catalog_application_base::catalog_application_base(unsigned int dsid_in,
 // The cache closes every connection it still holds when it is destroyed.
 catalog_application_base::~catalog_application_base() = default;
 
+void catalog_application_base::use_environment(const dct::environment& env) {
+    service_env_ = env;
+    use_busy_timeout_ms(env.busy_timeout_ms);
+    if (cache) cache->use_environment(env);
+}
+
 bool catalog_application_base::shadow_copy_exist(const std::string&, const std::string&) {
     return false;
 }

@@ -24,6 +24,7 @@
 #include "appdb/catalog_item_sink.h"
 #include "appdb/catalog_store.h"
 #include "catalog_shadow/DirectoryLock.h"
+#include "dct/environment.h"
 #include "dct/status.h"
 
 namespace appdb {
@@ -118,6 +119,13 @@ public:
     // default (set_busy_timeout_ms). Set before the object is shared.
     void use_busy_timeout_ms(std::optional<int> ms) { busy_timeout_ms_ = ms; }
     std::optional<int> connection_busy_timeout_ms() const { return busy_timeout_ms_; }
+    // The environment the object serves with (a copy of `env`): its busy
+    // timeout (use_busy_timeout_ms), the cache's clock, and the thread's
+    // environment during every public operation (clock, sleep, fault seam,
+    // log sink). The default environment until given; set before the object
+    // is shared.
+    void use_environment(const dct::environment& env);
+    const dct::environment& service_environment() const { return service_env_; }
     // Borrows the store of client and policy from the cache, opening and
     // registering it when the cache has none or its file was replaced. The
     // caller gives it back with the cache's return_db (Auto_Return_DB).
@@ -294,6 +302,7 @@ protected:
 
 private:
     std::optional<int> busy_timeout_ms_;  // see use_busy_timeout_ms
+    dct::environment service_env_;        // see use_environment
 
     // The read of a find: names checked, the directory of client and policy
     // locked, `read` given a sink that passes on only the records the user

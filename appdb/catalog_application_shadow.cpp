@@ -9,7 +9,7 @@ namespace appdb {
 
 catalog_application_impl_shadow::operation_scope::operation_scope(
     catalog_application_impl_shadow& app)
-    : app_(app), context_(&own_) {
+    : app_(app), context_(&own_), environment_(app.env_) {
     std::lock_guard<std::mutex> guard(app_.operations_mutex_);
     // Only the outermost scope of the thread registers; the map's entry then
     // points at its context until it ends.
@@ -49,7 +49,7 @@ catalog_application_impl_shadow::catalog_application_impl_shadow(
     : catalog_application_base(dsid_in, database_root_in, cache_size),
       shadow_ctx(shadow_ctx_in),
       env_(env) {
-    use_busy_timeout_ms(env_.busy_timeout_ms);
+    use_environment(env_);
 }
 
 // dir_lock goes first, then the base closes the cache.

@@ -155,7 +155,8 @@ private:
 
     // Marks the extent of one public operation on the calling thread. The
     // outermost scope owns the operation's context and makes it the thread's
-    // current one on this object; nested scopes only count.
+    // current one on this object; nested scopes only count. The object's
+    // environment is the thread's meanwhile.
     class operation_scope {
     public:
         explicit operation_scope(catalog_application_impl_shadow& app);
@@ -167,6 +168,7 @@ private:
         catalog_application_impl_shadow& app_;
         operation_context own_;     // used when this scope is the outermost
         operation_context* context_;  // the operation this scope belongs to
+        dct::environment_scope environment_;  // the object's, for the thread
     };
 
     // The operation the calling thread runs on this object, or null outside

@@ -1,8 +1,7 @@
 #include "appdb/catalog_filter.h"
 
-#include <sqlite3.h>
-
 #include "appdb/catalog_fields.h"
+#include "sqlitedb/sqlite_status.h"
 
 namespace appdb {
 
@@ -73,7 +72,7 @@ catalog_filter_statement make_filter_statement(const catalog_filter& f) {
 }
 
 bool catalog_glob_match(const std::string& pattern, const std::string& text) {
-    return sqlite3_strglob(pattern.c_str(), text.c_str()) == 0;
+    return sqlitedb::glob_match(pattern.c_str(), text.c_str());
 }
 
 const char* catalog_filter_value_refusal(const std::string& value) {

@@ -31,7 +31,7 @@ void restore_journal_mode(sqlitedb::connection& db, const std::string& file) {
     std::string mode;
     // A file that cannot be read here is reported by the operation.
     if (db.read_value("PRAGMA main.journal_mode;", &mode) != CR_STATUS_OK || mode != "wal") return;
-    if (!catalog_store::journal_mode_switch() || sqlite3_db_readonly(db.handle(), "main") != 0) {
+    if (!catalog_store::journal_mode_switch() || db.is_read_only()) {
         WarningA(CR_STATUS_OK, "%s: app db %s is in journal mode %s, read as it is", "open_db", file.c_str(),
                  mode.c_str());
         return;
@@ -46,7 +46,7 @@ void restore_journal_mode(sqlitedb::connection& db, const std::string& file) {
     } else {
         WarningA(catalog_store::map_status(rc),
                  "%s: app db %s is in journal mode %s and could not be switched back to %s (%d, %s), read as it is",
-                 "open_db", file.c_str(), mode.c_str(), kCatalogJournalMode, rc, sqlite3_errstr(rc));
+                 "open_db", file.c_str(), mode.c_str(), kCatalogJournalMode, rc, sqlitedb::errstr(rc));
     }
 }
 
@@ -61,7 +61,7 @@ cr_status_t exec_schema_statement(const char* fn, sqlitedb::connection& db, cons
     if (status == CR_STATUS_OK) return CR_STATUS_OK;
     const int rc = db.code();
     ErrorA(status, "%s: %s: failed to execute \"%s\", (%d, %s)", fn, name.c_str(), sql, rc,
-           db.exec_message() != nullptr ? db.exec_message() : sqlite3_errstr(rc));
+           db.exec_message() != nullptr ? db.exec_message() : sqlitedb::errstr(rc));
     return status;
 }
 
@@ -83,11 +83,11 @@ cr_status_t step_all(sqlitedb::connection& db, const std::string& name, const ch
         rc = db.code();
         const cr_status_t status = catalog_store::map_status(rc);
         ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(), sql, rc,
-               sqlite3_errstr(rc));
+               sqlitedb::errstr(rc));
         return status;
     }
     for (;;) {
-        rc = sqlite3_step(stmt.get());
+        rc = stmt.ref().step();
         if (rc == SQLITE_DONE) return CR_STATUS_OK;
         if (rc != SQLITE_ROW) {
             const cr_status_t status = catalog_store::map_status(rc);
@@ -95,7 +95,7 @@ cr_status_t step_all(sqlitedb::connection& db, const std::string& name, const ch
                    db.errmsg());
             return status;
         }
-        row(stmt.get());
+        row(stmt.ref());
     }
 }
 
@@ -108,27 +108,26 @@ cr_status_t out_of_memory(const char* fn) {
 
 // ---- rows ----
 
-void decode_row(sqlite3_stmt* stmt, app_catalog_item& item) {
+void decode_row(sqlitedb::statement_ref stmt, app_catalog_item& item) {
     for (int c = 0; c < catalog_crc_column; ++c) {
         const catalog_column& column = catalog_columns[c];
         if (!column.checked) continue;
         const catalog_field& f = catalog_fields[column.field];
         if (!f.is_text()) {
             f.set_number(item, f.kind == field_kind::u32 || f.kind == field_kind::role
-                                   ? sqlite3_column_int(stmt, c)
-                                   : sqlite3_column_int64(stmt, c));
+                                   ? stmt.column_int(c)
+                                   : stmt.column_int64(c));
             continue;
         }
         // The schema allows NULL; rows written here never hold one. NULL
         // reads as the empty string. assign keeps the string's capacity, so
         // an item decoded into again and again stops allocating.
-        const unsigned char* text = sqlite3_column_text(stmt, c);
+        const std::string_view text = stmt.column_text(c);
         std::string& out = item.*f.text;
-        if (text == nullptr) {
+        if (text.empty()) {
             out.clear();
         } else {
-            out.assign(reinterpret_cast<const char*>(text),
-                       static_cast<size_t>(sqlite3_column_bytes(stmt, c)));
+            out.assign(text.data(), text.size());
         }
     }
 }
@@ -163,7 +162,7 @@ catalog_store::~catalog_store() {
     });
     if (rc != SQLITE_OK && rc != SQLITE_BUSY) {
         ErrorA(map_status(rc), "%s: failed to close db %s (%d, %s)", "close_sqlite3_db",
-               file_.c_str(), rc, sqlite3_errstr(rc));
+               file_.c_str(), rc, sqlitedb::errstr(rc));
     }
 }
 
@@ -189,7 +188,7 @@ cr_status_t catalog_store::open(const std::string& file, std::unique_ptr<catalog
     const int rc = db.code();
     if (!db.is_open()) {
         ErrorA(status, "%s: could not open db %s,(%d, %s)", "open_db", file.c_str(), rc,
-               sqlite3_errstr(rc));
+               sqlitedb::errstr(rc));
         return status;
     }
     if (status != CR_STATUS_OK) {
@@ -210,7 +209,7 @@ cr_status_t catalog_store::create(const std::string& file) {
     if (status != CR_STATUS_OK) {
         const int rc = db.code();
         ErrorA(status, "%s: could not open db %s, (%d, %s)", "create_db", file.c_str(), rc,
-               sqlite3_errstr(rc));
+               sqlitedb::errstr(rc));
         return status;
     }
     // A file left behind by a failed statement stays as it is: it is neither
@@ -218,13 +217,7 @@ cr_status_t catalog_store::create(const std::string& file) {
     return create_schema("create_db", db, file);
 }
 
-bool catalog_store::has_moved() const {
-    int moved = 0;
-    if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK) {
-        return false;
-    }
-    return moved != 0;
-}
+bool catalog_store::has_moved() const { return db_.has_moved(); }
 
 bool catalog_store::holds_no_table() const { return db_.holds_no_schema(); }
 
@@ -260,8 +253,8 @@ bool catalog_store::run_pragma(const std::string& sql, const std::string& expect
 cr_status_t count_catalog_rows(sqlitedb::connection& db, const std::string& name, uint64_t* rows) {
     *rows = 0;
     return step_all(db, name, "count_catalog_rows", "SELECT count(*) FROM catalog;",
-                    [rows](sqlite3_stmt* stmt) {
-                        *rows = static_cast<uint64_t>(sqlite3_column_int64(stmt, 0));
+                    [rows](sqlitedb::statement_ref stmt) {
+                        *rows = static_cast<uint64_t>(stmt.column_int64(0));
                     });
 }
 
@@ -272,10 +265,10 @@ cr_status_t check_catalog_rows(sqlitedb::connection& db, const std::string& name
     bad_items->clear();
     try {
         app_catalog_item item;
-        return step_all(db, name, fn, "SELECT * FROM catalog;", [&](sqlite3_stmt* stmt) {
+        return step_all(db, name, fn, "SELECT * FROM catalog;", [&](sqlitedb::statement_ref stmt) {
             ++*rows;
             decode_row(stmt, item);
-            if (sqlite3_column_count(stmt) != catalog_column_count ||
+            if (stmt.column_count() != catalog_column_count ||
                 stored_crc(stmt) != catalog_row_crc(item)) {
                 const std::string text = item.to_string();
                 ErrorA(CR_STATUS_NONE, "%s: crc mismatch for app cat item %s", fn, text.c_str());

@@ -169,7 +169,7 @@ private:
     // `policy`. A file without its table has no rows (0).
     cr_status_t run_select(const std::string& sql, const std::string& client,
                            const std::string& policy, catalog_item_sink& sink,
-                           const std::function<cr_status_t(sqlite3_stmt*)>& bind);
+                           const std::function<cr_status_t(sqlitedb::statement_ref)>& bind);
 
     explicit catalog_store(const std::string& file);
 

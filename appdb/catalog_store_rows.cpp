@@ -1,5 +1,5 @@
-// catalog_store: the row operations, one attempt each.
-#include <new>
+// catalog_store: the row operations on one open database, one attempt each
+// (the application's retries around them are in catalog_application_rows.cpp).
 
 #include "appdb/authentication_application.h"
 #include "appdb/catalog_store_internal.h"
@@ -27,7 +27,7 @@ cr_status_t step_failure(const char* fn, const sqlitedb::connection& db, const s
 cr_status_t prepare_failure(const char* fn, const std::string& name, const char* sql, int rc) {
     const cr_status_t status = catalog_store::map_status(rc);
     ErrorA(status, "%s: DB[%s] failed to prepare [%s] (%d, %s).", fn, name.c_str(), sql, rc,
-           sqlite3_errstr(rc));
+           sqlitedb::errstr(rc));
     return status;
 }
 
@@ -35,28 +35,28 @@ cr_status_t bind_failure(const char* fn, const std::string& name, const std::str
                          const std::string& key, int rc) {
     const cr_status_t status = catalog_store::map_status(rc);
     ErrorA(status, "%s: DB[%s] failed to bind [%s] %s (%d, %s).", fn, name.c_str(), sql.c_str(),
-           key.c_str(), rc, sqlite3_errstr(rc));
+           key.c_str(), rc, sqlitedb::errstr(rc));
     return status;
 }
 
 // Binds every column of `item` with checksum `crc` to the prepared insert,
 // walking the column table. SQLite's code of the first failing bind, or 0.
-int bind_row(sqlite3_stmt* stmt, const app_catalog_item& item, uint32_t crc) {
+int bind_row(sqlitedb::statement_ref stmt, const app_catalog_item& item, uint32_t crc) {
     for (int c = 0; c < catalog_column_count; ++c) {
         const catalog_column& column = catalog_columns[c];
         int rc;
         if (column.field < 0) {
-            rc = sqlite3_bind_int(stmt, c + 1, static_cast<int>(crc));
+            rc = stmt.bind_int(c + 1, static_cast<int>(crc));
         } else {
             const catalog_field& f = catalog_fields[column.field];
             if (f.is_text()) {
                 // Both the key and the file name column point into the
                 // caller's item, which outlives the statement's use.
-                rc = bind_text(stmt, c + 1, item.*f.text);
+                rc = stmt.bind_text(c + 1, item.*f.text);
             } else if (f.kind == field_kind::u32 || f.kind == field_kind::role) {
-                rc = sqlite3_bind_int(stmt, c + 1, static_cast<int>(f.bound_number(item)));
+                rc = stmt.bind_int(c + 1, static_cast<int>(f.bound_number(item)));
             } else {
-                rc = sqlite3_bind_int64(stmt, c + 1, f.bound_number(item));
+                rc = stmt.bind_int64(c + 1, f.bound_number(item));
             }
         }
         if (rc != SQLITE_OK) return rc;
@@ -86,15 +86,104 @@ cr_status_t transaction_statement(const char* fn, sqlitedb::connection& db, cons
     return step_failure(fn, db, name, "%s: DB[%s] failed to step %s (%d, %s).", sql, db.code());
 }
 
+// Runs the plan's own delete of every row of the key; its literal text goes
+// to `sql`. A file without its table has no rows to delete.
+cr_status_t delete_all(const char* fn, sqlitedb::connection& db, const std::string& file,
+                       const removal_plan& plan, const std::string& key_value, std::string& sql) {
+    sqlitedb::statement once;
+    sqlitedb::statement_ref stmt = db.kept(plan.statement, &once);
+    int rc = db.code();
+    if (rc != SQLITE_OK) {
+        if (db.holds_no_schema()) return CR_STATUS_OK;  // no table, no rows
+        return prepare_failure(fn, file, plan.statement, rc);
+    }
+    sqlitedb::statement_use use(stmt);
+    rc = stmt.bind_text(1, key_value);
+    if (rc != SQLITE_OK) return bind_failure(fn, file, plan.statement, key_value, rc);
+    if (!sqlitedb::format_sql(sql, catalog_delete_literal_format, plan.key_column, key_value.c_str())) {
+        ErrorA(CR_STATUS_NOMEM, "%s: out of memory", fn);
+        return CR_STATUS_NOMEM;
+    }
+    rc = stmt.step();
+    if (rc == SQLITE_DONE) return CR_STATUS_OK;
+    return step_failure(fn, db, file, "%s: DB[%s] failed to step %s (%d, %s).", sql, rc);
+}
+
+// Selects the rows the plan's delete would remove, counting them into
+// `check` and putting the file names of those the caller may remove into
+// `removable`; the owner of the first row kept goes to check->kept_owner. A
+// row whose checksum does not match makes the database corrupt (67).
+cr_status_t select_removable(const char* fn, sqlitedb::connection& db, const std::string& file,
+                             const removal_plan& plan, const std::string& key_value, removal_check* check,
+                             std::vector<std::string>* removable) {
+    app_query selector;
+    selector.type = plan.selector;
+    std::string select_sql;
+    selector.query_sql(select_sql);
+    sqlitedb::statement once;
+    sqlitedb::statement_ref select = db.kept(select_sql, &once);
+    int rc = db.code();
+    if (rc != SQLITE_OK) return prepare_failure(fn, file, select_sql.c_str(), rc);
+    sqlitedb::statement_use use(select);
+    rc = select.bind_bytes(1, key_value);
+    if (rc != SQLITE_OK) return bind_failure(fn, file, select_sql, key_value, rc);
+    authentication_application& rule = auth_app_factory::get_instance();
+    app_catalog_item row;
+    for (;;) {
+        rc = select.step();
+        if (rc == SQLITE_DONE) return CR_STATUS_OK;
+        if (rc != SQLITE_ROW) {
+            return step_failure(fn, db, file, "%s: DB[%s] failed to step [%s] (%d, %s).", select_sql, rc);
+        }
+        decode_row(select, row);
+        if (stored_crc(select) != catalog_row_crc(row)) {
+            // The owner of a damaged row cannot be trusted: the database is
+            // reported corrupt, as a query of it would be.
+            ErrorA(CR_STATUS_NONE, "%s: crc mismatch for app cat item %s", fn, row.to_string().c_str());
+            return CR_STATUS_CORRUPT;
+        }
+        ++check->matched;
+        if (rule.authenticate(check->user, check->role, &row, AUTH_AC_REMOVE, false) == CR_STATUS_OK) {
+            removable->push_back(row.file_name);
+        } else if (check->kept_owner.empty()) {
+            check->kept_owner = row.owner;
+        }
+    }
+}
+
+// Deletes each row named in `names` by its file name; `sql` gets the one
+// journal statement naming exactly those rows.
+cr_status_t delete_names(const char* fn, sqlitedb::connection& db, const std::string& file,
+                         const std::vector<std::string>& names, std::string& sql) {
+    sqlitedb::statement once;
+    sqlitedb::statement_ref stmt = db.kept(catalog_delete_by_name_sql, &once);
+    int rc = db.code();
+    if (rc != SQLITE_OK) return prepare_failure(fn, file, catalog_delete_by_name_sql, rc);
+    std::string listed;
+    for (const std::string& file_name : names) {
+        sqlitedb::statement_use use(stmt);
+        rc = stmt.bind_bytes(1, file_name);
+        if (rc != SQLITE_OK) return bind_failure(fn, file, catalog_delete_by_name_sql, file_name, rc);
+        rc = stmt.step();
+        if (rc != SQLITE_DONE) {
+            return step_failure(fn, db, file, "%s: DB[%s] failed to step %s (%d, %s).", file_name, rc);
+        }
+        if (!listed.empty()) listed += ", ";
+        append_sql_quoted(listed, file_name);
+    }
+    sql = catalog_delete_names_literal_prefix + listed + ")";
+    return CR_STATUS_OK;
+}
+
 }  // namespace
 
 cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql) {
     const char* const fn = "try_do_db_insert";
     const char* const insert_sql = catalog_insert_sql();
     sqlitedb::statement once;
-    sqlite3_stmt* stmt = db_.kept(insert_sql, &once);
+    sqlitedb::statement_ref stmt = db_.kept(insert_sql, &once);
     int rc = db_.code();
-    if (stmt == nullptr && holds_no_table()) {
+    if (!stmt && holds_no_table()) {
         // A file left without its table by a failed creation: it holds no
         // rows, so it is completed and the insert goes on.
         bool completed = false;
@@ -103,7 +192,7 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
         stmt = db_.kept(insert_sql, &once);
         rc = db_.code();
     }
-    if (stmt == nullptr) return prepare_failure(fn, file_, insert_sql, rc);
+    if (!stmt) return prepare_failure(fn, file_, insert_sql, rc);
     sqlitedb::statement_use use(stmt);
     const uint32_t crc = catalog_row_crc(item);
     rc = bind_row(stmt, item, crc);
@@ -111,14 +200,14 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
         const cr_status_t status = map_status(rc);
         ErrorA(status, "%s: %s failed to update app catalog, version %d backup_id %s file_name %s (%d, %s).",
                fn, file_.c_str(), static_cast<int>(item.version), item.backup_id.c_str(),
-               item.file_name.c_str(), rc, sqlite3_errstr(rc));
+               item.file_name.c_str(), rc, sqlitedb::errstr(rc));
         return status;
     }
     // The journal's text carries every number as the value bound above, so
     // a replay of it stores the very row the statement stores.
     sql.clear();
     append_insert_literal(sql, item, crc);
-    rc = sqlite3_step(stmt);
+    rc = stmt.step();
     if (rc == SQLITE_DONE) {
         __TraceA("%s: insert finish for backupid %s", fn, item.backup_id.c_str());
         return CR_STATUS_OK;
@@ -136,10 +225,10 @@ cr_status_t catalog_store::insert(const app_catalog_item& item, std::string& sql
 
 cr_status_t catalog_store::run_select(const std::string& sql, const std::string& client,
                                       const std::string& policy, catalog_item_sink& sink,
-                                      const std::function<cr_status_t(sqlite3_stmt*)>& bind) {
+                                      const std::function<cr_status_t(sqlitedb::statement_ref)>& bind) {
     const char* const fn = "try_do_db_query";
     sqlitedb::statement once;
-    sqlite3_stmt* stmt = db_.kept(sql, &once);
+    sqlitedb::statement_ref stmt = db_.kept(sql, &once);
     int rc = db_.code();
     if (rc != SQLITE_OK) {
         if (holds_no_table()) {
@@ -160,13 +249,13 @@ cr_status_t catalog_store::run_select(const std::string& sql, const std::string&
     app_catalog_item item;
     unsigned long taken = 0;
     for (;;) {
-        rc = sqlite3_step(stmt);
+        rc = stmt.step();
         if (rc == SQLITE_DONE) break;
         if (rc != SQLITE_ROW) {
             return step_failure(fn, db_, file_, "%s: DB[%s] failed to step [%s] (%d, %s).", sql, rc);
         }
         __TraceA("%s: query item number %lld", fn, static_cast<long long>(taken));
-        const int columns = sqlite3_column_count(stmt);
+        const int columns = stmt.column_count();
         if (columns != catalog_column_count) {
             ErrorA(CR_STATUS_FAILED, "%s: DB[%s] return wrong row counts %d.", fn, file_.c_str(),
                    columns);
@@ -193,7 +282,7 @@ cr_status_t catalog_store::run_select(const std::string& sql, const std::string&
 cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
                                  catalog_item_sink& sink) {
     const char* const fn = "try_do_db_query";
-    return run_select(sql, query.client, query.policy, sink, [&](sqlite3_stmt* stmt) {
+    return run_select(sql, query.client, query.policy, sink, [&](sqlitedb::statement_ref stmt) {
         int rc = SQLITE_OK;
         switch (query.type) {
             case APP_QUERY_NAME:
@@ -205,7 +294,7 @@ cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
                 } else {
                     __TraceA("%s: query by backupid %s, sql %s", fn, key.c_str(), sql.c_str());
                 }
-                rc = bind_text(stmt, 1, key);
+                rc = stmt.bind_text(1, key);
                 if (rc != SQLITE_OK) return bind_failure(fn, file_, sql, key, rc);
                 return CR_STATUS_OK;
             }
@@ -215,13 +304,13 @@ cr_status_t catalog_store::query(const app_query& query, const std::string& sql,
                          sql.c_str());
                 // The range is bound as 32-bit integers, as it always has been:
                 // larger bounds are cut to their low 32 bits.
-                rc = sqlite3_bind_int(stmt, 1, static_cast<int>(query.start_time));
-                if (rc == SQLITE_OK) rc = sqlite3_bind_int(stmt, 2, static_cast<int>(query.stop_time));
+                rc = stmt.bind_int(1, static_cast<int>(query.start_time));
+                if (rc == SQLITE_OK) rc = stmt.bind_int(2, static_cast<int>(query.stop_time));
                 if (rc != SQLITE_OK) {
                     const cr_status_t status = map_status(rc);
                     ErrorA(status, "%s: DB[%s] failed to bind [%s] %ld %ld (%d, %s).", fn,
                            file_.c_str(), sql.c_str(), static_cast<long>(query.start_time),
-                           static_cast<long>(query.stop_time), rc, sqlite3_errstr(rc));
+                           static_cast<long>(query.stop_time), rc, sqlitedb::errstr(rc));
                     return status;
                 }
                 return CR_STATUS_OK;
@@ -237,15 +326,14 @@ cr_status_t catalog_store::query(const catalog_filter_statement& statement,
                                  catalog_item_sink& sink) {
     const char* const fn = "try_do_db_query";
     const std::string& sql = statement.sql;
-    return run_select(sql, client, policy, sink, [&](sqlite3_stmt* stmt) {
+    return run_select(sql, client, policy, sink, [&](sqlitedb::statement_ref stmt) {
         __TraceA("%s: query by filter, %u values, sql %s", fn,
                  static_cast<unsigned int>(statement.values.size()), sql.c_str());
         int index = 0;
         for (const catalog_sql_value& v : statement.values) {
             ++index;
             // The whole text is bound: a value is compared as given.
-            const int rc = v.is_text ? bind_bytes(stmt, index, v.text)
-                                     : sqlite3_bind_int64(stmt, index, v.number);
+            const int rc = v.is_text ? stmt.bind_bytes(index, v.text) : stmt.bind_int64(index, v.number);
             if (rc != SQLITE_OK) {
                 return bind_failure(fn, file_, sql, v.is_text ? v.text : std::to_string(v.number),
                                     rc);
@@ -259,29 +347,8 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
                                   std::string& sql, removal_check* check) {
     const removal_plan& plan = plan_of(key);
     sql.clear();
-    // Runs the plan's own delete of every row of the key; its literal text
-    // goes to `sql`.
-    auto delete_all = [&]() -> cr_status_t {
-        sqlitedb::statement once;
-        sqlite3_stmt* stmt = db_.kept(plan.statement, &once);
-        int rc = db_.code();
-        if (rc != SQLITE_OK) {
-            if (holds_no_table()) return CR_STATUS_OK;  // no table, no rows
-            return prepare_failure(fn, file_, plan.statement, rc);
-        }
-        sqlitedb::statement_use use(stmt);
-        rc = bind_text(stmt, 1, key_value);
-        if (rc != SQLITE_OK) return bind_failure(fn, file_, plan.statement, key_value, rc);
-        if (!sqlitedb::format_sql(sql, catalog_delete_literal_format, plan.key_column,
-                                  key_value.c_str())) {
-            throw std::bad_alloc();
-        }
-        rc = sqlite3_step(stmt);
-        if (rc == SQLITE_DONE) return CR_STATUS_OK;
-        return step_failure(fn, db_, file_, "%s: DB[%s] failed to step %s (%d, %s).", sql, rc);
-    };
     if (check == nullptr) {
-        const cr_status_t status = delete_all();
+        const cr_status_t status = delete_all(fn, db_, file_, plan, key_value, sql);
         if (status != CR_STATUS_OK) sql.clear();
         return status;
     }
@@ -307,77 +374,15 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
     } rollback{db_};
 
     if (holds_no_table()) return CR_STATUS_OK;  // no table, no rows
-    app_query selector;
-    selector.type = plan.selector;
-    std::string select_sql;
-    selector.query_sql(select_sql);
     std::vector<std::string> removable;
-    {
-        sqlitedb::statement once;
-        sqlite3_stmt* select = db_.kept(select_sql, &once);
-        int rc = db_.code();
-        if (rc != SQLITE_OK) return prepare_failure(fn, file_, select_sql.c_str(), rc);
-        sqlitedb::statement_use use(select);
-        rc = bind_bytes(select, 1, key_value);
-        if (rc != SQLITE_OK) return bind_failure(fn, file_, select_sql, key_value, rc);
-        authentication_application& rule = auth_app_factory::get_instance();
-        app_catalog_item row;
-        for (;;) {
-            rc = sqlite3_step(select);
-            if (rc == SQLITE_DONE) break;
-            if (rc != SQLITE_ROW) {
-                return step_failure(fn, db_, file_, "%s: DB[%s] failed to step [%s] (%d, %s).",
-                                    select_sql, rc);
-            }
-            decode_row(select, row);
-            if (stored_crc(select) != catalog_row_crc(row)) {
-                // The owner of a damaged row cannot be trusted: the database
-                // is reported corrupt, as a query of it would be.
-                ErrorA(CR_STATUS_NONE, "%s: crc mismatch for app cat item %s", fn,
-                       row.to_string().c_str());
-                return CR_STATUS_CORRUPT;
-            }
-            ++check->matched;
-            if (rule.authenticate(check->user, check->role, &row, AUTH_AC_REMOVE, false) ==
-                CR_STATUS_OK) {
-                removable.push_back(row.file_name);
-            } else if (check->kept_owner.empty()) {
-                check->kept_owner = row.owner;
-            }
-        }
-    }
+    status = select_removable(fn, db_, file_, plan, key_value, check, &removable);
+    if (status != CR_STATUS_OK) return status;
 
     // Nothing to remove: the transaction changed nothing.
     if (removable.empty()) return CR_STATUS_OK;
-    if (removable.size() == check->matched) {
-        status = delete_all();
-        if (status != CR_STATUS_OK) {
-            sql.clear();
-            return status;
-        }
-    } else {
-        sqlitedb::statement once;
-        sqlite3_stmt* stmt = db_.kept(catalog_delete_by_name_sql, &once);
-        int rc = db_.code();
-        if (rc != SQLITE_OK) return prepare_failure(fn, file_, catalog_delete_by_name_sql, rc);
-        std::string names;
-        for (const std::string& file_name : removable) {
-            sqlitedb::statement_use use(stmt);
-            rc = bind_bytes(stmt, 1, file_name);
-            if (rc != SQLITE_OK) {
-                return bind_failure(fn, file_, catalog_delete_by_name_sql, file_name, rc);
-            }
-            rc = sqlite3_step(stmt);
-            if (rc != SQLITE_DONE) {
-                return step_failure(fn, db_, file_, "%s: DB[%s] failed to step %s (%d, %s).",
-                                    file_name, rc);
-            }
-            if (!names.empty()) names += ", ";
-            append_sql_quoted(names, file_name);
-        }
-        sql = catalog_delete_names_literal_prefix + names + ")";
-    }
-    status = transaction_statement(fn, db_, file_, "COMMIT TRANSACTION;");
+    status = removable.size() == check->matched ? delete_all(fn, db_, file_, plan, key_value, sql)
+                                                : delete_names(fn, db_, file_, removable, sql);
+    if (status == CR_STATUS_OK) status = transaction_statement(fn, db_, file_, "COMMIT TRANSACTION;");
     if (status != CR_STATUS_OK) {
         sql.clear();
         return status;

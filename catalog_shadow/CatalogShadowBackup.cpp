@@ -19,6 +19,7 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowOps.h"
 #include "catalog_shadow/PODBShadowPool.h"
+#include "dct/environment.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
@@ -59,6 +60,7 @@ void restrict_shadow_modes(const std::string& shadow_root, const std::string& sh
 cr_status_t CatalogShadowContext::backup(const std::string& dir) { return backup(dir, PODBShadow::_podb_type_); }
 
 cr_status_t CatalogShadowContext::backup(const std::string& dir, const std::string& type) {
+    dct::environment_scope scope(env_);
     try {
         DirectoryLock::ScopedLock lock(dir_lock.get(), dir);
         // The lock has logged why it was not had; the backup does not start.
@@ -74,6 +76,7 @@ cr_status_t CatalogShadowContext::backup(const std::string& dir, const std::stri
 
 // `flags` is accepted for the callers' sake and has no meaning yet.
 cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const std::string& type, unsigned) {
+    dct::environment_scope scope(env_);
     if (!enabled) return CR_STATUS_OK;
     std::string tmp;
     cr_status_t result = CR_STATUS_FAILED;
@@ -113,7 +116,10 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
         } else if (!PODBShadow::sqlite_integrity_check(tmp)) {
             ErrorA(CR_STATUS_CORRUPT, "%s: Failed to run integrity check on %s. Backup failed for %s.",
                    "backup_unlocked", tmp.c_str(), source.c_str());
-            shadow->move_file_as_backup(type, tmp);
+            // A copy that could not be set aside (logged there) is deleted
+            // below with every leftover: kept, it would be taken for a version.
+            const bool set_aside = shadow->move_file_as_backup(type, tmp) == CR_STATUS_OK;
+            if (set_aside) tmp.clear();
             if (!PODBShadow::sqlite_integrity_check(source)) {
                 ErrorA(CR_STATUS_CORRUPT,
                        "%s: Integrity check on %s failed. Please contact support to take corrective actions.",
@@ -125,17 +131,15 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
                    "backup_unlocked", source.c_str());
             result = CR_STATUS_FAILED;
         } else {
-            int added = shadow->add_new_version(type, tmp, crc);
-            if (added == 1) {
+            bool unchanged = false;
+            result = shadow->add_new_version(type, tmp, crc, &unchanged);
+            if (result == CR_STATUS_OK && unchanged) {
                 InfoA(CR_STATUS_OK, "%s has no change since last backup, skip it.", source.c_str());
                 if (wa_deletefile(tmp) != 0) {
                     int e = errno;
                     WarningA(_crMapError("backup_unlocked", __FILE__, __LINE__), "Failed to delete file %s (%s).",
                              tmp.c_str(), strerror(e));
                 }
-                result = CR_STATUS_OK;
-            } else {
-                result = static_cast<cr_status_t>(added);
             }
         }
     } catch (const char* e) {
@@ -153,6 +157,7 @@ cr_status_t CatalogShadowContext::backup_unlocked(const std::string& dir, const 
 }
 
 cr_status_t CatalogShadowContext::backup_all(bool app) {
+    dct::environment_scope scope(env_);
     InfoA(CR_STATUS_OK, "%s: Start to backup all catalog %s databases...", "backup_all", tree_name(app));
     if (!enabled) return CR_STATUS_OK;
     cr_status_t status = check_identity();

@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
+#include "dct/environment.h"
 #include "dct/inifile.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
@@ -44,6 +45,7 @@ std::string default_shadow_root(const std::string& storage) {
 }  // namespace
 
 cr_status_t CatalogShadowContext::load_configurations() {
+    dct::environment_scope scope(env_);
     const std::string file = proxy ? proxy->get_config_file() : std::string();
     // The file may choose how much the default log sink keeps; the records
     // below already follow it.

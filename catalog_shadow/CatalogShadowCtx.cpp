@@ -5,6 +5,7 @@
 
 #include <exception>
 
+#include "dct/environment.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
@@ -45,6 +46,7 @@ std::string CatalogShadowContext::podb_root_() const { return proxy ? proxy->get
 std::string CatalogShadowContext::app_db_root_() const { return proxy ? proxy->app_db_root : std::string(); }
 
 cr_status_t CatalogShadowContext::init() {
+    dct::environment_scope scope(env_);
     cr_status_t result = load_configurations();
     identity.reset(new CatalogShadowIdentity(shadow_path.c_str()));
     // A feature that the configuration turned off has no shadow root to check.
@@ -68,6 +70,7 @@ cr_status_t CatalogShadowContext::init() {
 }
 
 cr_status_t CatalogShadowContext::check_identity() {
+    dct::environment_scope scope(env_);
     if (!identity) identity.reset(new CatalogShadowIdentity(shadow_path.c_str()));
     if (identity->identity_exist()) return CR_STATUS_OK;
     const std::string& file = identity->get_identity_file();
@@ -118,6 +121,7 @@ bool CatalogShadowContext::has_shadow_copy(const std::string& dir) {
 }
 
 bool CatalogShadowContext::has_shadow_copy(const std::string& dir, const std::string& type) {
+    dct::environment_scope scope(env_);
     if (!enabled || !pool) return false;
     try {
         boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
@@ -133,6 +137,7 @@ bool CatalogShadowContext::has_shadow_copy(const std::string& dir, const std::st
 }
 
 bool CatalogShadowContext::shadow_history_lost(const std::string& dir, const std::string& type) {
+    dct::environment_scope scope(env_);
     if (!enabled || !pool) return false;
     try {
         return pool->get(dir)->history_lost(type);
@@ -143,6 +148,7 @@ bool CatalogShadowContext::shadow_history_lost(const std::string& dir, const std
 }
 
 cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
+    dct::environment_scope scope(env_);
     if (!enabled) return CR_STATUS_OK;
     if (!pool || !podb) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", "bad parameter");
@@ -183,6 +189,7 @@ cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
 
 cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const std::string& type,
                                                 const std::string& statement) {
+    dct::environment_scope scope(env_);
     if (!enabled) return CR_STATUS_OK;
     if (!pool) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", "bad parameter");
@@ -222,6 +229,7 @@ cr_status_t CatalogShadowContext::protect_by_backup_(const std::string& dir, con
 }
 
 cr_status_t CatalogShadowContext::reload_podb(const std::string& dir) {
+    dct::environment_scope scope(env_);
     __TraceA("reload_podb %s", dir.c_str());
     if (!enabled || !pool) return CR_STATUS_OK;
     try {

@@ -98,8 +98,9 @@ public:
     // Writes the checksum file of `type` through ".chksum.T.tmp" (synced, then
     // renamed over the checksum file, then the directory synced), so that a
     // crash leaves either the old or the new file. A failure leaves the old file
-    // untouched and no temporary file. Nonzero on success.
-    int persist_chksum(const std::string& type);
+    // untouched and no temporary file. 0, or the status of the step that
+    // failed (logged there).
+    cr_status_t persist_chksum(const std::string& type);
 
     // Reads the checksum file of `type` into its version list. A leftover
     // ".chksum.T.tmp" is removed first; a legacy ".chksum" is renamed to the
@@ -107,7 +108,9 @@ public:
     // list is emptied and, if `reset_if_damaged`, the type's files are moved
     // into a "#corrupt_" directory, the current version is raised by
     // get_max_version_count() above the highest number in use, and a fresh
-    // checksum file is written (initialize). 0 when loaded, 67 when damaged.
+    // checksum file is written (initialize). 0 when loaded, 67 when damaged
+    // (and reset, when asked); when the reset's set-aside or new checksum
+    // file failed, that failure's status.
     cr_status_t load_versions(const std::string& type, bool reset_if_damaged);
 
     // Reads the checksum file of `type` in `shadow_dir` (or a lone legacy
@@ -210,10 +213,15 @@ public:
 
     // --- Backup and recovery (built in their own sources) ---
     // Makes `tmp_file` (in the shadow directory, checksum `crc`) the newest
-    // version: 0 added, 1 no change, else a status.
-    int add_new_version(const std::string& type, const std::string& tmp_file, uint32_t crc);
+    // version. 0 when added, or when the newest version already holds `crc`
+    // (then nothing changes, the copy is left to the caller and *unchanged,
+    // when given, is set); else the status of the failed step, logged.
+    cr_status_t add_new_version(const std::string& type, const std::string& tmp_file, uint32_t crc,
+                                bool* unchanged = nullptr);
     // Copies `src` to `dst`, computing the copy's Adler-32 into `crc`.
     cr_status_t duplicate(const std::string& src, const std::string& dst, uint32_t* crc);
+    // Whether the database `file` passes SQLite's integrity check
+    // (sqlitedb::check_database_integrity, which logs).
     static bool sqlite_integrity_check(const std::string& file);
     // Whether the SQLite database `file` holds no table at all (what a
     // creation that failed half-way leaves). Such a file is never taken as a
@@ -266,9 +274,10 @@ private:
     // The slot of a type word; throws "bad parameter" for any other word.
     TypeState& state_(const std::string& type) const;
 
-    cr_status_t persist_chksum_status_(const std::string& type);
     std::string compose_chksum_(const std::string& type) const;
-    void load_versions_from_(const std::string& type, const std::string& path);
+    // Loads the checksum file at `path` into the type's state: true, or false
+    // with why in `reason`.
+    bool load_versions_from_(const std::string& type, const std::string& path, std::string* reason);
     uint64_t highest_version_on_disk_(const std::string& type) const;
     cr_status_t open_active_journal_(const std::string& type, ShadowVersion& newest);
     // Drops what was appended since the last persisted checksum file: the

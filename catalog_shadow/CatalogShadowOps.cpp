@@ -53,6 +53,8 @@ int OpRecoverCatalog::operator()(const DirItem& item) {
 
         boost::shared_ptr<PODBShadow> shadow = context_->pool->get(dir);
         if (!shadow->exist(*type)) return 0;
+        // A damaged checksum file is logged there and leaves no version:
+        // nothing to recover from, which the count below tells.
         shadow->load_versions(*type, true);
         if (shadow->get_version_count(*type) == 0) return 0;
         count(context_->recover(dir, *type, flags_) == CR_STATUS_OK);

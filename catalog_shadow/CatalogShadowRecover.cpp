@@ -22,6 +22,7 @@
 #include "catalog_shadow/PODBShadowPool.h"
 #include "catalog_shadow/RecoveryPlan.h"
 #include "catalog_shadow/ShadowSetAside.h"
+#include "dct/environment.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
@@ -144,6 +145,7 @@ cr_status_t recover_database(CatalogShadowContext& context, const std::string& d
 }  // namespace
 
 cr_status_t CatalogShadowContext::recover(const std::string& dir, unsigned flags) {
+    dct::environment_scope scope(env_);
     if (!enabled) {
         ErrorA(CR_STATUS_FAILED, "Can't recover PO database in %s since the catalog shadow feature has been disabled.",
                dir.c_str());
@@ -153,6 +155,7 @@ cr_status_t CatalogShadowContext::recover(const std::string& dir, unsigned flags
 }
 
 cr_status_t CatalogShadowContext::recover(const std::string& dir, const std::string& type, unsigned) {
+    dct::environment_scope scope(env_);
     return recover_reporting(*this, dir, type, nullptr);
 }
 
@@ -179,6 +182,7 @@ cr_status_t recover_reporting(CatalogShadowContext& context, const std::string& 
 }
 
 cr_status_t CatalogShadowContext::recover_unlocked(const std::string& dir, const std::string& type, unsigned) {
+    dct::environment_scope scope(env_);
     if (!enabled) {
         ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
                type.c_str(), dir.c_str());
@@ -195,6 +199,7 @@ cr_status_t CatalogShadowContext::recover_unlocked(const std::string& dir, const
 }
 
 cr_status_t CatalogShadowContext::recover_all(bool app, unsigned flags) {
+    dct::environment_scope scope(env_);
     InfoA(CR_STATUS_OK, "Start to recover all catalog %s databases...", tree_name(app));
     if (!enabled || !pool) {
         ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
@@ -217,6 +222,7 @@ cr_status_t CatalogShadowContext::recover_all(bool app, unsigned flags) {
 }
 
 cr_status_t CatalogShadowContext::recover_all_missing(bool app) {
+    dct::environment_scope scope(env_);
     InfoA(CR_STATUS_OK, "Trying to find and recover the missing %s databases", tree_name(app));
     if (!enabled || !pool) {
         ErrorA(CR_STATUS_FAILED, "Can't recover %s in %s since the catalog shadow feature has been disabled.",
@@ -240,6 +246,7 @@ cr_status_t CatalogShadowContext::recover_all_missing(bool app) {
 }
 
 cr_status_t CatalogShadowContext::remove_shadow_unlocked(const std::string& dir) {
+    dct::environment_scope scope(env_);
     if (!enabled) return CR_STATUS_OK;
     try {
         if (!pool) throw "bad parameter";

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -21,7 +22,7 @@ bool read_field(std::istream& in, const std::string& key, ShadowCrc& crc, uint64
                 std::string* reason) {
     std::string line;
     uint64_t v = 0;
-    if (ChecksumFile::read_line(in, key, crc, &line, &v) != nullptr || v > limit) {
+    if (ChecksumFile::read_line(in, key, crc, &line, &v) != CR_STATUS_OK || v > limit) {
         *reason = std::string("can't get value of ") + key;
         return false;
     }
@@ -56,16 +57,23 @@ bool ChecksumFile::parse_decimal(const std::string& text, uint64_t* value) {
     return true;
 }
 
-const char* ChecksumFile::read_line(std::istream& in, const std::string& key, ShadowCrc& crc, std::string* line,
-                                    uint64_t* value) {
-    if (!std::getline(in, *line)) return "file read error";
+cr_status_t ChecksumFile::read_line(std::istream& in, const std::string& key, ShadowCrc& crc, std::string* line,
+                                    uint64_t* value, const char** reason) {
+    const char* why = nullptr;
     const std::string prefix = key + "=";
-    if (line->compare(0, prefix.size(), prefix) != 0) return "bad line format";
     uint64_t v = 0;
-    if (!parse_decimal(line->substr(prefix.size()), &v)) return "bad line format";
+    if (!std::getline(in, *line)) {
+        why = "file read error";
+    } else if (line->compare(0, prefix.size(), prefix) != 0 || !parse_decimal(line->substr(prefix.size()), &v)) {
+        why = "bad line format";
+    }
+    if (why != nullptr) {
+        if (reason != nullptr) *reason = why;
+        return CR_STATUS_CORRUPT;
+    }
     crc.append(*line);
     *value = v;
-    return nullptr;
+    return CR_STATUS_OK;
 }
 
 ChecksumFile ChecksumFile::of(const std::string& type, uint64_t current, const ShadowVersionList& versions) {
@@ -203,7 +211,7 @@ cr_status_t ChecksumFile::write(const std::string& dir, const std::string& path,
     *replaced = false;
     const std::string tmp = path + ".tmp";
     int fd = -1;
-    if (dct::fault_point(dct::fault_op::open_write, tmp.c_str()) == 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::open_write, tmp.c_str()) == 0) {
         fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
     if (fd < 0) {
@@ -215,9 +223,9 @@ cr_status_t ChecksumFile::write(const std::string& dir, const std::string& path,
         return status;
     }
 
-    bool ok = dct::fault_point(dct::fault_op::write, tmp.c_str()) == 0 &&
+    bool ok = dct::current_environment().fault_point(dct::fault_op::write, tmp.c_str()) == 0 &&
               wa_write_all(fd, text.data(), text.size()) == 0 &&
-              dct::fault_point(dct::fault_op::fsync, tmp.c_str()) == 0 && safe_fsync(fd) == 0;
+              dct::current_environment().fault_point(dct::fault_op::fsync, tmp.c_str()) == 0 && safe_fsync(fd) == 0;
     int e = errno;
     if (::close(fd) != 0 && ok) {
         ok = false;

@@ -79,10 +79,11 @@ public:
 
     // Reads one line of `in` into `line`; it must be `key` "=" followed by a
     // decimal number, which is stored in `value`, and the line's text is
-    // appended to `crc`. Null on success, else "file read error" (no line) or
-    // "bad line format"; `value` and `crc` are then left as they were.
-    static const char* read_line(std::istream& in, const std::string& key, ShadowCrc& crc, std::string* line,
-                                 uint64_t* value);
+    // appended to `crc`. 0, or 67 with `reason` (when given) set to "file
+    // read error" (no line) or "bad line format"; `value` and `crc` are then
+    // left as they were. Nothing is logged: the caller names the file.
+    static cr_status_t read_line(std::istream& in, const std::string& key, ShadowCrc& crc, std::string* line,
+                                 uint64_t* value, const char** reason = nullptr);
 
     // A whole decimal number without sign, at most twenty digits, no overflow.
     static bool parse_decimal(const std::string& text, uint64_t* value);

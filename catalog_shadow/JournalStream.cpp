@@ -5,11 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
 
 boost::shared_ptr<JournalStream> JournalStream::open(const std::string& path) {
-    if (dct::fault_point(dct::fault_op::open_write, path.c_str()) != 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::open_write, path.c_str()) != 0) {
         return boost::shared_ptr<JournalStream>();
     }
     int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, dct::private_file_mode);
@@ -33,7 +34,7 @@ JournalStream::~JournalStream() {
 }
 
 int JournalStream::append(const std::string& data) {
-    if (dct::fault_point(dct::fault_op::write, path_.c_str()) != 0) return -1;
+    if (dct::current_environment().fault_point(dct::fault_op::write, path_.c_str()) != 0) return -1;
     size_t done = 0;
     while (done < data.size()) {
         ssize_t n = ::write(fd_, data.data() + done, data.size() - done);
@@ -59,7 +60,7 @@ int JournalStream::append(const std::string& data) {
 }
 
 int JournalStream::sync() {
-    if (dct::fault_point(dct::fault_op::fsync, path_.c_str()) != 0) return -1;
+    if (dct::current_environment().fault_point(dct::fault_op::fsync, path_.c_str()) != 0) return -1;
     return safe_fsync(fd_);
 }
 

@@ -125,7 +125,7 @@ cr_status_t PODBShadow::initialize(const std::string& type) {
         s.versions.reset(new ShadowVersionList);
         cr_status_t status = checkCreateWorkDir();
         if (status != CR_STATUS_OK) return status;
-        return persist_chksum_status_(type);
+        return persist_chksum(type);
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "initialize", e);
         return CR_STATUS_FAILED;
@@ -137,6 +137,8 @@ void PODBShadow::load_all() {
     const std::string* types[] = {&_podb_type_, &_uldb_type_, &_appdb_type_};
     for (const std::string* type : types) {
         if (exist(*type)) {
+            // A damaged file is logged there and leaves the type reset: the
+            // load of the others goes on either way.
             load_versions(*type, true);
         } else {
             // A query must leave nothing behind: no directory, no file.

@@ -10,8 +10,8 @@
 
 void PODBShadow::getline_parse(std::string& line, std::istream& in, const std::string& key, CRC& crc,
                                uint64_t& value) {
-    const char* error = ChecksumFile::read_line(in, key, crc, &line, &value);
-    if (error != nullptr) throw error;
+    const char* reason = nullptr;
+    if (ChecksumFile::read_line(in, key, crc, &line, &value, &reason) != CR_STATUS_OK) throw reason;
 }
 
 std::string PODBShadow::compose_chksum_(const std::string& type) const {
@@ -19,13 +19,9 @@ std::string PODBShadow::compose_chksum_(const std::string& type) const {
     return ChecksumFile::of(type, s.current, *s.versions).render();
 }
 
-int PODBShadow::persist_chksum(const std::string& type) {
-    return persist_chksum_status_(type) == CR_STATUS_OK ? 1 : 0;
-}
-
 // The file is never written in place (ChecksumFile::write): a crash at any
 // point leaves either the complete old file or the complete new one.
-cr_status_t PODBShadow::persist_chksum_status_(const std::string& type) {
+cr_status_t PODBShadow::persist_chksum(const std::string& type) {
     std::lock_guard<std::recursive_mutex> guard(mutex_);
     const std::string path = shadow_dir_ + "/" + chksum_file(type);
     __TraceA("Persist the shadow checksum file %s", path.c_str());
@@ -92,11 +88,10 @@ cr_status_t PODBShadow::read_chksum(const std::string& shadow_dir, const std::st
     return CR_STATUS_CORRUPT;
 }
 
-void PODBShadow::load_versions_from_(const std::string& type, const std::string& path) {
+bool PODBShadow::load_versions_from_(const std::string& type, const std::string& path, std::string* reason) {
     ChecksumFile file;
     std::string text;
-    std::string reason;
-    if (!ChecksumFile::load(path, type, &file, &text, &reason)) throw reason;
+    if (!ChecksumFile::load(path, type, &file, &text, reason)) return false;
     std::unique_ptr<ShadowVersionList> list(new ShadowVersionList);
     file.to_versions(shadow_dir_, list.get());
     TypeState& s = state_(type);
@@ -104,6 +99,7 @@ void PODBShadow::load_versions_from_(const std::string& type, const std::string&
     s.current = file.current;
     s.on_disk = text;
     remember_chksum_signature_(type);
+    return true;
 }
 
 uint64_t PODBShadow::highest_version_on_disk_(const std::string& type) const {
@@ -150,18 +146,13 @@ cr_status_t PODBShadow::load_versions(const std::string& type, bool reset_if_dam
     s->versions.reset(new ShadowVersionList);
 
     bool loaded = false;
-    bool has_reason = false;
     std::string reason;
     try {
-        load_versions_from_(type, path);
-        loaded = true;
+        loaded = load_versions_from_(type, path, &reason);
     } catch (const char* e) {
-        has_reason = true;
-        reason = e;
-    } catch (const std::string& e) {
-        has_reason = true;
         reason = e;
     } catch (...) {
+        // Out of memory: no reason to tell.
     }
 
     if (loaded) {
@@ -175,7 +166,7 @@ cr_status_t PODBShadow::load_versions(const std::string& type, bool reset_if_dam
         return CR_STATUS_OK;
     }
 
-    if (has_reason) {
+    if (!reason.empty()) {
         ErrorA(CR_STATUS_CORRUPT, "failed to load chksum file %s: %s", path.c_str(), reason.c_str());
     } else {
         ErrorA(CR_STATUS_CORRUPT, "failed to load chksum file %s", path.c_str());
@@ -190,9 +181,15 @@ cr_status_t PODBShadow::load_versions(const std::string& type, bool reset_if_dam
         // be mistaken for the copies set aside.
         uint64_t base = highest_version_on_disk_(type);
         if (s->current > base) base = s->current;
-        move_all_as_backup(type);
+        // A failed set-aside leaves files of the type behind; the new numbers
+        // start above them all the same, so the fresh history goes on and the
+        // leftovers stay untouched. Each step logs its own failure; the first
+        // one is the answer, since the shadow is then not what 67 promises.
+        const cr_status_t moved = move_all_as_backup(type);
         s->current = base + get_max_version_count();
-        initialize(type);
+        const cr_status_t fresh = initialize(type);
+        if (moved != CR_STATUS_OK) return moved;
+        if (fresh != CR_STATUS_OK) return fresh;
     }
     return CR_STATUS_CORRUPT;
 }

@@ -29,15 +29,16 @@
 // cannot be emptied (read-only access) is not copied from its main file.
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <sqlite3.h>
 
 #include <string>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -91,7 +92,7 @@ public:
         if (db_.open(path_, sqlitedb::open_mode::existing) != CR_STATUS_OK) return db_.code();
         int rc = SQLITE_OK;
         // Replaces the connection's busy timeout.
-        sqlite3_busy_handler(db_.handle(), poll_busy, nullptr);
+        db_.set_busy_handler(poll_busy, nullptr);
         // A writer may commit into the log between the checkpoint that
         // emptied it and the read lock: the log is emptied once more at once,
         // and after that as often as a busy database is tried.
@@ -101,7 +102,7 @@ public:
                     rc = begin_read();
                     if (rc != SQLITE_OK || !wal_ || log_is_empty()) return CR_STATUS_OK;
                     end_read();
-                    rc = sqlite3_wal_checkpoint_v2(db_.handle(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+                    rc = db_.checkpoint_truncate();
                     const int primary = rc & 0xFF;
                     // Anything but a busy log (read-only access, damage) ends the copy.
                     if (primary != SQLITE_OK && primary != SQLITE_BUSY) return CR_STATUS_OK;
@@ -117,15 +118,10 @@ public:
     // its lock): its copy is then written in rollback-journal mode.
     bool wal() const { return wal_; }
 
-    // The connection's handle of the main database file; null when SQLite
-    // has none open.
-    sqlite3_file* file() const {
-        sqlite3_file* f = nullptr;
-        if (!db_.is_open()) return nullptr;
-        if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK) return nullptr;
-        if (f == nullptr || f->pMethods == nullptr) return nullptr;
-        return f;
-    }
+    // The main database file, read through the connection's own handle of
+    // it: SQLITE_OK, or SQLite's failure (also when it has none open).
+    int size(int64_t* bytes) const { return db_.main_file_size(bytes); }
+    int read(int64_t offset, void* buffer, int bytes) const { return db_.read_main_file(offset, buffer, bytes); }
 
     const char* errmsg() const { return db_.errmsg(); }
 
@@ -158,7 +154,7 @@ private:
     int read_journal_mode() {
         std::string mode;
         db_.read_value("PRAGMA main.journal_mode;", &mode);
-        wal_ = sqlite3_stricmp(mode.c_str(), "wal") == 0;
+        wal_ = strcasecmp(mode.c_str(), "wal") == 0;
         return db_.code();
     }
 
@@ -166,13 +162,8 @@ private:
     // main file alone. A log that holds frames is never emptied while a
     // reader of them holds its lock, so an empty one means none was there.
     bool log_is_empty() const {
-        sqlite3_file* log = nullptr;
-        sqlite3_int64 size = -1;
-        if (sqlite3_file_control(db_.handle(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK ||
-            log == nullptr || log->pMethods == nullptr) {
-            return false;
-        }
-        return log->pMethods->xFileSize(log, &size) == SQLITE_OK && size == 0;
+        int64_t size = -1;
+        return db_.log_file_size(&size) == SQLITE_OK && size == 0;
     }
 
     std::string path_;
@@ -217,15 +208,14 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
             return status;
         }
     }
-    sqlite3_file* in = snapshot.file();
-    sqlite3_int64 size = 0;
-    if (in == nullptr || in->pMethods->xFileSize(in, &size) != SQLITE_OK) {
+    int64_t size = 0;
+    if (snapshot.size(&size) != SQLITE_OK) {
         ErrorA(CR_STATUS_IO, "failed to open file %s for reading.", src.c_str());
         return CR_STATUS_IO;
     }
 
     int fd = -1;
-    if (dct::fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
         fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
     }
     // The mode exactly, whatever the umask: a copy holds the catalog's rows.
@@ -245,11 +235,11 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
     CRC sum;
     std::string block(kBlockSize, '\0');
     cr_status_t status = CR_STATUS_OK;
-    for (sqlite3_int64 offset = 0; offset < size;) {
-        const int n = static_cast<int>(size - offset < static_cast<sqlite3_int64>(kBlockSize)
+    for (int64_t offset = 0; offset < size;) {
+        const int n = static_cast<int>(size - offset < static_cast<int64_t>(kBlockSize)
                                            ? size - offset
-                                           : static_cast<sqlite3_int64>(kBlockSize));
-        rc = in->pMethods->xRead(in, &block[0], n, offset);
+                                           : static_cast<int64_t>(kBlockSize));
+        rc = snapshot.read(offset, &block[0], n);
         if (rc != SQLITE_OK) {
             // A short read (the file shrank under us) is as bad as a failed one.
             status = CR_STATUS_IO;
@@ -259,7 +249,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
             block[kWriteVersionOffset] = kRollbackFormat;
             block[kReadVersionOffset] = kRollbackFormat;
         }
-        if (dct::fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
+        if (dct::current_environment().fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
             wa_write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {
             status = _crMapError("duplicate", __FILE__, __LINE__);
             break;
@@ -277,30 +267,7 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
     return CR_STATUS_OK;
 }
 
-bool PODBShadow::sqlite_integrity_check(const std::string& file) {
-    __TraceA("Run integrity check on SQLite database %s", file.c_str());
-    // The wrapper creates a missing file on open; a missing database is not
-    // one that passes.
-    if (wa_access(file, 0) != 0) {
-        ErrorA(CR_STATUS_MISSING, "Can't open database %s", file.c_str());
-        return false;
-    }
-    sqlitedb::sqlite3_wrapper db(file);
-    cr_status_t status = db.open_db();
-    if (status != CR_STATUS_OK) {
-        ErrorA(status, "Can't open database %s", file.c_str());
-        return false;
-    }
-    std::string result;
-    const bool ok = db.run_integrity_check(result);
-    if (ok) {
-        InfoA(CR_STATUS_OK, "Run integrity check on %s successfully.", file.c_str());
-    } else {
-        WarningA(CR_STATUS_CORRUPT, "Run integrity check on %s failed: %s", file.c_str(), result.c_str());
-    }
-    db.close_db(kCloseRetries);
-    return ok;
-}
+bool PODBShadow::sqlite_integrity_check(const std::string& file) { return sqlitedb::check_database_integrity(file); }
 
 bool PODBShadow::sqlite_holds_no_table(const std::string& file) {
     if (wa_access(file, 0) != 0) return false;

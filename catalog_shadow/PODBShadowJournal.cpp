@@ -139,7 +139,7 @@ cr_status_t PODBShadow::flush_journal(const std::string& type) {
             abandon_journal_(type);
             return status;
         }
-        cr_status_t status = persist_chksum_status_(type);
+        cr_status_t status = persist_chksum(type);
         if (status != CR_STATUS_OK) {
             // The journal is durable; the next flush counts its lines.
             ErrorA(status, "%s: failed to persist chksum file. ", "flush_journal");

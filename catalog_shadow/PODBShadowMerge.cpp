@@ -3,8 +3,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <sqlite3.h>
-
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "catalog_shadow/RecoveryPlan.h"
@@ -28,7 +26,7 @@ cr_status_t po_cleanup(sqlitedb::sqlite3_wrapper& db) {
     sqlitedb::connection& conn = db.db();
     if (conn.exec(kPoCleanup) == CR_STATUS_OK) return CR_STATUS_OK;
     const int rc = conn.code();
-    const std::string text = conn.exec_message() != nullptr ? conn.exec_message() : sqlite3_errstr(rc);
+    const std::string text = conn.exec_message() != nullptr ? conn.exec_message() : sqlitedb::errstr(rc);
     if ((rc & 0xFF) == SQLITE_ERROR) {
         __TraceA("%s: [%s] does not apply to %s (%d:%s)", "merge_shadows", kPoCleanup, db.path.c_str(), rc,
                  text.c_str());

@@ -53,13 +53,18 @@ cr_status_t PODBShadow::remove_version(const ShadowVersion& version) {
     return result;
 }
 
-int PODBShadow::add_new_version(const std::string& type, const std::string& tmp_file, uint32_t crc) {
+cr_status_t PODBShadow::add_new_version(const std::string& type, const std::string& tmp_file, uint32_t crc,
+                                        bool* unchanged) {
     std::lock_guard<std::recursive_mutex> guard(mutex_);
+    if (unchanged != nullptr) *unchanged = false;
     try {
         TypeState& s = state_(type);
         if (!s.versions->empty()) {
             const ShadowVersion& newest = s.versions->front();
-            if (newest.db_crc == crc && wa_access(newest.db_path, 0) == 0) return 1;
+            if (newest.db_crc == crc && wa_access(newest.db_path, 0) == 0) {
+                if (unchanged != nullptr) *unchanged = true;
+                return CR_STATUS_OK;
+            }
         }
 
         const ShadowVersionListPtr previous = s.versions;
@@ -103,7 +108,7 @@ int PODBShadow::add_new_version(const std::string& type, const std::string& tmp_
 
         s.versions.reset(list.release());
         s.current = number;
-        if (!persist_chksum(type)) {
+        if (persist_chksum(type) != CR_STATUS_OK) {
             // The checksum file on disk still lists the old versions: go back
             // to them, journal stream included.
             s.versions = previous;
@@ -113,8 +118,10 @@ int PODBShadow::add_new_version(const std::string& type, const std::string& tmp_
         }
         // The next journal line opens the new version's journal.
         reset_db_active_journal_(type, boost::shared_ptr<JournalStream>());
+        // A pruned version that cannot be deleted is warned about there; it
+        // is no longer listed, and the new version stands.
         for (const ShadowVersion& old : pruned) remove_version(old);
-        return 0;
+        return CR_STATUS_OK;
     } catch (const char* e) {
         ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "add_new_version", e);
         return CR_STATUS_FAILED;

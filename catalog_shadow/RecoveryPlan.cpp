@@ -5,6 +5,7 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "sqlitedb/sqlite_wrapper.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ bool RepairingJudge::checksums_hold(ShadowVersion& version, ShadowVersion::Journ
 }
 
 bool RepairingJudge::integrity_holds(const ShadowVersion& version) {
-    if (PODBShadow::sqlite_integrity_check(version.db_path)) return true;
+    if (sqlitedb::check_database_integrity(version.db_path)) return true;
     WarningA(CR_STATUS_CORRUPT,
              "%s: %s did not pass the SQLite integrity check, will try to use an earlier shadow copy.",
              "merge_shadows", version.db_path.c_str());

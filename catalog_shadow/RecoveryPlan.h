@@ -24,8 +24,11 @@
 #include <string>
 #include <vector>
 
-#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/ShadowVersion.h"
+#include "dct/environment.h"
 #include "dct/status.h"
+
+class CatalogShadowContext;
 
 // One journal the recovery replays: its first `bytes` bytes, `lines` lines.
 struct PlannedJournal {

@@ -7,7 +7,8 @@
 
 #include <fstream>
 
-#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "catalog_shadow/ShadowCrc.h"
+#include "catalog_shadow/ShadowVersion.h"
 #include "dct/environment.h"
 #include "dct/fault.h"
 #include "dct/fs.h"
@@ -40,16 +41,16 @@ std::string ShadowVersion::get_journal_name(const std::string& type, uint64_t ve
     return get_db_name(type, version) + ".journal";
 }
 
-int ShadowVersion::check_crc_db() {
+bool ShadowVersion::check_crc_db() {
     db_verified = false;
     int fd = ::open(db_path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         int e = errno;
         cr_status_t status = _crMapError("check_crc_db", __FILE__, __LINE__);
         ErrorA(status, "%s: can not open file: %s (%s)", "check_crc_db", db_path.c_str(), strerror(e));
-        return 0;
+        return false;
     }
-    PODBShadow::CRC crc;
+    ShadowCrc crc;
     std::string block(kBlockSize, '\0');
     for (;;) {
         ssize_t n = ::read(fd, &block[0], kBlockSize);
@@ -68,15 +69,15 @@ int ShadowVersion::check_crc_db() {
     if (crc.value() != db_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", db_path.c_str(), db_crc,
                crc.value());
-        return 0;
+        return false;
     }
     db_verified = true;
-    return 1;
+    return true;
 }
 
 ShadowVersion::JournalScan ShadowVersion::scan_journal() const {
     JournalScan scan;
-    PODBShadow::CRC crc;
+    ShadowCrc crc;
     uint64_t position = 0;
     std::ifstream in(journal_path.c_str(), std::ios::in | std::ios::binary);
     scan.exists = in.is_open();
@@ -111,11 +112,11 @@ uint64_t ShadowVersion::JournalScan::replayed_bytes(uint32_t recorded_lines, uin
     return prefix_repairable(recorded_lines, recorded_crc) ? position_at_recorded : bytes;
 }
 
-int ShadowVersion::check_crc_journal(JournalScan* after) {
+bool ShadowVersion::check_crc_journal(JournalScan* after) {
     return check_crc_journal(dct::default_environment(), after);
 }
 
-int ShadowVersion::check_crc_journal(const dct::environment& env, JournalScan* after) {
+bool ShadowVersion::check_crc_journal(const dct::environment& env, JournalScan* after) {
     journal_verified = false;
     JournalScan scan = scan_journal();
     uint32_t result = scan.crc;
@@ -125,7 +126,7 @@ int ShadowVersion::check_crc_journal(const dct::environment& env, JournalScan* a
         // Lines appended after the checksum file was last persisted: a crash
         // between the journal sync and the checksum file. Cut them away (all
         // of them when none was counted yet); the recorded part is intact.
-        if (fix_journal(scan.position_at_recorded)) {
+        if (fix_journal(scan.position_at_recorded) == CR_STATUS_OK) {
             WarningA(CR_STATUS_NONE, "Journal file %s was corrupted, and it was fixed by truncation.",
                      journal_path.c_str());
             result = scan.crc_at_recorded;
@@ -147,48 +148,48 @@ int ShadowVersion::check_crc_journal(const dct::environment& env, JournalScan* a
     if (result != journal_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", journal_path.c_str(),
                journal_crc, result);
-        return 0;
+        return false;
     }
     journal_verified = true;
-    return 1;
+    return true;
 }
 
-int ShadowVersion::verify_journal(JournalScan* scan_out) const {
+bool ShadowVersion::verify_journal(JournalScan* scan_out) const {
     const JournalScan scan = scan_journal();
     if (scan_out != nullptr) *scan_out = scan;
     const uint32_t result = scan.effective_crc(journal_lines, journal_crc);
     if (result != journal_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", journal_path.c_str(),
                journal_crc, result);
-        return 0;
+        return false;
     }
-    return 1;
+    return true;
 }
 
-int ShadowVersion::fix_journal(uint64_t length) {
+cr_status_t ShadowVersion::fix_journal(uint64_t length) {
     int fd = ::open(journal_path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         int e = errno;
         cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
         ErrorA(status, "%s: can not open file: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
-        return 0;
+        return status;
     }
     if (safe_ftruncate(fd, static_cast<off_t>(length)) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
         ErrorA(status, "%s: ftruncate file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
         ::close(fd);
-        return 0;
+        return status;
     }
     // The cut must reach the disk before anything counts on it: a checksum
     // file written later describes the journal as it is now.
-    if (dct::fault_point(dct::fault_op::fsync, journal_path.c_str()) != 0 || safe_fsync(fd) != 0) {
+    if (dct::current_environment().fault_point(dct::fault_op::fsync, journal_path.c_str()) != 0 || safe_fsync(fd) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("fix_journal", __FILE__, __LINE__);
         ErrorA(status, "%s: fsync file failed: %s (%s)", "fix_journal", journal_path.c_str(), strerror(e));
         ::close(fd);
-        return 0;
+        return status;
     }
     ::close(fd);
-    return 1;
+    return CR_STATUS_OK;
 }

@@ -21,6 +21,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "dct/environment.h"
+#include "dct/status.h"
 
 // One version of one database type in a shadow directory.
 class ShadowVersion {
@@ -31,9 +32,10 @@ public:
     static std::string get_db_name(const std::string& type, uint64_t version);
     static std::string get_journal_name(const std::string& type, uint64_t version);
 
-    // Whole-file Adler-32 of the database against db_crc. 1 when they match; a
-    // mismatch logs "Detected CRC mismatch for %s. Expected %u, actually %u".
-    int check_crc_db();
+    // Whether the whole-file Adler-32 of the database matches db_crc. A
+    // mismatch logs "Detected CRC mismatch for %s. Expected %u, actually %u";
+    // a file that cannot be read is logged and does not match.
+    bool check_crc_db();
 
     // Checks the journal against journal_crc / journal_lines. Lines written
     // after the checksum file was last persisted are cut away when the
@@ -42,11 +44,11 @@ public:
     // writer died before any was counted. With journal_lines 0 and another
     // checksum the whole journal is taken and journal_lines filled in (unless
     // `env` turns auto-fix off; the first form asks the process-wide
-    // defaults). 1 when the journal matches. `after`, when given, receives the
-    // journal as the check leaves it (declared below).
+    // defaults). Whether the journal matches. `after`, when given, receives
+    // the journal as the check leaves it (declared below).
     struct JournalScan;
-    int check_crc_journal(JournalScan* after = nullptr);
-    int check_crc_journal(const dct::environment& env, JournalScan* after = nullptr);
+    bool check_crc_journal(JournalScan* after = nullptr);
+    bool check_crc_journal(const dct::environment& env, JournalScan* after = nullptr);
 
     // What one read of the journal file found: whether it could be opened,
     // its lines, the Adler-32 of all of them, and the Adler-32 and byte
@@ -74,14 +76,14 @@ public:
     // check_crc_journal without its repairs, for programs that only inspect:
     // lines beyond the recorded count are accepted when the recorded prefix
     // matches (a check would cut them away), nothing is written and
-    // journal_lines is left as it is. 1 when the journal matches; a mismatch
+    // journal_lines is left as it is. Whether the journal matches; a mismatch
     // logs as check_crc_journal does. `scan`, when given, receives what was
     // read.
-    int verify_journal(JournalScan* scan = nullptr) const;
+    bool verify_journal(JournalScan* scan = nullptr) const;
 
-    // Truncates the journal file to `length` bytes and syncs it. 1 on success,
-    // 0 on failure.
-    int fix_journal(uint64_t length);
+    // Truncates the journal file to `length` bytes and syncs it. 0, or the
+    // status of the step that failed (logged).
+    cr_status_t fix_journal(uint64_t length);
 
     uint64_t version;
     std::string type;

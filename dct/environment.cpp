@@ -45,4 +45,14 @@ const environment& default_environment() {
     return empty;
 }
 
+namespace {
+thread_local const environment* t_current = nullptr;
+}
+
+const environment& current_environment() { return t_current != nullptr ? *t_current : default_environment(); }
+
+environment_scope::environment_scope(const environment& env) : previous_(t_current) { t_current = &env; }
+
+environment_scope::~environment_scope() { t_current = previous_; }
+
 }  // namespace dct

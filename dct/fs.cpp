@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "dct/environment.h"
 #include "dct/fault.h"
 
 namespace {
@@ -21,7 +22,7 @@ std::atomic<int> g_case_override{-1};
 // Fails with the injected errno, if any; -1 then, like the wrapped call.
 #define DCT_FAULT(op, path)                                  \
     do {                                                     \
-        if (dct::fault_point((op), (path)) != 0) return -1;  \
+        if (dct::current_environment().fault_point((op), (path)) != 0) return -1;  \
     } while (0)
 
 // The mode `st` may keep: its permission bits within the private mode of its kind.
@@ -295,7 +296,7 @@ int FileMove(const char* from, const char* to) {
 int FileMove(const std::string& from, const std::string& to) { return FileMove(from.c_str(), to.c_str()); }
 
 int safe_fsync(int fd) {
-    if (dct::fault_point(dct::fault_op::fsync, "") != 0) return -1;
+    if (dct::current_environment().fault_point(dct::fault_op::fsync, "") != 0) return -1;
     int rc;
     do {
         rc = fsync(fd);
@@ -304,7 +305,7 @@ int safe_fsync(int fd) {
 }
 
 int safe_ftruncate(int fd, off_t length) {
-    if (dct::fault_point(dct::fault_op::ftruncate, "") != 0) return -1;
+    if (dct::current_environment().fault_point(dct::fault_op::ftruncate, "") != 0) return -1;
     int rc;
     do {
         rc = ftruncate(fd, length);

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 
+#include "dct/environment.h"
 #include "dct/syslog_gate.h"
 
 namespace {
@@ -223,10 +224,13 @@ void format_record(const char* format, va_list ap, std::string* message) {
 void emit_unguarded(dct::log_level level, cr_status_t status, const char* format, va_list ap) {
     sink_state& s = state();
     std::lock_guard<std::recursive_mutex> guard(s.mutex);
-    if (s.installed) {
+    // The thread's environment's own sink, else the process-wide one.
+    const dct::log_sink& own = dct::current_environment().log;
+    const dct::log_sink& installed = own ? own : s.installed;
+    if (installed) {
         std::string message;
         format_record(format, ap, &message);
-        s.installed(level, status, message);
+        installed(level, status, message);
         return;
     }
     if (!s.fallback_made) {

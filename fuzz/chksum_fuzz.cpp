@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             FUZZ_CHECK(loaded.empty());
             if (!reset) return 0;
         } else {
-            FUZZ_CHECK(shadow.persist_chksum("appdb") != 0);
+            FUZZ_CHECK(shadow.persist_chksum("appdb") == CR_STATUS_OK);
         }
     }
     // What is on disk now, a persisted or a fresh file, loads as it was left.

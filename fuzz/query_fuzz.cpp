@@ -3,7 +3,6 @@
 // query of a known type always yields a statement that SQLite prepares, with
 // one parameter (two for a time range) that binds and runs; the static
 // catalog_application_base::parse_query agrees with the member one.
-#include <sqlite3.h>
 
 #include <string>
 
@@ -51,20 +50,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     sqlitedb::statement prepared;
     FUZZ_CHECK(g_db.prepare(sql.c_str(), &prepared) == CR_STATUS_OK);
-    sqlite3_stmt* stmt = prepared.get();
-    const int params = sqlite3_bind_parameter_count(stmt);
+    sqlitedb::statement_ref stmt = prepared.ref();
+    const int params = stmt.parameter_count();
     if (q.type == appdb::APP_QUERY_TIME_RANGE) {
         FUZZ_CHECK(params == 2);
-        FUZZ_CHECK(sqlite3_bind_int64(stmt, 1, q.start_time) == SQLITE_OK);
-        FUZZ_CHECK(sqlite3_bind_int64(stmt, 2, q.stop_time) == SQLITE_OK);
+        FUZZ_CHECK(stmt.bind_int64(1, q.start_time) == SQLITE_OK);
+        FUZZ_CHECK(stmt.bind_int64(2, q.stop_time) == SQLITE_OK);
     } else {
         FUZZ_CHECK(params == 1);
+        // `value` lives until the statement's last step below.
         const std::string& value = q.type == appdb::APP_QUERY_NAME ? q.file_name : q.backup_id;
-        FUZZ_CHECK(sqlite3_bind_text(stmt, 1, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT) ==
-                   SQLITE_OK);
+        FUZZ_CHECK(stmt.bind_bytes(1, value) == SQLITE_OK);
     }
     int rc;
-    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    while ((rc = stmt.step()) == SQLITE_ROW) {
     }
     FUZZ_CHECK(rc == SQLITE_DONE);
     return 0;

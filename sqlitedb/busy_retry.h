@@ -5,7 +5,7 @@
 #ifndef SQLITEDB_BUSY_RETRY_H_
 #define SQLITEDB_BUSY_RETRY_H_
 
-#include "dct/sleep.h"
+#include "dct/environment.h"
 #include "dct/status.h"
 
 namespace sqlitedb {
@@ -16,7 +16,8 @@ constexpr unsigned int busy_tries = 60;
 // Runs `attempt()` until it returns anything but CR_STATUS_BUSY, at most
 // busy_tries times. After each busy result `on_busy(n)` is called (n counts
 // the busy results from 0; it logs, and returns false to give up at once),
-// then the thread sleeps one second (DctSleep, replaceable in tests). Returns
+// then the thread sleeps one second through its environment
+// (dct::current_environment(); the process-wide DctSleep by default). Returns
 // the last status: CR_STATUS_BUSY when every try was busy or on_busy gave up.
 template <typename Attempt, typename OnBusy>
 cr_status_t retry_while_busy(Attempt&& attempt, OnBusy&& on_busy) {
@@ -24,7 +25,7 @@ cr_status_t retry_while_busy(Attempt&& attempt, OnBusy&& on_busy) {
         const cr_status_t status = attempt();
         if (status != CR_STATUS_BUSY) return status;
         if (!on_busy(busy)) return status;
-        DctSleep(1);
+        dct::current_environment().sleep_seconds(1);
         if (++busy >= busy_tries) return status;
     }
 }

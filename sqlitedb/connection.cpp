@@ -10,6 +10,23 @@ namespace {
 
 std::atomic<int> default_busy_timeout_ms_{10000};
 
+// SQLite's handle of the main file (SQLITE_FCNTL_FILE_POINTER) or of its
+// journal (SQLITE_FCNTL_JOURNAL_POINTER); null when there is none open.
+sqlite3_file* file_of(sqlite3* db, int op) {
+    sqlite3_file* file = nullptr;
+    if (db == nullptr || sqlite3_file_control(db, "main", op, &file) != SQLITE_OK) return nullptr;
+    if (file == nullptr || file->pMethods == nullptr) return nullptr;
+    return file;
+}
+
+int size_of(sqlite3_file* file, int64_t* size) {
+    if (file == nullptr) return SQLITE_NOTFOUND;
+    sqlite3_int64 bytes = 0;
+    const int rc = file->pMethods->xFileSize(file, &bytes);
+    if (rc == SQLITE_OK) *size = bytes;
+    return rc;
+}
+
 int open_flags(open_mode mode) {
     switch (mode) {
         case open_mode::existing:
@@ -86,7 +103,7 @@ cr_status_t connection::exec(const char* sql) {
     return map(code_);
 }
 
-sqlite3_stmt* connection::kept(const char* sql, statement* once) {
+statement_ref connection::kept(const char* sql, statement* once) {
     return kept(sql, strlen(sql), once);
 }
 
@@ -133,6 +150,40 @@ bool connection::holds_no_schema() {
     if (prepare("SELECT count(*) FROM sqlite_master", &stmt) != CR_STATUS_OK) return false;
     code_ = sqlite3_step(stmt.get());
     return code_ == SQLITE_ROW && sqlite3_column_int64(stmt.get(), 0) == 0;
+}
+
+bool connection::is_read_only() const { return db_ == nullptr || sqlite3_db_readonly(db_, "main") != 0; }
+
+bool connection::has_moved() const {
+    int moved = 0;
+    if (db_ == nullptr || sqlite3_file_control(db_, "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK) {
+        return false;
+    }
+    return moved != 0;
+}
+
+void connection::set_busy_handler(busy_handler handler, void* arg) {
+    if (db_ != nullptr) sqlite3_busy_handler(db_, handler, arg);
+}
+
+int connection::checkpoint_truncate() {
+    code_ = db_ == nullptr ? SQLITE_MISUSE
+                           : sqlite3_wal_checkpoint_v2(db_, "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    return code_;
+}
+
+int connection::main_file_size(int64_t* size) const {
+    return size_of(file_of(db_, SQLITE_FCNTL_FILE_POINTER), size);
+}
+
+int connection::read_main_file(int64_t offset, void* buffer, int bytes) const {
+    sqlite3_file* file = file_of(db_, SQLITE_FCNTL_FILE_POINTER);
+    if (file == nullptr) return SQLITE_NOTFOUND;
+    return file->pMethods->xRead(file, buffer, bytes, offset);
+}
+
+int connection::log_file_size(int64_t* size) const {
+    return size_of(file_of(db_, SQLITE_FCNTL_JOURNAL_POINTER), size);
 }
 
 int connection::close(unsigned long retries, const std::function<void(unsigned long)>& on_busy) {

@@ -102,13 +102,13 @@ public:
     // (see kept_statements): prepared on first use, then found again. Null
     // when it does not prepare (code() tells why) or holds no statement
     // (code() is 0). Sets no more than code(): no allocation once kept.
-    sqlite3_stmt* kept(const char* sql, size_t length, statement* once) {
+    statement_ref kept(const char* sql, size_t length, statement* once) {
         return kept_.get(db_, sql, length, &code_, once);
     }
-    sqlite3_stmt* kept(const std::string& sql, statement* once) {
+    statement_ref kept(const std::string& sql, statement* once) {
         return kept(sql.c_str(), sql.size(), once);
     }
-    sqlite3_stmt* kept(const char* sql, statement* once);
+    statement_ref kept(const char* sql, statement* once);
     size_t kept_count() const { return kept_.size(); }
 
     // Prepares `sql` for one use into `out`. 0 or the mapped status.
@@ -135,6 +135,38 @@ public:
     // that failed half-way leaves). Anything that cannot be read counts as
     // not empty.
     bool holds_no_schema();
+
+    // Rows changed by the last INSERT, UPDATE or DELETE; 0 when closed.
+    int changes() const { return db_ != nullptr ? sqlite3_changes(db_) : 0; }
+
+    // ---- the database and its files ----
+
+    // Whether the main database is open for reading only (also when closed).
+    bool is_read_only() const;
+
+    // Whether SQLite finds the main file moved or unlinked since it was
+    // opened; false also when it cannot tell.
+    bool has_moved() const;
+
+    // Replaces the busy timeout with `handler` (see sqlite3_busy_handler:
+    // called with `arg` and the count of busy tries so far; nonzero waits
+    // and tries again). The timeout given later replaces it in turn. Nothing
+    // happens when closed.
+    using busy_handler = int (*)(void* arg, int count);
+    void set_busy_handler(busy_handler handler, void* arg);
+
+    // Checkpoints a write-ahead log into the main file and truncates it
+    // (TRUNCATE). SQLite's code (SQLITE_MISUSE when closed); also in code().
+    int checkpoint_truncate();
+
+    // Reads through SQLite's own handle of the main file, or of its log or
+    // rollback journal, without a second descriptor: closing one would drop
+    // the process's POSIX locks on the file. SQLITE_OK, SQLITE_NOTFOUND when
+    // SQLite holds no such file open, or the failure (a short read is
+    // SQLITE_IOERR_SHORT_READ). None of them change code().
+    int main_file_size(int64_t* size) const;
+    int read_main_file(int64_t offset, void* buffer, int bytes) const;
+    int log_file_size(int64_t* size) const;
 
     // ---- closing ----
 

@@ -31,7 +31,7 @@ public:
     // new text is prepared into `once`, which the caller owns for this use.
     // Null when the text does not prepare (SQLite's code in *rc) or holds no
     // statement (*rc is 0).
-    sqlite3_stmt* get(sqlite3* db, const char* sql, size_t length, int* rc, statement* once);
+    statement_ref get(sqlite3* db, const char* sql, size_t length, int* rc, statement* once);
 
     size_t size() const { return kept_.size(); }
 

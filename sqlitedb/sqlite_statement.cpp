@@ -1,6 +1,6 @@
 #include "sqlitedb/sqlite_statement.h"
 
-#include "dct/sleep.h"
+#include "dct/environment.h"
 
 namespace sqlitedb {
 
@@ -33,7 +33,7 @@ int close_retrying(sqlite3* db, unsigned long retries,
         const int rc = sqlite3_close(db);
         if (rc != SQLITE_BUSY) return rc;
         if (on_busy) on_busy(busy);
-        DctSleep(1);
+        dct::current_environment().sleep_seconds(1);
         if (busy >= retries) return rc;
     }
 }

@@ -28,4 +28,8 @@ cr_status_t sqlite_to_crstatus(int rc, cantopen_rule cantopen) {
     }
 }
 
+const char* errstr(int rc) { return sqlite3_errstr(rc); }
+
+bool glob_match(const char* pattern, const char* text) { return sqlite3_strglob(pattern, text) == 0; }
+
 }  // namespace sqlitedb

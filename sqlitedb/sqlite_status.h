@@ -1,4 +1,5 @@
-// The one table that turns SQLite result codes into platform status codes.
+// The one table that turns SQLite result codes into platform status codes,
+// SQLite's texts of those codes, and its GLOB rule for matching outside SQL.
 //
 // Only the primary code (the low byte) is looked at, apart from a database that
 // was moved or unlinked while open (READONLY_DBMOVED), which counts as corrupt.
@@ -29,6 +30,13 @@ enum class cantopen_rule {
 };
 
 cr_status_t sqlite_to_crstatus(int rc, cantopen_rule cantopen);
+
+// SQLite's own English text of the result code `rc` (static; never null).
+const char* errstr(int rc);
+
+// Whether `text` matches the GLOB `pattern` as SQL's GLOB operator decides
+// (case-sensitive; "*", "?" and "[...]").
+bool glob_match(const char* pattern, const char* text);
 
 // The same, the rule given as a flag: true is cantopen_rule::io_error.
 inline cr_status_t sqlite_to_crstatus(int rc, bool cantopen_is_io) {

@@ -12,7 +12,6 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "dct/sleep.h"
 #include "sqlitedb/busy_retry.h"
 #include "sqlitedb/sqlite_statement.h"
 #include "sqlitedb/sqlite_status.h"
@@ -238,6 +237,33 @@ cr_status_t sqlite3_wrapper::on_db_error(int rc) {
     InfoA(CR_STATUS_NONE, "[DBERR %08X]: %s", static_cast<unsigned>(rc), message);
     if (status == CR_STATUS_CORRUPT) throw db_exception(rc, message);
     return status;
+}
+
+bool check_database_integrity(const std::string& file) {
+    __TraceA("Run integrity check on SQLite database %s", file.c_str());
+    // The wrapper creates a missing file on open; a missing database is not
+    // one that passes.
+    if (wa_access(file, 0) != 0) {
+        ErrorA(CR_STATUS_MISSING, "Can't open database %s", file.c_str());
+        return false;
+    }
+    sqlite3_wrapper db(file);
+    cr_status_t status = db.open_db();
+    if (status != CR_STATUS_OK) {
+        ErrorA(status, "Can't open database %s", file.c_str());
+        return false;
+    }
+    std::string result;
+    const bool ok = db.run_integrity_check(result);
+    if (ok) {
+        InfoA(CR_STATUS_OK, "Run integrity check on %s successfully.", file.c_str());
+    } else {
+        WarningA(CR_STATUS_CORRUPT, "Run integrity check on %s failed: %s", file.c_str(), result.c_str());
+    }
+    // The check only read: a failed close changes nothing of the answer.
+    status = db.close_db(kCloseRetries);
+    if (status != CR_STATUS_OK) WarningA(status, "%s: failed to close db %s", "check_database_integrity", file.c_str());
+    return ok;
 }
 
 }  // namespace sqlitedb

@@ -33,6 +33,14 @@ namespace sqlitedb {
 // needs. False, with `out` left alone, when that allocation fails.
 bool format_sql(std::string& out, const char* format, ...);
 
+// Runs SQLite's integrity check on the database file `file` (the shadow's
+// copies and versions): traced "Run integrity check on SQLite database %s";
+// a file that is missing or does not open logs "Can't open database %s"; then
+// "Run integrity check on %s successfully." or the warning "Run integrity
+// check on %s failed: %s" with SQLite's answer. Whether the database passed;
+// a missing file never passes (and is not created).
+bool check_database_integrity(const std::string& file);
+
 // A SQLite result code, its text and the status it maps to.
 class db_exception {
 public:

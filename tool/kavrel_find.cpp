@@ -11,7 +11,6 @@
 // Exit status: 0 all read, 1 some databases skipped, 2 usage, 3 could not run.
 #include <errno.h>
 #include <malloc.h>
-#include <sqlite3.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -21,6 +20,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "appdb/catalog_application_base.h"
@@ -346,7 +346,7 @@ public:
         // Kept by the connection: prepared once for every line added.
         sqlitedb::statement once;
         insert_ = db_.kept("INSERT INTO item VALUES(?, ?)", &once);
-        if (insert_ == nullptr) return fail("prepare");
+        if (!insert_) return fail("prepare");
         return true;
     }
 
@@ -357,17 +357,17 @@ public:
 
     // Adds a line with its sort key (an integer, a text, or none).
     bool add(const std::string* text_key, const int64_t* number_key, const std::string& line) {
-        sqlite3_stmt* s = insert_;
+        sqlitedb::statement_ref s = insert_;
         if (text_key != nullptr) {
-            sqlite3_bind_blob(s, 1, text_key->data(), static_cast<int>(text_key->size()), SQLITE_STATIC);
+            s.bind_blob(1, *text_key);
         } else if (number_key != nullptr) {
-            sqlite3_bind_int64(s, 1, *number_key);
+            s.bind_int64(1, *number_key);
         } else {
-            sqlite3_bind_null(s, 1);
+            s.bind_null(1);
         }
-        sqlite3_bind_blob(s, 2, line.data(), static_cast<int>(line.size()), SQLITE_STATIC);
-        const int rc = sqlite3_step(s);
-        sqlite3_reset(s);
+        s.bind_blob(2, line);
+        const int rc = s.step();
+        s.reset();
         return rc == SQLITE_DONE || fail("insert");
     }
 
@@ -386,11 +386,12 @@ public:
         }
         sqlitedb::statement select;
         if (db_.prepare(sql.c_str(), &select) != CR_STATUS_OK) return fail("prepare");
-        sqlite3_stmt* s = select.get();
-        if (first || last) sqlite3_bind_int64(s, 1, static_cast<int64_t>(limit > INT64_MAX ? INT64_MAX : limit));
+        sqlitedb::statement_ref s = select.ref();
+        if (first || last) s.bind_int64(1, static_cast<int64_t>(limit > INT64_MAX ? INT64_MAX : limit));
         int rc;
-        while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
-            fwrite(sqlite3_column_blob(s, 0), 1, static_cast<size_t>(sqlite3_column_bytes(s, 0)), out);
+        while ((rc = s.step()) == SQLITE_ROW) {
+            const std::string_view line = s.column_blob(0);
+            fwrite(line.data(), 1, line.size(), out);
         }
         return rc == SQLITE_DONE || fail("read");
     }
@@ -409,11 +410,11 @@ private:
     // connection could be had.
     const char* message() const {
         if (db_.is_open()) return db_.errmsg();
-        return db_.code() == SQLITE_NOMEM ? "no memory" : sqlite3_errstr(db_.code());
+        return db_.code() == SQLITE_NOMEM ? "no memory" : sqlitedb::errstr(db_.code());
     }
 
     sqlitedb::connection db_;
-    sqlite3_stmt* insert_ = nullptr;  // kept by db_
+    sqlitedb::statement_ref insert_;  // kept by db_
 };
 
 // ---- the search ----

@@ -1,15 +1,23 @@
-// The environment of one service: the clock, the sleep, the fault seam of the
-// file operations, the busy timeout, the directory lock's wait limit and the
-// configuration switches it runs with.
+// The environment of one service: the clock, the sleep (the busy retries'
+// too), the fault seam of the file operations, the busy timeout, the
+// directory lock's wait limit, the configuration switches and the log sink it
+// runs with.
 //
 // A service (or a test) fills one in and hands it to the objects that serve
 // it (CatalogShadowContext, catalog_application_factory); two services in one
-// process, each with its own environment, do not see each other's choices.
-// Every member left empty or unset falls back to the process-wide default
-// (dct::set_clock_function, dct::set_sleep_function, dct::set_fault_hook,
-// catalog_store::set_busy_timeout_ms, CatalogDirectoryLock::set_wait_limit_ms,
-// _crConfigClass::Instance()), read at the moment it is asked, so a default
-// environment behaves exactly as the process-wide setters say.
+// process, each with its own environment, do not see each other's choices,
+// even on two threads at once. Every member left empty or unset falls back to
+// the process-wide default (dct::set_clock_function, dct::set_sleep_function,
+// dct::set_fault_hook, dct::set_log_sink, catalog_store::set_busy_timeout_ms,
+// CatalogDirectoryLock::set_wait_limit_ms, _crConfigClass::Instance()), read
+// at the moment it is asked, so a default environment behaves exactly as the
+// process-wide setters say.
+//
+// Each public operation of those objects makes its environment the calling
+// thread's (environment_scope) for as long as it runs, so that everything
+// below it (the file calls of dct, the busy retries, the log records) asks
+// that environment: the library reads the process-wide seams only through a
+// default environment.
 //
 //   dct::environment env;
 //   env.sleep = [](unsigned) {};              // busy retries without waiting
@@ -25,6 +33,8 @@
 
 #include <functional>
 #include <optional>
+
+#include "dct/log.h"
 
 namespace dct {
 
@@ -51,6 +61,10 @@ struct environment {
     // object (_crConfigClass::Instance()) decides, and without one auto-fix
     // is on.
     std::optional<bool> disable_auto_fix_journal;
+    // Receives every record logged while this environment is the thread's
+    // (see environment_scope), fully formatted, as a sink given to
+    // dct::set_log_sink would; empty: the process-wide sink.
+    log_sink log;
 
     unsigned long now_ms() const;
     void sleep_seconds(unsigned seconds) const;
@@ -66,6 +80,24 @@ struct environment {
 
 // The environment of everything built without one: every member empty.
 const environment& default_environment();
+
+// The calling thread's environment: the innermost live environment_scope's,
+// else default_environment().
+const environment& current_environment();
+
+// Makes `env` the calling thread's environment until the scope ends; scopes
+// nest, the innermost wins. `env` must outlive the scope. Objects that serve
+// a service open one at each public operation.
+class environment_scope {
+public:
+    explicit environment_scope(const environment& env);
+    ~environment_scope();
+    environment_scope(const environment_scope&) = delete;
+    environment_scope& operator=(const environment_scope&) = delete;
+
+private:
+    const environment* previous_;
+};
 
 }  // namespace dct
 

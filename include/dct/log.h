@@ -36,6 +36,8 @@ enum class log_level { error, warning, info, trace };
 using log_sink = std::function<void(log_level, cr_status_t status, const std::string& message)>;
 
 // Installs `sink` for every later record; an empty sink restores the default.
+// A thread whose environment has its own sink (dct::environment::log, see
+// dct/environment.h) logs there instead, under the same lock.
 // The sink receives each record once, fully formatted (no trailing newline),
 // with the status it is about (0 for information, CR_STATUS_NONE when there is
 // none). Records of every thread go through one process-wide lock, so the sink

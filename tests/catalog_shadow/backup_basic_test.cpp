@@ -242,7 +242,7 @@ TEST(BackupTest, FailedChecksumFileKeepsTheJournalStream) {
     std::unique_ptr<CatalogShadowContext> again = p.layout.context();
     boost::shared_ptr<PODBShadow> reloaded = again->pool->get(p.dir);
     std::lock_guard<std::recursive_mutex> guard(reloaded->mutex());
-    EXPECT_EQ(1, reloaded->get_db_versions_("appdb")->front().check_crc_journal());
+    EXPECT_TRUE(reloaded->get_db_versions_("appdb")->front().check_crc_journal());
 }
 
 TEST(BackupTest, UnexpectedJournalUnderTheNewNameIsRemoved) {

@@ -326,15 +326,20 @@ TEST(ChecksumFileValue, ReadLine) {
     ShadowCrc crc;
     std::string line;
     uint64_t value = 0;
-    EXPECT_EQ(nullptr, ChecksumFile::read_line(in, "count", crc, &line, &value));
+    const char* reason = nullptr;
+    EXPECT_EQ(0u, ChecksumFile::read_line(in, "count", crc, &line, &value, &reason));
+    EXPECT_EQ(nullptr, reason);
     EXPECT_EQ("count=7", line);
     EXPECT_EQ(7u, value);
     EXPECT_EQ(adler("count=7"), crc.value());
-    EXPECT_STREQ("bad line format", ChecksumFile::read_line(in, "count", crc, &line, &value));
+    EXPECT_EQ(CR_STATUS_CORRUPT, ChecksumFile::read_line(in, "count", crc, &line, &value, &reason));
+    EXPECT_STREQ("bad line format", reason);
     EXPECT_EQ("count=x", line);
     EXPECT_EQ(7u, value);
     EXPECT_EQ(adler("count=7"), crc.value());
-    EXPECT_STREQ("file read error", ChecksumFile::read_line(in, "count", crc, &line, &value));
+    EXPECT_EQ(CR_STATUS_CORRUPT, ChecksumFile::read_line(in, "count", crc, &line, &value));
+    EXPECT_EQ(CR_STATUS_CORRUPT, ChecksumFile::read_line(in, "count", crc, &line, &value, &reason));
+    EXPECT_STREQ("file read error", reason);
 }
 
 TEST(ChecksumFileLoad, MissingFileAndBytes) {

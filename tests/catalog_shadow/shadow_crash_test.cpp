@@ -35,7 +35,7 @@ struct CrashDir {
 // Five versions of "podb", persisted.
 void make_five_versions(PODBShadow& shadow) {
     for (int i = 1; i <= 5; ++i) add_version(shadow, "podb", "database " + std::to_string(i));
-    ASSERT_EQ(1, shadow.persist_chksum("podb"));
+    ASSERT_EQ(0u, shadow.persist_chksum("podb"));
 }
 
 // Gives the newest version journal counters that depend on `which` (0 or 1).
@@ -90,13 +90,13 @@ TEST(ShadowCrash, KilledWriterLeavesOldOrNewFile) {
         make_five_versions(shadow);
         for (int which = 1; which >= 0; --which) {
             set_state(shadow, which);
-            ASSERT_EQ(1, shadow.persist_chksum("podb"));
+            ASSERT_EQ(0u, shadow.persist_chksum("podb"));
             contents[which] = kt::read_file(chksum);
         }
         // How long one write takes here, to spread the kills over a few.
         const int samples = 20;
         const unsigned long start = dct::now_ms();
-        for (int i = 0; i < samples; ++i) ASSERT_EQ(1, shadow.persist_chksum("podb"));
+        for (int i = 0; i < samples; ++i) ASSERT_EQ(0u, shadow.persist_chksum("podb"));
         persist_us = static_cast<long>((dct::now_ms() - start) * 1000 / samples);
     }
     ASSERT_NE(contents[0], contents[1]);
@@ -123,7 +123,7 @@ TEST(ShadowCrash, KilledWriterLeavesOldOrNewFile) {
             // Starts with the content that is not on disk after the setup.
             for (unsigned long i = 1;; ++i) {
                 set_state(shadow, static_cast<int>(i & 1));
-                if (shadow.persist_chksum("podb") == 0) _exit(5);
+                if (shadow.persist_chksum("podb") != CR_STATUS_OK) _exit(5);
             }
         }
         close(ready[1]);
@@ -180,10 +180,10 @@ TEST_P(PersistFault, PreviousFileStaysAndNoTemporaryFileRemains) {
         return 0;
     });
     kt::LogCapture log;
-    const int ok = shadow.persist_chksum("podb");
+    const cr_status_t status = shadow.persist_chksum("podb");
     dct::set_fault_hook(nullptr);
 
-    EXPECT_EQ(0, ok);
+    EXPECT_EQ(CR_STATUS_IO, status);
     EXPECT_EQ(1, hits);
     EXPECT_EQ(before, kt::read_file(d.chksum));
     EXPECT_FALSE(kt::file_exists(d.temp));
@@ -202,7 +202,7 @@ TEST_P(PersistFault, PreviousFileStaysAndNoTemporaryFileRemains) {
     EXPECT_EQ(0u, loaded.load_versions("podb", true));
     EXPECT_EQ(0u, loaded.get_db_versions_("podb")->front().journal_lines);
     // And the next attempt goes through.
-    EXPECT_EQ(1, shadow.persist_chksum("podb"));
+    EXPECT_EQ(0u, shadow.persist_chksum("podb"));
     EXPECT_NE(before, kt::read_file(d.chksum));
 }
 
@@ -223,7 +223,7 @@ TEST(ShadowCrash, FailedDirectorySyncIsReported) {
         return op == dct::fault_op::fsync && d.dir == path ? EIO : 0;
     });
     kt::LogCapture log;
-    EXPECT_EQ(0, shadow.persist_chksum("podb"));
+    EXPECT_EQ(CR_STATUS_IO, shadow.persist_chksum("podb"));
     dct::set_fault_hook(nullptr);
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_IO, "can't persist version info file " + d.chksum + "."))
         << log.dump();
@@ -245,7 +245,7 @@ TEST(ShadowCrash, TemporaryNameThatCannotBeOpenedLeavesTheOldFile) {
     // for writing, whoever runs the test.
     ASSERT_EQ(0, wa_createtree(d.temp, 0755));
     kt::LogCapture log;
-    EXPECT_EQ(0, shadow.persist_chksum("podb"));
+    EXPECT_EQ(CR_STATUS_FAILED, shadow.persist_chksum("podb"));
     EXPECT_EQ(before, kt::read_file(d.chksum));
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_FAILED,
                             "persist_chksum: failed to open file " + d.temp + " to persist data (" + strerror(EISDIR) +

@@ -37,7 +37,7 @@ struct JournalDir {
 std::unique_ptr<PODBShadow> shadow_with_version(const JournalDir& d, const std::string& type = "podb") {
     std::unique_ptr<PODBShadow> shadow(new PODBShadow(nullptr, d.real, d.dir));
     add_version(*shadow, type, "base");
-    EXPECT_EQ(1, shadow->persist_chksum(type));
+    EXPECT_EQ(0u, shadow->persist_chksum(type));
     return shadow;
 }
 
@@ -146,7 +146,7 @@ TEST(ShadowJournal, LineLayoutAndCountersPerLine) {
         std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
     PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("podb", true));
-    EXPECT_EQ(1, loaded.get_db_versions_("podb")->front().check_crc_journal());
+    EXPECT_TRUE(loaded.get_db_versions_("podb")->front().check_crc_journal());
 }
 
 TEST(ShadowJournal, StatementWithNewlinesStillChecksOut) {
@@ -308,7 +308,7 @@ TEST(ShadowJournal, WriteFailureLeavesFileAndCountersAsTheyWere) {
         std::unique_ptr<PODBShadow> loaded_owner(new PODBShadow(nullptr, d.real, d.dir));
     PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("podb", true));
-    EXPECT_EQ(1, loaded.get_db_versions_("podb")->front().check_crc_journal());
+    EXPECT_TRUE(loaded.get_db_versions_("podb")->front().check_crc_journal());
 }
 
 TEST(ShadowJournal, FailedSyncDropsTheUncountedLines) {
@@ -370,7 +370,7 @@ TEST(ShadowJournal, ResetClosesTheActiveJournal) {
     EXPECT_EQ(0u, shadow->flush_journal("podb"));  // nothing open, nothing to do
     // A new newest version: the next line opens its journal.
     add_version(*shadow, "podb", "second");
-    ASSERT_EQ(1, shadow->persist_chksum("podb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("podb"));
     ASSERT_EQ(0u, shadow->write_journal("podb", "B"));
     ASSERT_EQ(0u, shadow->flush_journal("podb"));
     EXPECT_EQ("A;\n", kt::read_file(d.file("podb.1.journal")));
@@ -394,7 +394,7 @@ TEST(ShadowJournalContext, ApplicationStatementIsDurableWhenItReturns) {
     const std::string dir = l.app_dir("1/c/p");
     boost::shared_ptr<PODBShadow> shadow = ctx->pool->get(dir);
     add_version(*shadow, "appdb", "empty schema");
-    ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("appdb"));
 
     EXPECT_EQ(0u, ctx->write_journal(dir, "appdb", "DELETE FROM catalog WHERE backup_id = ('b1')"));
     const std::string sdir = l.shadow + "/1/c/p";
@@ -404,7 +404,7 @@ TEST(ShadowJournalContext, ApplicationStatementIsDurableWhenItReturns) {
     PODBShadow& loaded = *loaded_owner;
     ASSERT_EQ(0u, loaded.load_versions("appdb", true));
     EXPECT_EQ(1u, loaded.get_db_versions_("appdb")->front().journal_lines);
-    EXPECT_EQ(1, loaded.get_db_versions_("appdb")->front().check_crc_journal());
+    EXPECT_TRUE(loaded.get_db_versions_("appdb")->front().check_crc_journal());
 }
 
 TEST(ShadowJournalContext, ApplicationStatementWithoutShadowIsOnlyLogged) {
@@ -423,7 +423,7 @@ TEST(ShadowJournalContext, PoHandleStatementsAreJournalledInOrder) {
     const std::string dir = l.po_dir("3");
     boost::shared_ptr<PODBShadow> shadow = ctx->pool->get(dir);
     add_version(*shadow, "podb", "po");
-    ASSERT_EQ(1, shadow->persist_chksum("podb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("podb"));
     boost::shared_ptr<PODB> handle(new FakePODB(dir, {"INSERT INTO po VALUES(1)", "INSERT INTO po VALUES(2)"}));
     EXPECT_EQ(0u, ctx->write_journal(handle));
     EXPECT_EQ("INSERT INTO po VALUES(1);\nINSERT INTO po VALUES(2);\n", kt::read_file(l.shadow + "/3/podb.1.journal"));
@@ -439,7 +439,7 @@ TEST(ShadowJournalContext, PoHandleStopsAtTheFirstFailureAndKeepsTheLinesBefore)
     const std::string dir = l.po_dir("3");
     boost::shared_ptr<PODBShadow> shadow = ctx->pool->get(dir);
     add_version(*shadow, "podb", "po");
-    ASSERT_EQ(1, shadow->persist_chksum("podb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("podb"));
     ASSERT_EQ(0u, ctx->write_journal(dir, "podb", "FIRST"));
     const std::string journal = l.shadow + "/3/podb.1.journal";
     int writes = 0;
@@ -511,7 +511,7 @@ TEST(ShadowJournalContext, ConcurrentWritersKeepTheJournalWhole) {
     {
         boost::shared_ptr<PODBShadow> shadow = ctx->pool->get(dir);
         add_version(*shadow, "appdb", "base");
-        ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+        ASSERT_EQ(0u, shadow->persist_chksum("appdb"));
     }
     const int threads = 4;
     const int lines = 10;
@@ -546,7 +546,7 @@ TEST(ShadowJournalContext, ConcurrentWritersKeepTheJournalWhole) {
     ASSERT_EQ(0u, loaded->load_versions("appdb", true));
     ShadowVersion& v = loaded->get_db_versions_("appdb")->front();
     EXPECT_EQ(static_cast<uint32_t>(threads * lines), v.journal_lines);
-    EXPECT_EQ(1, v.check_crc_journal());
+    EXPECT_TRUE(v.check_crc_journal());
 }
 
 // Replay: a copy of the version plus its journal gives the same table as the
@@ -559,7 +559,7 @@ TEST(ShadowJournalReplay, ReplayEqualsDirectExecution) {
     const std::string base_bytes = kt::read_file(base);
     std::unique_ptr<PODBShadow> shadow(new PODBShadow(nullptr, d.real, d.dir));
     add_version(*shadow, "appdb", base_bytes);
-    ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("appdb"));
 
     const std::vector<std::string> statements = {
         "INSERT INTO catalog VALUES(2, 'it''s; here', 20)",
@@ -595,7 +595,7 @@ TEST(ShadowJournalReplay, OldestFirstAndVersionsWithoutJournalAreSkipped) {
     run_sql(base, "CREATE TABLE t(v TEXT);");
     std::unique_ptr<PODBShadow> shadow(new PODBShadow(nullptr, d.real, d.dir));
     add_version(*shadow, "appdb", "v1");  // journal: first
-    ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("appdb"));
     ASSERT_EQ(0u, shadow->write_journal("appdb", "INSERT INTO t VALUES('first')"));
     ASSERT_EQ(0u, shadow->flush_journal("appdb"));
     shadow->reset_db_active_journal_("appdb", boost::shared_ptr<JournalStream>());
@@ -603,7 +603,7 @@ TEST(ShadowJournalReplay, OldestFirstAndVersionsWithoutJournalAreSkipped) {
     add_version(*shadow, "appdb", "v3");  // empty journal file
     kt::write_file(d.file("appdb.3.journal"), "");
     add_version(*shadow, "appdb", "v4");  // journal: second
-    ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("appdb"));
     ASSERT_EQ(0u, shadow->write_journal("appdb", "INSERT INTO t VALUES('second')"));
     ASSERT_EQ(0u, shadow->flush_journal("appdb"));
 
@@ -626,7 +626,7 @@ TEST(ShadowJournalReplay, FailingJournalIsReported) {
     run_sql(base, "CREATE TABLE t(v TEXT);");
     std::unique_ptr<PODBShadow> shadow(new PODBShadow(nullptr, d.real, d.dir));
     add_version(*shadow, "appdb", "v1");
-    ASSERT_EQ(1, shadow->persist_chksum("appdb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("appdb"));
     ASSERT_EQ(0u, shadow->write_journal("appdb", "INSERT INTO missing_table VALUES(1)"));
     ASSERT_EQ(0u, shadow->flush_journal("appdb"));
     kt::LogCapture log;
@@ -644,7 +644,7 @@ TEST(ShadowJournalReplay, PoCleanupDropsMarkedRows) {
     run_sql(base, "CREATE TABLE po(basename TEXT);");
     std::unique_ptr<PODBShadow> shadow(new PODBShadow(nullptr, d.real, d.dir));
     add_version(*shadow, "podb", "v1");
-    ASSERT_EQ(1, shadow->persist_chksum("podb"));
+    ASSERT_EQ(0u, shadow->persist_chksum("podb"));
     ASSERT_EQ(0u, shadow->write_journal("podb", "INSERT INTO po VALUES('keep'), ('drop[R_1]'), ('keep[x]')"));
     ASSERT_EQ(0u, shadow->flush_journal("podb"));
     sqlitedb::sqlite3_wrapper db(base);

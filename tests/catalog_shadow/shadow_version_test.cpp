@@ -42,7 +42,7 @@ TEST(ShadowVersionDb, BlockSizedFileMatches) {
     for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
     kt::write_file(v.version.db_path, content);
     v.version.db_crc = adler(content);
-    EXPECT_EQ(1, v.version.check_crc_db());
+    EXPECT_TRUE(v.version.check_crc_db());
     EXPECT_TRUE(v.version.db_verified);
 }
 
@@ -51,14 +51,14 @@ TEST(ShadowVersionDb, FileAcrossSeveralBlocksMatches) {
     std::string content(3 * 32768 + 5, 'q');
     kt::write_file(v.version.db_path, content);
     v.version.db_crc = adler(content);
-    EXPECT_EQ(1, v.version.check_crc_db());
+    EXPECT_TRUE(v.version.check_crc_db());
 }
 
 TEST(ShadowVersionDb, EmptyFileHasChecksumOne) {
     VersionDir v;
     kt::write_file(v.version.db_path, "");
     v.version.db_crc = 1;
-    EXPECT_EQ(1, v.version.check_crc_db());
+    EXPECT_TRUE(v.version.check_crc_db());
 }
 
 TEST(ShadowVersionDb, MismatchIsReported) {
@@ -66,7 +66,7 @@ TEST(ShadowVersionDb, MismatchIsReported) {
     kt::write_file(v.version.db_path, "abc");
     v.version.db_crc = adler("abd");
     kt::LogCapture log;
-    EXPECT_EQ(0, v.version.check_crc_db());
+    EXPECT_FALSE(v.version.check_crc_db());
     EXPECT_FALSE(v.version.db_verified);
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE,
                             "Detected CRC mismatch for " + v.version.db_path + ". Expected " +
@@ -77,7 +77,7 @@ TEST(ShadowVersionDb, MismatchIsReported) {
 TEST(ShadowVersionDb, MissingFileFails) {
     VersionDir v;
     kt::LogCapture log;
-    EXPECT_EQ(0, v.version.check_crc_db());
+    EXPECT_FALSE(v.version.check_crc_db());
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_MISSING,
                             "check_crc_db: can not open file: " + v.version.db_path + " (" + strerror(ENOENT) + ")"))
         << log.dump();
@@ -89,14 +89,14 @@ TEST(ShadowVersionJournal, MatchingJournalPasses) {
     v.version.journal_crc = adler("B;;", adler("A;"));
     v.version.journal_lines = 2;
     kt::LogCapture log;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_TRUE(v.version.journal_verified);
     EXPECT_EQ(0u, log.records().size()) << log.dump();
 }
 
 TEST(ShadowVersionJournal, MissingJournalIsAnEmptyOne) {
     VersionDir v;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ(0u, v.version.journal_lines);
 }
 
@@ -106,7 +106,7 @@ TEST(ShadowVersionJournal, TwoExtraLinesAreCutAway) {
     v.version.journal_crc = adler("B;", adler("A;"));
     v.version.journal_lines = 2;
     kt::LogCapture log;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ("A;\nB;\n", kt::read_file(v.version.journal_path));
     EXPECT_EQ(2u, v.version.journal_lines);
     EXPECT_EQ(1u, log.count(log_level::warning, CR_STATUS_NONE,
@@ -120,7 +120,7 @@ TEST(ShadowVersionJournal, TornLastLineIsCutAway) {
     kt::write_file(v.version.journal_path, "A;\nB;\nINSERT INTO x VAL");
     v.version.journal_crc = adler("B;", adler("A;"));
     v.version.journal_lines = 2;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ("A;\nB;\n", kt::read_file(v.version.journal_path));
 }
 
@@ -131,7 +131,7 @@ TEST(ShadowVersionJournal, ExtraLinesAfterADamagedPrefixAreNotFixed) {
     v.version.journal_crc = adler("B;", adler("A;"));
     v.version.journal_lines = 2;
     kt::LogCapture log;
-    EXPECT_EQ(0, v.version.check_crc_journal());
+    EXPECT_FALSE(v.version.check_crc_journal());
     EXPECT_FALSE(v.version.journal_verified);
     EXPECT_EQ(content, kt::read_file(v.version.journal_path));
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE,
@@ -147,7 +147,7 @@ TEST(ShadowVersionJournal, FailedTruncationIsReported) {
     v.version.journal_lines = 1;
     kt::LogCapture log;
     dct::set_fault_hook([](dct::fault_op op, const char*) { return op == dct::fault_op::ftruncate ? EIO : 0; });
-    EXPECT_EQ(0, v.version.check_crc_journal());
+    EXPECT_FALSE(v.version.check_crc_journal());
     dct::set_fault_hook(nullptr);
     EXPECT_EQ("A;\nB;\n", kt::read_file(v.version.journal_path));
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_IO,
@@ -164,7 +164,7 @@ TEST(ShadowVersionJournal, FewerLinesThanRecordedFails) {
     v.version.journal_crc = adler("B;", adler("A;"));
     v.version.journal_lines = 2;
     kt::LogCapture log;
-    EXPECT_EQ(0, v.version.check_crc_journal());
+    EXPECT_FALSE(v.version.check_crc_journal());
     EXPECT_EQ(1u, log.count_message("Detected CRC mismatch for " + v.version.journal_path + ". Expected " +
                                     std::to_string(adler("B;", adler("A;"))) + ", actually " +
                                     std::to_string(adler("A;"))))
@@ -176,7 +176,7 @@ TEST(ShadowVersionJournal, ZeroRecordedLinesTakesTheWholeJournalAndFillsTheCount
     kt::write_file(v.version.journal_path, "A;\nB;\nC;\n");
     v.version.journal_crc = adler("C;", adler("B;", adler("A;")));
     v.version.journal_lines = 0;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ(3u, v.version.journal_lines);
     EXPECT_EQ("A;\nB;\nC;\n", kt::read_file(v.version.journal_path));
 }
@@ -190,7 +190,7 @@ TEST(ShadowVersionJournal, EmptyRecordedJournalCutsEveryLine) {
     v.version.journal_crc = 1;
     v.version.journal_lines = 0;
     kt::LogCapture log;
-    EXPECT_EQ(1, v.version.check_crc_journal()) << log.dump();
+    EXPECT_TRUE(v.version.check_crc_journal()) << log.dump();
     EXPECT_EQ(0u, v.version.journal_lines);
     EXPECT_EQ("", kt::read_file(v.version.journal_path));
     EXPECT_EQ(1u, log.count(log_level::warning, CR_STATUS_NONE,
@@ -206,7 +206,7 @@ TEST(ShadowVersionJournal, EmptyRecordedJournalThatCannotBeCutFails) {
     v.version.journal_lines = 0;
     kt::LogCapture log;
     dct::set_fault_hook([](dct::fault_op op, const char*) { return op == dct::fault_op::ftruncate ? EIO : 0; });
-    EXPECT_EQ(0, v.version.check_crc_journal());
+    EXPECT_FALSE(v.version.check_crc_journal());
     dct::set_fault_hook(nullptr);
     EXPECT_EQ(1u, log.count_message("Journal file " + v.version.journal_path +
                                     " was corrupted, tried to fix but failed."))
@@ -219,7 +219,7 @@ TEST(ShadowVersionJournal, EmptyRecordedJournalStaysEmpty) {
     kt::write_file(v.version.journal_path, "");
     v.version.journal_crc = 1;
     v.version.journal_lines = 0;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ("", kt::read_file(v.version.journal_path));
 }
 
@@ -230,7 +230,7 @@ TEST(ShadowVersionJournal, TruncationSurvivesAPowerLoss) {
     v.version.journal_crc = adler("A;");
     v.version.journal_lines = 1;
     kt::PowerLossModel model({v.dir});
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     model.restore();  // the disk as a power loss now would leave it
     EXPECT_EQ("A;\n", kt::read_file(v.version.journal_path));
     EXPECT_EQ(0, model.unattributed_syncs());
@@ -242,7 +242,7 @@ TEST(ShadowVersionJournal, ZeroRecordedLinesStayZeroWithAutoFixDisabled) {
     kt::write_file(v.version.journal_path, "A;\nB;\n");
     v.version.journal_crc = adler("B;", adler("A;"));
     v.version.journal_lines = 0;
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ(0u, v.version.journal_lines);
 }
 
@@ -251,14 +251,14 @@ TEST(ShadowVersionJournal, ZeroRecordedLinesFilledWithAutoFixEnabledInConfig) {
     ScopedConfig config(false);
     kt::write_file(v.version.journal_path, "A;\n");
     v.version.journal_crc = adler("A;");
-    EXPECT_EQ(1, v.version.check_crc_journal());
+    EXPECT_TRUE(v.version.check_crc_journal());
     EXPECT_EQ(1u, v.version.journal_lines);
 }
 
 TEST(ShadowVersionJournal, FixJournalTruncates) {
     VersionDir v;
     kt::write_file(v.version.journal_path, "0123456789");
-    EXPECT_EQ(1, v.version.fix_journal(4));
+    EXPECT_EQ(0u, v.version.fix_journal(4));
     EXPECT_EQ("0123", kt::read_file(v.version.journal_path));
 }
 
@@ -266,7 +266,7 @@ TEST(ShadowVersionJournal, FixJournalOfMissingFile) {
     VersionDir v;
     kt::LogCapture log;
     *__cr_errno_location() = 0;
-    EXPECT_EQ(0, v.version.fix_journal(4));
+    EXPECT_EQ(CR_STATUS_MISSING, v.version.fix_journal(4));
     EXPECT_EQ(CR_STATUS_MISSING, *__cr_errno_location());
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_MISSING,
                             "fix_journal: can not open file: " + v.version.journal_path + " (" + strerror(ENOENT) +
@@ -284,7 +284,7 @@ TEST(ShadowVersionJournalInspect, ExtraLinesAreAcceptedAndKept) {
     v.version.journal_lines = 2;
     kt::LogCapture log;
     ShadowVersion::JournalScan scan;
-    EXPECT_EQ(1, v.version.verify_journal(&scan));
+    EXPECT_TRUE(v.version.verify_journal(&scan));
     EXPECT_TRUE(scan.exists);
     EXPECT_EQ(4u, scan.lines);
     EXPECT_EQ(content, kt::read_file(v.version.journal_path));
@@ -296,7 +296,7 @@ TEST(ShadowVersionJournalInspect, ZeroRecordedLinesTakeTheWholeJournalWithoutFil
     VersionDir v;
     kt::write_file(v.version.journal_path, "A;\nB;\n");
     v.version.journal_crc = adler("B;", adler("A;"));
-    EXPECT_EQ(1, v.version.verify_journal());
+    EXPECT_TRUE(v.version.verify_journal());
     EXPECT_EQ(0u, v.version.journal_lines);
 }
 
@@ -307,7 +307,7 @@ TEST(ShadowVersionJournalInspect, ShortOrDamagedJournalFails) {
     v.version.journal_lines = 2;
     kt::LogCapture log;
     ShadowVersion::JournalScan scan;
-    EXPECT_EQ(0, v.version.verify_journal(&scan));
+    EXPECT_FALSE(v.version.verify_journal(&scan));
     EXPECT_EQ(1u, scan.lines);
     EXPECT_EQ("A;\n", kt::read_file(v.version.journal_path));
     EXPECT_EQ(1u, log.count(log_level::error, CR_STATUS_NONE,
@@ -316,14 +316,14 @@ TEST(ShadowVersionJournalInspect, ShortOrDamagedJournalFails) {
                                 std::to_string(adler("A;")))) << log.dump();
 
     kt::write_file(v.version.journal_path, "A;\nX;\nC;\n");
-    EXPECT_EQ(0, v.version.verify_journal());
+    EXPECT_FALSE(v.version.verify_journal());
     EXPECT_EQ("A;\nX;\nC;\n", kt::read_file(v.version.journal_path));
 }
 
 TEST(ShadowVersionJournalInspect, MissingJournalIsAnEmptyOne) {
     VersionDir v;
     ShadowVersion::JournalScan scan;
-    EXPECT_EQ(1, v.version.verify_journal(&scan));
+    EXPECT_TRUE(v.version.verify_journal(&scan));
     EXPECT_FALSE(scan.exists);
     EXPECT_EQ(0u, scan.lines);
 }

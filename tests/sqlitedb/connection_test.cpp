@@ -1,12 +1,17 @@
 // sqlitedb::connection: its open modes, the busy timeout and retries against a
-// second real connection, corruption as a status, kept statements and close.
+// second real connection, corruption as a status, kept statements, the typed
+// statement calls, the calls on the database and its files, and close.
 #include <grp.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -314,14 +319,14 @@ TEST(ConnectionKept, AStatementIsPreparedOnceAndFoundAgain) {
     ASSERT_EQ(0u, db.exec("CREATE TABLE t(x);"));
     sqlitedb::statement once;
     const char sql[] = "INSERT INTO t VALUES(?)";
-    sqlite3_stmt* first = db.kept(sql, &once);
-    ASSERT_NE(nullptr, first);
+    sqlitedb::statement_ref first = db.kept(sql, &once);
+    ASSERT_TRUE(first);
     for (int i = 0; i < 3; ++i) {
-        sqlite3_stmt* again = db.kept(std::string(sql), &once);
-        EXPECT_EQ(first, again);
+        sqlitedb::statement_ref again = db.kept(std::string(sql), &once);
+        EXPECT_TRUE(first == again);
         sqlitedb::statement_use use(again);
-        ASSERT_EQ(SQLITE_OK, sqlite3_bind_int(again, 1, i));
-        ASSERT_EQ(SQLITE_DONE, sqlite3_step(again));
+        ASSERT_EQ(SQLITE_OK, again.bind_int(1, i));
+        ASSERT_EQ(SQLITE_DONE, again.step());
     }
     EXPECT_EQ(1u, db.kept_count());
     EXPECT_FALSE(once);
@@ -335,12 +340,12 @@ TEST(ConnectionKept, TextsBeyondTheBoundArePreparedForOneUse) {
     ASSERT_EQ(0u, db.open("", open_mode::create));
     sqlitedb::statement once;
     for (size_t i = 0; i < sqlitedb::kept_statements::max_kept; ++i) {
-        ASSERT_NE(nullptr, db.kept("SELECT " + std::to_string(i), &once));
+        ASSERT_TRUE(db.kept("SELECT " + std::to_string(i), &once));
     }
     EXPECT_EQ(sqlitedb::kept_statements::max_kept, db.kept_count());
-    sqlite3_stmt* extra = db.kept(std::string("SELECT 'extra'"), &once);
-    ASSERT_NE(nullptr, extra);
-    EXPECT_EQ(extra, once.get());
+    sqlitedb::statement_ref extra = db.kept(std::string("SELECT 'extra'"), &once);
+    ASSERT_TRUE(extra);
+    EXPECT_EQ(extra.get(), once.get());
     EXPECT_EQ(sqlitedb::kept_statements::max_kept, db.kept_count());
 }
 
@@ -348,13 +353,186 @@ TEST(ConnectionKept, ATextThatDoesNotPrepareKeepsNothing) {
     connection db;
     ASSERT_EQ(0u, db.open("", open_mode::create));
     sqlitedb::statement once;
-    EXPECT_EQ(nullptr, db.kept("SELECT * FROM nowhere", &once));
+    EXPECT_FALSE(db.kept("SELECT * FROM nowhere", &once));
     EXPECT_EQ(SQLITE_ERROR, db.code());
     EXPECT_EQ(4u, db.map(db.code()));
     EXPECT_STREQ("no such table: nowhere", db.errmsg());
-    EXPECT_EQ(nullptr, db.kept("-- a comment only", &once));
+    EXPECT_FALSE(db.kept("-- a comment only", &once));
     EXPECT_EQ(SQLITE_OK, db.code());
     EXPECT_EQ(0u, db.kept_count());
+}
+
+// ---- typed statement calls ----
+
+TEST(ConnectionTyped, BindsStepsAndReadsEveryKind) {
+    connection db;
+    ASSERT_EQ(0u, db.open("", open_mode::create));
+    ASSERT_EQ(0u, db.exec("CREATE TABLE t(i, j, n, a, b, c);"));
+    sqlitedb::statement once;
+    sqlitedb::statement_ref insert = db.kept("INSERT INTO t VALUES(?, ?, ?, ?, ?, ?)", &once);
+    ASSERT_TRUE(insert);
+    EXPECT_EQ(6, insert.parameter_count());
+    const std::string with_nul("x\0y", 3);
+    {
+        sqlitedb::statement_use use(insert);
+        EXPECT_EQ(SQLITE_OK, insert.bind_int(1, -7));
+        EXPECT_EQ(SQLITE_OK, insert.bind_int64(2, INT64_C(1) << 40));
+        EXPECT_EQ(SQLITE_OK, insert.bind_null(3));
+        EXPECT_EQ(SQLITE_OK, insert.bind_text(4, with_nul));   // up to the NUL
+        EXPECT_EQ(SQLITE_OK, insert.bind_bytes(5, with_nul));  // all three bytes
+        EXPECT_EQ(SQLITE_OK, insert.bind_blob(6, with_nul));
+        EXPECT_EQ(SQLITE_DONE, insert.step());
+    }
+    EXPECT_EQ(1, db.changes());
+
+    sqlitedb::statement select;
+    ASSERT_EQ(0u, db.prepare("SELECT i, j, n, a, b, c, typeof(b), typeof(c) FROM t", &select));
+    sqlitedb::statement_ref row = select.ref();
+    ASSERT_EQ(SQLITE_ROW, row.step());
+    EXPECT_EQ(8, row.column_count());
+    EXPECT_EQ(-7, row.column_int(0));
+    EXPECT_EQ(INT64_C(1) << 40, row.column_int64(1));
+    EXPECT_TRUE(row.column_text(2).empty());  // NULL reads as empty
+    EXPECT_TRUE(row.column_blob(2).empty());
+    EXPECT_EQ("x", std::string(row.column_text(3)));
+    EXPECT_EQ(with_nul, std::string(row.column_text(4)));
+    EXPECT_EQ(with_nul, std::string(row.column_blob(5)));
+    EXPECT_EQ("text", std::string(row.column_text(6)));
+    EXPECT_EQ("blob", std::string(row.column_text(7)));
+    EXPECT_EQ(SQLITE_DONE, row.step());
+    // A reset statement runs again from the start.
+    EXPECT_EQ(SQLITE_OK, row.reset());
+    ASSERT_EQ(SQLITE_ROW, row.step());
+    EXPECT_EQ(-7, row.column_int(0));
+}
+
+TEST(ConnectionTyped, FailuresComeBackAsCodesAndResetKeepsTheBindings) {
+    connection db;
+    ASSERT_EQ(0u, db.open("", open_mode::create));
+    ASSERT_EQ(0u, db.exec("CREATE TABLE t(x UNIQUE);"));
+    sqlitedb::statement insert;
+    ASSERT_EQ(0u, db.prepare("INSERT INTO t VALUES(?)", &insert));
+    sqlitedb::statement_ref s = insert.ref();
+    EXPECT_EQ(SQLITE_RANGE, s.bind_int(2, 1));
+    ASSERT_EQ(SQLITE_OK, s.bind_int64(1, 5));
+    EXPECT_EQ(SQLITE_DONE, s.step());
+    s.reset();
+    // The binding survives the reset: the same value again breaks the key.
+    EXPECT_EQ(SQLITE_CONSTRAINT_UNIQUE, s.step());
+    EXPECT_EQ(SQLITE_CONSTRAINT_UNIQUE, s.reset());
+    EXPECT_STREQ("UNIQUE constraint failed: t.x", db.errmsg());
+    EXPECT_EQ(4u, db.map(SQLITE_CONSTRAINT_UNIQUE));
+    EXPECT_STREQ("constraint failed", sqlitedb::errstr(SQLITE_CONSTRAINT_UNIQUE));
+    EXPECT_STREQ("database is locked", sqlitedb::errstr(SQLITE_BUSY));
+    // statement_use clears the bindings at its end: NULL is no duplicate.
+    {
+        sqlitedb::statement_use use(s);
+        EXPECT_EQ(SQLITE_CONSTRAINT_UNIQUE, s.step());
+    }
+    EXPECT_EQ(SQLITE_DONE, s.step());
+    std::string rows;
+    EXPECT_EQ(0u, db.read_value("SELECT count(*) FROM t;", &rows));
+    EXPECT_EQ("2", rows);
+}
+
+TEST(ConnectionTyped, GlobMatchesAsSqlDoes) {
+    EXPECT_TRUE(sqlitedb::glob_match("a*c", "abbbc"));
+    EXPECT_TRUE(sqlitedb::glob_match("a?c", "abc"));
+    EXPECT_TRUE(sqlitedb::glob_match("[a-c]x", "bx"));
+    EXPECT_FALSE(sqlitedb::glob_match("a*c", "ABBBC"));  // case counts
+    EXPECT_FALSE(sqlitedb::glob_match("a?c", "ac"));
+}
+
+// ---- the database and its files ----
+
+TEST(ConnectionFiles, ReadOnlyIsTold) {
+    kt::TempDir dir;
+    const std::string p = dir.file("a.db");
+    sqlt::make_db(p, 3);
+    connection rw;
+    ASSERT_EQ(0u, rw.open(p, open_mode::existing));
+    EXPECT_FALSE(rw.is_read_only());
+    connection ro;
+    ASSERT_EQ(0u, ro.open(p, open_mode::read_only));
+    EXPECT_TRUE(ro.is_read_only());
+    connection closed;
+    EXPECT_TRUE(closed.is_read_only());
+}
+
+TEST(ConnectionFiles, AFileRenamedUnderTheConnectionHasMoved) {
+    kt::TempDir dir;
+    const std::string p = dir.file("a.db");
+    sqlt::make_db(p, 3);
+    connection db;
+    ASSERT_EQ(0u, db.open(p, open_mode::existing));
+    EXPECT_FALSE(db.has_moved());
+    ASSERT_EQ(0, rename(p.c_str(), dir.file("b.db").c_str()));
+    EXPECT_TRUE(db.has_moved());
+    EXPECT_FALSE(connection().has_moved());
+}
+
+TEST(ConnectionFiles, TheMainFileIsReadThroughSqlitesOwnHandle) {
+    kt::TempDir dir;
+    const std::string p = dir.file("a.db");
+    sqlt::make_db(p, 20);
+    connection db;
+    ASSERT_EQ(0u, db.open(p, open_mode::existing));
+    // SQLite opens the file at the first statement.
+    ASSERT_EQ(0u, db.exec("SELECT count(*) FROM t;"));
+    int64_t size = -1;
+    ASSERT_EQ(SQLITE_OK, db.main_file_size(&size));
+    EXPECT_EQ(static_cast<int64_t>(sqlt::read_bytes(p).size()), size);
+    char header[16];
+    ASSERT_EQ(SQLITE_OK, db.read_main_file(0, header, sizeof header));
+    EXPECT_EQ(0, memcmp(header, "SQLite format 3", 16));
+    char past[8];
+    EXPECT_EQ(SQLITE_IOERR_SHORT_READ, db.read_main_file(size - 4, past, sizeof past));
+    // No rollback journal is open outside a write.
+    EXPECT_EQ(SQLITE_NOTFOUND, db.log_file_size(&size));
+    connection closed;
+    EXPECT_EQ(SQLITE_NOTFOUND, closed.main_file_size(&size));
+    EXPECT_EQ(SQLITE_NOTFOUND, closed.read_main_file(0, header, sizeof header));
+}
+
+TEST(ConnectionFiles, ACheckpointEmptiesTheLog) {
+    kt::TempDir dir;
+    const std::string p = dir.file("a.db");
+    connection db;
+    ASSERT_EQ(0u, db.open(p, open_mode::create));
+    std::string mode;
+    ASSERT_EQ(0u, db.read_value("PRAGMA journal_mode=WAL;", &mode));
+    ASSERT_EQ("wal", mode);
+    ASSERT_EQ(0u, db.exec("CREATE TABLE t(x); INSERT INTO t VALUES(1);"));
+    int64_t log = -1;
+    ASSERT_EQ(SQLITE_OK, db.log_file_size(&log));
+    EXPECT_GT(log, 0);
+    EXPECT_EQ(SQLITE_OK, db.checkpoint_truncate());
+    EXPECT_EQ(SQLITE_OK, db.code());
+    ASSERT_EQ(SQLITE_OK, db.log_file_size(&log));
+    EXPECT_EQ(0, log);
+}
+
+int count_busy_calls(void* calls, int count) {
+    auto* seen = static_cast<std::vector<int>*>(calls);
+    seen->push_back(count);
+    return count < 2 ? 1 : 0;  // two more tries, then give up
+}
+
+TEST(ConnectionFiles, TheBusyHandlerReplacesTheTimeout) {
+    kt::TempDir dir;
+    const std::string p = dir.file("a.db");
+    sqlt::make_db(p, 1);
+    WriteLockHolder holder(p);
+    connection db;
+    ASSERT_EQ(0u, db.open(p, open_mode::existing));
+    std::vector<int> seen;
+    db.set_busy_handler(count_busy_calls, &seen);
+    EXPECT_EQ(11u, db.exec("BEGIN IMMEDIATE;"));
+    EXPECT_EQ(SQLITE_BUSY, db.code() & 0xFF);
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), seen);
+    connection closed;
+    closed.set_busy_handler(count_busy_calls, &seen);
+    EXPECT_EQ(SQLITE_MISUSE, closed.checkpoint_truncate());
 }
 
 // ---- closing ----
@@ -367,9 +545,9 @@ TEST(ConnectionClose, KeptStatementsAreFinalisedFirst) {
     ASSERT_EQ(0u, db.open(dir.file("a.db"), open_mode::create));
     sqlt::watch_close(db.handle(), &closes);
     sqlitedb::statement once;
-    sqlite3_stmt* stmt = db.kept("SELECT 1", &once);
-    ASSERT_NE(nullptr, stmt);
-    ASSERT_EQ(SQLITE_ROW, sqlite3_step(stmt));  // still stepping when closed
+    sqlitedb::statement_ref stmt = db.kept("SELECT 1", &once);
+    ASSERT_TRUE(stmt);
+    ASSERT_EQ(SQLITE_ROW, stmt.step());  // still stepping when closed
     int busy_calls = 0;
     EXPECT_EQ(SQLITE_OK, db.close(2, [&](unsigned long) { ++busy_calls; }));
     EXPECT_EQ(0, busy_calls);

@@ -1,11 +1,13 @@
-// PODBShadow: setting damaged shadow material aside. Nothing is ever deleted:
-// files are moved into "#corrupt_<type>_<seconds>" below the shadow directory.
+// The set-aside (ShadowSetAside.h): the move of one file and PODBShadow's
+// operations built on it. Nothing is ever deleted: files are moved into
+// "#corrupt_<type>_<seconds>" below the shadow directory.
 #include <dirent.h>
 #include <errno.h>
 #include <string.h>
-#include <time.h>
 
 #include "catalog_shadow/ShadowSetAside.h"
+#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/environment.h"
 #include "dct/fileutil.h"
 #include "dct/fs.h"
 #include "dct/log.h"
@@ -24,6 +26,24 @@ std::string base_name(const std::string& path) {
     size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
+
+// Walk filter: offers to `op` only the regular files of one type (see
+// PODBShadow::is_type_file); never descends.
+template <typename Op>
+class OpFilterShadowType {
+public:
+    OpFilterShadowType(const std::string& type, Op& op) : type_(type), op_(op) {}
+    int operator()(const DirItem& item) {
+        if (item.is_dir || item.stat_failed) return 1;
+        if (!PODBShadow::is_type_file(item.name, type_)) return 1;
+        int rc = op_(item);
+        return rc < 0 ? rc : 1;
+    }
+
+private:
+    std::string type_;
+    Op& op_;
+};
 
 }  // namespace
 
@@ -48,8 +68,9 @@ int OpMoveFile::operator()(const DirItem& item) {
 }
 
 cr_status_t PODBShadow::new_backup_dir(const std::string& type, std::string* dir) {
-    const std::string path =
-        shadow_dir_ + "/" + _corrupt_prefix_ + type + "_" + std::to_string(static_cast<long long>(time(nullptr)));
+    // Seconds since the epoch by the clock of the environment at work.
+    const unsigned long seconds = dct::current_environment().now_ms() / 1000UL;
+    const std::string path = shadow_dir_ + "/" + _corrupt_prefix_ + type + "_" + std::to_string(seconds);
     if (wa_createtree_synced(path, dct::private_dir_mode) != 0) {
         int e = errno;
         cr_status_t status = _crMapError("new_backup_dir", __FILE__, __LINE__);
