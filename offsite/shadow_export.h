@@ -10,11 +10,9 @@
 //   DIR/<shadow-relative dir>/T.N.journal  its journal, cut at the recorded
 //                                       line count
 //
-// Each database is exported under its directory lock, so it is as of one
-// moment while the services keep running. Versions never change once in
-// place: they are hard-linked where the file system allows and copied
-// otherwise; journals and checksum files are copied (their modification time
-// kept, so that an unchanged file looks unchanged to the off-site copy). Every
+// Each database is exported by the shadow library (catalog_shadow/
+// ShadowExport.h) under its directory lock, so it is as of one moment while
+// the services keep running; its rows are counted under the same lock. Every
 // directory is made 0750 and every file 0640.
 //
 // MANIFEST.json:
@@ -28,12 +26,12 @@
 //    "summary": {"databases": D, "rows": R, "files": F, "bytes": B}}
 // POOL is the pool's identity: its database root (ROOT of
 // ROOT/databases/application). Texts that are not UTF-8 are written as
-// {"hex": ...} (tool/json_text.h). "rows" is the live
+// {"hex": ...} (offsite/json_text.h). "rows" is the live
 // database's row count at the moment of the export (null when the live file
 // is missing or unreadable); a recovery from the export must give exactly that
 // many rows.
-#ifndef TOOL_SHADOW_EXPORT_H_
-#define TOOL_SHADOW_EXPORT_H_
+#ifndef OFFSITE_SHADOW_EXPORT_H_
+#define OFFSITE_SHADOW_EXPORT_H_
 
 #include <stdint.h>
 
@@ -41,27 +39,19 @@
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
+#include "catalog_shadow/ShadowExport.h"
 #include "dct/status.h"
-#include "tool/json_text.h"
-#include "tool/shadow_inspect.h"
-#include "tool/shadow_model.h"
+#include "offsite/shadow_inspect.h"
+#include "offsite/shadow_model.h"
 
 namespace kshadow {
 
 // The manifest's file name in an export directory.
 extern const char* const kManifestName;  // "MANIFEST.json"
 
-struct ExportedFile {
-    std::string name;  // bare name in the database's directory of the export
-    uint64_t size = 0;
-    uint32_t adler32 = 1;
-    bool linked = false;  // hard-linked rather than copied
-};
-
-struct ExportedVersion {
-    uint64_t version = 0;
-    uint32_t journal_lines = 0;
-};
+// A file of an exported database, and a version with its journal lines.
+typedef ShadowExportFile ExportedFile;
+typedef ShadowExportVersion ExportedVersion;
 
 struct ExportedDatabase {
     Target target;         // the live database and its shadow directory
@@ -114,8 +104,15 @@ struct ExportOptions {
 cr_status_t export_shadow(CatalogShadowContext& context, const std::string& dir, ExportReport* report,
                           const ExportOptions& options = ExportOptions());
 
-// The manifest of `report` as written into MANIFEST.json (above).
-ktool::json manifest_json(const ExportReport& report);
+// The manifest of `report` as written into MANIFEST.json (above): one JSON
+// document on one line, without the newline.
+std::string manifest_text(const ExportReport& report);
+
+// Whether `dir` can hold an export to check: 0, 2 when it does not exist, 4
+// when it is not a directory, 106 when this user may not read it (`why`
+// set: "DIR does not exist", "DIR is not a directory", "DIR: not readable
+// (permission denied)").
+cr_status_t probe_export_dir(const std::string& dir, std::string* why);
 
 // Reads the manifest of the export in `dir`. 0, or 2 when it is missing, 106
 // when it may not be read, 67 when it cannot be parsed or names a path outside
@@ -142,4 +139,4 @@ cr_status_t verify_export(const std::string& dir, ExportReport* manifest, std::v
 
 }  // namespace kshadow
 
-#endif  // TOOL_SHADOW_EXPORT_H_
+#endif  // OFFSITE_SHADOW_EXPORT_H_

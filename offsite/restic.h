@@ -6,8 +6,8 @@
 // credentials) reaches restic through its environment, the password through
 // --password-file, and neither is ever put on a command line, into a log
 // record or into the output (`shown_repository` masks a password in it).
-#ifndef TOOL_RESTIC_H_
-#define TOOL_RESTIC_H_
+#ifndef OFFSITE_RESTIC_H_
+#define OFFSITE_RESTIC_H_
 
 #include <string>
 #include <vector>
@@ -86,4 +86,4 @@ std::string find_on_path(const std::string& program);
 
 }  // namespace koffsite
 
-#endif  // TOOL_RESTIC_H_
+#endif  // OFFSITE_RESTIC_H_

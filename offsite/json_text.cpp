@@ -1,4 +1,4 @@
-#include "tool/json_text.h"
+#include "offsite/json_text.h"
 
 #include <time.h>
 

@@ -1,5 +1,5 @@
 // The off-site repository's settings and the runner of the restic program.
-#include "tool/restic.h"
+#include "offsite/restic.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -2,15 +2,15 @@
 // pool (the PO/UL and application database files below the real roots, and
 // every database whose shadow lists a version, present or not), or those of
 // one real directory. Only reads directories.
-#ifndef TOOL_SHADOW_INVENTORY_H_
-#define TOOL_SHADOW_INVENTORY_H_
+#ifndef OFFSITE_SHADOW_INVENTORY_H_
+#define OFFSITE_SHADOW_INVENTORY_H_
 
 #include <string>
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/status.h"
-#include "tool/shadow_model.h"
+#include "offsite/shadow_model.h"
 
 namespace kshadow {
 
@@ -28,6 +28,9 @@ std::vector<Target> find_all_databases(CatalogShadowContext& context, std::vecto
 cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& dir,
                               std::vector<Target>* targets);
 
+// Whether the live database file of `t` is there (for this user).
+bool has_live_file(const Target& t);
+
 }  // namespace kshadow
 
-#endif  // TOOL_SHADOW_INVENTORY_H_
+#endif  // OFFSITE_SHADOW_INVENTORY_H_

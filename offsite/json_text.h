@@ -3,8 +3,8 @@
 // strings must be. So a text is written as a JSON string when its bytes are
 // valid UTF-8, and otherwise as an object {"hex": "..."} holding every byte
 // as two lower-case hexadecimal digits. Both read back to the very bytes.
-#ifndef TOOL_JSON_TEXT_H_
-#define TOOL_JSON_TEXT_H_
+#ifndef OFFSITE_JSON_TEXT_H_
+#define OFFSITE_JSON_TEXT_H_
 
 #include <stdint.h>
 
@@ -36,4 +36,4 @@ std::string json_line(const json& value);
 
 }  // namespace ktool
 
-#endif  // TOOL_JSON_TEXT_H_
+#endif  // OFFSITE_JSON_TEXT_H_

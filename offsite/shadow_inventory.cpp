@@ -1,4 +1,4 @@
-#include "tool/shadow_inventory.h"
+#include "offsite/shadow_inventory.h"
 
 #include <algorithm>
 #include <set>
@@ -100,10 +100,6 @@ void walk(CatalogShadowContext& context, const std::string& root, bool app, bool
     TraverseDir(root, note, true, 0);
 }
 
-bool starts_with(const std::string& text, const std::string& prefix) {
-    return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
 // Target for a directory of the real tree; false when it lies below neither root.
 bool make_target(CatalogShadowContext& context, const std::string& dir, const std::string& type, Target* t) {
     t->dir = dir;
@@ -139,10 +135,13 @@ cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& 
     std::string dir = dir_in;
     if (dir.size() > 1 && dir[dir.size() - 1] == '/') dir.erase(dir.size() - 1);
     targets->clear();
-    bool app = false;
-    if (starts_with(dir, context.proxy->app_db_root + "/")) {
-        app = true;
-    } else if (!starts_with(dir, context.proxy->get_podb_root() + "/") && dir != context.proxy->get_podb_root()) {
+    // Below a root, or the PO/UL root itself (which holds its databases).
+    const std::string& po_root = context.proxy->get_podb_root();
+    const dct::pool_layout::real_tree tree =
+        dir == po_root ? dct::pool_layout::real_tree::po
+                       : dct::pool_layout::tree_of(dir, po_root + "/", context.proxy->app_db_root + "/");
+    const bool app = tree == dct::pool_layout::real_tree::application;
+    if (tree == dct::pool_layout::real_tree::none) {
         ErrorA(CR_STATUS_FAILED, "%s: %s is not a catalog database directory", "find_databases_in", dir.c_str());
         return CR_STATUS_FAILED;
     }
@@ -155,5 +154,7 @@ cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& 
     }
     return CR_STATUS_OK;
 }
+
+bool has_live_file(const Target& t) { return wa_access(t.db_path, 0) == 0; }
 
 }  // namespace kshadow

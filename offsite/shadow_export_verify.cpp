@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
+#include "dct/file_io.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
-#include "tool/shadow_export.h"
-#include "tool/shadow_export_files.h"
-#include "tool/shadow_inspect.h"
+#include "offsite/shadow_export.h"
+#include "offsite/shadow_inspect.h"
 
 namespace kshadow {
 
@@ -35,9 +35,10 @@ void check_files(const ExportedDatabase& db, DatabaseReport* r) {
         }
         uint64_t size = 0;
         uint32_t sum = 1;
-        FileFailure failure;
-        if (file_sum(path, &size, &sum, &failure) != CR_STATUS_OK) {
-            add(r, path, failure.reason);
+        dct::file_failure failure;
+        if (dct::sum_file(path, &size, &sum, &failure) != CR_STATUS_OK) {
+            ErrorA(failure.status, "%s: failed to read %s: %s", "file_sum", path.c_str(), strerror(failure.error));
+            add(r, path, "cannot read " + path + ": " + strerror(failure.error));
         } else if (size != f.size) {
             add(r, path, std::to_string(size) + " bytes, the manifest says " + std::to_string(f.size));
         } else if (sum != f.adler32) {

@@ -1,7 +1,8 @@
 // What the shadow command learns about one catalog database and what it did
-// to it: filled in by the inventory and the inspection, printed by the report.
-#ifndef TOOL_SHADOW_MODEL_H_
-#define TOOL_SHADOW_MODEL_H_
+// to it: filled in by the inventory, the inspection and the actions, printed
+// by the front ends.
+#ifndef OFFSITE_SHADOW_MODEL_H_
+#define OFFSITE_SHADOW_MODEL_H_
 
 #include <stdint.h>
 
@@ -74,6 +75,9 @@ struct Problem {
     bool not_readable = false;  // `what` is kNotReadable
 };
 
+// "log records went to ...": for a message that refers people to the log.
+std::string where_logged();
+
 // The problem of `path` that this user may not read.
 Problem not_readable_problem(const std::string& path);
 
@@ -104,4 +108,4 @@ struct DatabaseReport {
 
 }  // namespace kshadow
 
-#endif  // TOOL_SHADOW_MODEL_H_
+#endif  // OFFSITE_SHADOW_MODEL_H_

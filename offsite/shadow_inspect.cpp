@@ -1,4 +1,4 @@
-#include "tool/shadow_inspect.h"
+#include "offsite/shadow_inspect.h"
 
 #include <errno.h>
 #include <stdlib.h>

@@ -1,6 +1,6 @@
-// kavrel-shadow offsite: the dispatch, the pool's snapshots, and what the
-// commands share.
-#include "tool/offsite.h"
+// The pool's snapshots, the scratch directories and their lock, and the
+// repository's settings: what the offsite commands share.
+#include "offsite/offsite.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,8 +14,8 @@
 
 #include "dct/fs.h"
 #include "dct/log.h"
-#include "tool/kavrel_find_options.h"
-#include "tool/offsite_internal.h"
+#include "dct/time_text.h"
+#include "offsite/json_text.h"
 
 namespace koffsite {
 
@@ -38,7 +38,7 @@ std::string pool_tag(const std::string& pool) {
 bool parse_restic_time(const std::string& text, int64_t* seconds) {
     // The fraction of a second does not matter for choosing a snapshot.
     static const std::regex kFraction("\\.[0-9]+");
-    return kfind::parse_time(std::regex_replace(text, kFraction, ""), 0, seconds);
+    return dct::parse_time(std::regex_replace(text, kFraction, ""), 0, seconds);
 }
 
 namespace {
@@ -129,105 +129,18 @@ cr_status_t ScratchLock::take(const std::string& shadow_root, std::string* reaso
     return CR_STATUS_OK;
 }
 
-Output::Output(const OffsiteOptions& options, const std::string& command, const std::string& items)
-    : options_(options), command_(command), items_name_(items), items_(ktool::json::array()) {}
-
-void Output::text(const std::string& line) {
-    if (options_.json || options_.json_lines) return;
-    printf("%s%s", line.c_str(), !line.empty() && line.back() == '\n' ? "" : "\n");
-    fflush(stdout);
-}
-
-void Output::item(const ktool::json& value) {
-    if (options_.json_lines) {
-        printf("%s\n", ktool::json_line(value).c_str());
-        fflush(stdout);
-    } else {
-        items_.push_back(value);
-    }
-}
-
-int Output::finish(ktool::json summary, int exit_code) {
-    summary["exit_code"] = exit_code;
-    if (options_.json) {
-        ktool::json doc;
-        doc["schema"] = 1;
-        doc["command"] = command_;
-        doc[items_name_] = items_;
-        doc["summary"] = summary;
-        printf("%s\n", doc.dump(2).c_str());
-    } else if (options_.json_lines) {
-        ktool::json last;
-        last["schema"] = 1;
-        last["command"] = command_;
-        last["summary"] = summary;
-        printf("%s\n", ktool::json_line(last).c_str());
-    }
-    fflush(stdout);
-    return exit_code;
-}
-
-void complain(const std::string& what) { fprintf(stderr, "kavrel-shadow: %s\n", what.c_str()); }
-
 std::string shadow_root_of(const CatalogShadowContext& context) {
     std::string root = context.shadow_path;
     while (root.size() > 1 && root.back() == '/') root.pop_back();
     return root;
 }
 
-int run_snapshots(const Restic& restic, const std::string& pool, const OffsiteOptions& options) {
-    std::vector<Snapshot> snapshots;
-    std::string reason;
-    if (list_snapshots(restic, pool, &snapshots, &reason) != CR_STATUS_OK) return cannot_run(reason);
-    Output out(options, "offsite snapshots", "snapshots");
-    if (!snapshots.empty()) out.text("snapshot  time                  host                  databases  rows");
-    for (const Snapshot& s : snapshots) {
-        char line[512];
-        snprintf(line, sizeof(line), "%-8s  %-20s  %-20s  %9s  %s", s.short_id.c_str(),
-                 ktool::iso8601_utc(s.time).c_str(), s.host.c_str(), s.databases.empty() ? "-" : s.databases.c_str(),
-                 s.rows.empty() ? "-" : s.rows.c_str());
-        out.text(line);
-        ktool::json j;
-        j["id"] = s.id;
-        j["short_id"] = s.short_id;
-        j["time"] = ktool::iso8601_utc(s.time);
-        j["host"] = ktool::json_text(s.host);
-        j["path"] = ktool::json_text(s.path);
-        j["databases"] = s.databases.empty() ? ktool::json() : ktool::json(std::stoull(s.databases));
-        j["rows"] = s.rows.empty() ? ktool::json() : ktool::json(std::stoull(s.rows));
-        out.item(j);
-    }
-    out.text("offsite snapshots: " + std::to_string(snapshots.size()) +
-             (snapshots.size() == 1 ? " snapshot" : " snapshots") + " of pool " + pool + " in " +
-             shown_repository(restic.config().repository));
-    ktool::json summary;
-    summary["snapshots"] = snapshots.size();
-    summary["pool"] = ktool::json_text(pool);
-    summary["repository"] = shown_repository(restic.config().repository);
-    return out.finish(summary, kExitOk);
-}
-
-int run_offsite(CatalogShadowContext& context, const std::string& cr_config, const std::string& root,
-                const OffsiteOptions& options) {
-    OffsiteConfig config;
-    std::string reason;
-    const cr_status_t read = read_offsite_config(cr_config, &config, &reason);
-    if (read == CR_STATUS_NOT_FOUND && options.if_configured) {
-        printf("offsite %s: no [Offsite] Repository in %s; nothing to do\n", options.command.c_str(),
-               cr_config.c_str());
-        return kExitOk;
-    }
-    if (read != CR_STATUS_OK) return cannot_run(reason);
-    Restic restic(config);
-    const cr_status_t usable = restic.usable(&reason);
-    if (usable != CR_STATUS_OK) {
-        ErrorA(usable, "%s: %s", "kavrel-shadow offsite", reason.c_str());
-        return cannot_run(reason);
-    }
-    if (options.command == "push") return run_push(context, restic, root, options);
-    if (options.command == "snapshots") return run_snapshots(restic, root, options);
-    if (options.command == "check") return run_check(context, restic, root, options);
-    return run_restore(context, restic, root, options);
+cr_status_t open_offsite(const std::string& cr_config, OffsiteConfig* config, std::string* reason) {
+    const cr_status_t read = read_offsite_config(cr_config, config, reason);
+    if (read != CR_STATUS_OK) return read;
+    const cr_status_t usable = Restic(*config).usable(reason);
+    if (usable != CR_STATUS_OK) ErrorA(usable, "%s: %s", "kavrel-shadow offsite", reason->c_str());
+    return usable;
 }
 
 }  // namespace koffsite

@@ -5,14 +5,14 @@
 // ShadowVersion::verify_journal, which never repair; a replay that shows the
 // rows a recovery would produce runs on a scratch copy in a private temporary
 // directory, removed afterwards. The caller holds the directory lock.
-#ifndef TOOL_SHADOW_INSPECT_H_
-#define TOOL_SHADOW_INSPECT_H_
+#ifndef OFFSITE_SHADOW_INSPECT_H_
+#define OFFSITE_SHADOW_INSPECT_H_
 
 #include <stdint.h>
 
 #include <string>
 
-#include "tool/shadow_model.h"
+#include "offsite/shadow_model.h"
 
 namespace kshadow {
 
@@ -61,4 +61,4 @@ private:
 
 }  // namespace kshadow
 
-#endif  // TOOL_SHADOW_INSPECT_H_
+#endif  // OFFSITE_SHADOW_INSPECT_H_

@@ -1,4 +1,7 @@
-#include "tool/shadow_model.h"
+#include "offsite/shadow_model.h"
+
+#include "dct/fs.h"
+#include "dct/log.h"
 
 namespace kshadow {
 
@@ -7,7 +10,9 @@ const char* const kOk = "ok";
 const char* const kBad = "bad";
 const char* const kMissing = "missing";
 const char* const kDenied = "denied";
-const char* const kNotReadable = "not readable (permission denied)";
+const char* const kNotReadable = dct::not_readable_text;
+
+std::string where_logged() { return "log records went to " + dct::log_destination(); }
 
 Problem not_readable_problem(const std::string& path) { return Problem{path, kNotReadable, true}; }
 
