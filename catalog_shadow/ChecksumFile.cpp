@@ -9,8 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "dct/environment.h"
-#include "dct/fault.h"
+#include "dct/file_io.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 
@@ -209,44 +208,21 @@ bool ChecksumFile::load(const std::string& path, const std::string& type_word, C
 cr_status_t ChecksumFile::write(const std::string& dir, const std::string& path, const std::string& text,
                                 bool* replaced) {
     *replaced = false;
-    const std::string tmp = path + ".tmp";
-    int fd = -1;
-    if (dct::current_environment().fault_point(dct::fault_op::open_write, tmp.c_str()) == 0) {
-        fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
+    dct::atomic_write_options options;
+    options.exact_mode = false;
+    dct::file_failure failure;
+    const cr_status_t status = dct::write_file_atomic(dir, path, text, options, &failure);
+    if (status == CR_STATUS_OK) {
+        *replaced = true;
+        return CR_STATUS_OK;
     }
-    if (fd < 0) {
-        int e = errno;
-        cr_status_t status = _crMapError("persist_chksum", __FILE__, __LINE__);
-        ErrorA(status, "%s: failed to open file %s to persist data (%s).", "persist_chksum", tmp.c_str(),
-               strerror(e));
-        ::unlink(tmp.c_str());
+    if (failure.step == dct::file_step::create) {
+        ErrorA(status, "%s: failed to open file %s to persist data (%s).", "persist_chksum", failure.path.c_str(),
+               strerror(failure.error));
         return status;
     }
-
-    bool ok = dct::current_environment().fault_point(dct::fault_op::write, tmp.c_str()) == 0 &&
-              wa_write_all(fd, text.data(), text.size()) == 0 &&
-              dct::current_environment().fault_point(dct::fault_op::fsync, tmp.c_str()) == 0 && safe_fsync(fd) == 0;
-    int e = errno;
-    if (::close(fd) != 0 && ok) {
-        ok = false;
-        e = errno;
-    }
-    if (ok && wa_rename(tmp, path) != 0) {
-        ok = false;
-        e = errno;
-    }
-    if (!ok) {
-        ::unlink(tmp.c_str());
-        errno = e;
-        cr_status_t status = _crMapError("persist_chksum", __FILE__, __LINE__);
-        ErrorA(status, "can't persist version info file %s.", path.c_str());
-        return status;
-    }
-    *replaced = true;
-    if (wa_syncdir(dir) != 0) {
-        cr_status_t status = _crMapError("persist_chksum", __FILE__, __LINE__);
-        ErrorA(status, "can't persist version info file %s.", path.c_str());
-        return status;
-    }
-    return CR_STATUS_OK;
+    // A failed sync of the directory comes after the rename: the text is in place.
+    *replaced = failure.step == dct::file_step::sync_dir;
+    ErrorA(status, "can't persist version info file %s.", path.c_str());
+    return status;
 }

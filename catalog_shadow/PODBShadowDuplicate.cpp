@@ -38,8 +38,7 @@
 #include <string>
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
-#include "dct/environment.h"
-#include "dct/fault.h"
+#include "dct/file_io.h"
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "sqlitedb/busy_retry.h"
@@ -173,12 +172,11 @@ private:
     bool wal_ = false;
 };
 
-// Logs a failed copy and removes the partial destination; errno is kept for
-// the caller's message.
+// Logs a failed copy (which removed its partial destination); errno is kept
+// for the caller's message.
 cr_status_t copy_failed(const std::string& src, const std::string& dst, cr_status_t status) {
     const int e = errno;
     ErrorA(status, "failed to copy data from %s to %s.", src.c_str(), dst.c_str());
-    wa_deletefile(dst);
     errno = e;
     return status;
 }
@@ -214,56 +212,34 @@ cr_status_t PODBShadow::duplicate(const std::string& src, const std::string& dst
         return CR_STATUS_IO;
     }
 
-    int fd = -1;
-    if (dct::current_environment().fault_point(dct::fault_op::open_write, dst.c_str()) == 0) {
-        fd = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, dct::private_file_mode);
-    }
-    // The mode exactly, whatever the umask: a copy holds the catalog's rows.
-    if (fd >= 0 && ::fchmod(fd, dct::private_file_mode) != 0) {
-        const int e = errno;
-        ::close(fd);
-        wa_deletefile(dst);
-        errno = e;
-        fd = -1;
-    }
-    if (fd < 0) {
-        cr_status_t status = _crMapError("duplicate", __FILE__, __LINE__);
-        ErrorA(status, "failed to open file %s for writing.", dst.c_str());
-        return status;
-    }
-
-    CRC sum;
-    std::string block(kBlockSize, '\0');
-    cr_status_t status = CR_STATUS_OK;
-    for (int64_t offset = 0; offset < size;) {
-        const int n = static_cast<int>(size - offset < static_cast<int64_t>(kBlockSize)
-                                           ? size - offset
-                                           : static_cast<int64_t>(kBlockSize));
-        rc = snapshot.read(offset, &block[0], n);
-        if (rc != SQLITE_OK) {
+    // The copy is renamed into place next: its bytes must be on disk first.
+    // Its mode exactly, whatever the umask: a copy holds the catalog's rows.
+    dct::copy_options copy;
+    copy.length = static_cast<uint64_t>(size);
+    copy.block_size = kBlockSize;
+    const dct::block_reader read = [&](char* block, size_t n, uint64_t offset) -> ssize_t {
+        if (snapshot.read(static_cast<int64_t>(offset), block, static_cast<int>(n)) != SQLITE_OK) {
             // A short read (the file shrank under us) is as bad as a failed one.
-            status = CR_STATUS_IO;
-            break;
+            errno = EIO;
+            return -1;
         }
-        if (offset == 0 && snapshot.wal() && n > static_cast<int>(kReadVersionOffset)) {
+        if (offset == 0 && snapshot.wal() && n > kReadVersionOffset) {
             block[kWriteVersionOffset] = kRollbackFormat;
             block[kReadVersionOffset] = kRollbackFormat;
         }
-        if (dct::current_environment().fault_point(dct::fault_op::write, dst.c_str()) != 0 ||
-            wa_write_all(fd, block.data(), static_cast<size_t>(n)) != 0) {
-            status = _crMapError("duplicate", __FILE__, __LINE__);
-            break;
-        }
-        sum.append(block.data(), static_cast<size_t>(n));
-        offset += n;
+        return static_cast<ssize_t>(n);
+    };
+    uint32_t sum = 1;
+    dct::file_failure failure;
+    const cr_status_t status = dct::copy_from(read, src, dst, copy, &sum, &failure);
+    if (status != CR_STATUS_OK && failure.step == dct::file_step::create) {
+        ErrorA(status, "failed to open file %s for writing.", dst.c_str());
+        return status;
     }
-    // The copy is renamed into place next: its bytes must be on disk first.
-    if (status == CR_STATUS_OK && safe_fsync(fd) != 0) status = _crMapError("duplicate", __FILE__, __LINE__);
-    if (::close(fd) != 0 && status == CR_STATUS_OK) status = _crMapError("duplicate", __FILE__, __LINE__);
     if (status != CR_STATUS_OK) return copy_failed(src, dst, status);
 
-    __TraceA("Checksum for %s is: %u.", dst.c_str(), sum.value());
-    if (crc != nullptr) *crc = sum.value();
+    __TraceA("Checksum for %s is: %u.", dst.c_str(), sum);
+    if (crc != nullptr) *crc = sum;
     return CR_STATUS_OK;
 }
 

@@ -11,14 +11,9 @@
 #include "catalog_shadow/ShadowVersion.h"
 #include "dct/environment.h"
 #include "dct/fault.h"
+#include "dct/file_io.h"
 #include "dct/fs.h"
 #include "dct/log.h"
-
-namespace {
-
-const size_t kBlockSize = 32768;
-
-}  // namespace
 
 ShadowVersion::ShadowVersion(const std::string& dir, const std::string& type_word, uint64_t number)
     : version(number),
@@ -43,32 +38,18 @@ std::string ShadowVersion::get_journal_name(const std::string& type, uint64_t ve
 
 bool ShadowVersion::check_crc_db() {
     db_verified = false;
-    int fd = ::open(db_path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        int e = errno;
-        cr_status_t status = _crMapError("check_crc_db", __FILE__, __LINE__);
-        ErrorA(status, "%s: can not open file: %s (%s)", "check_crc_db", db_path.c_str(), strerror(e));
+    uint64_t size = 0;
+    uint32_t sum = 1;
+    dct::file_failure failure;
+    if (dct::sum_file(db_path, &size, &sum, &failure) != CR_STATUS_OK) {
+        const char* what = failure.step == dct::file_step::open_source ? "open" : "read";
+        ErrorA(failure.status, "%s: can not %s file: %s (%s)", "check_crc_db", what, db_path.c_str(),
+               strerror(failure.error));
         return false;
     }
-    ShadowCrc crc;
-    std::string block(kBlockSize, '\0');
-    for (;;) {
-        ssize_t n = ::read(fd, &block[0], kBlockSize);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            int e = errno;
-            cr_status_t status = _crMapError("check_crc_db", __FILE__, __LINE__);
-            ErrorA(status, "%s: can not read file: %s (%s)", "check_crc_db", db_path.c_str(), strerror(e));
-            ::close(fd);
-            return 0;
-        }
-        if (n == 0) break;
-        crc.append(block.data(), static_cast<size_t>(n));
-    }
-    ::close(fd);
-    if (crc.value() != db_crc) {
+    if (sum != db_crc) {
         ErrorA(CR_STATUS_NONE, "Detected CRC mismatch for %s. Expected %u, actually %u", db_path.c_str(), db_crc,
-               crc.value());
+               sum);
         return false;
     }
     db_verified = true;

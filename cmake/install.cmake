@@ -1,8 +1,8 @@
-# Installed package for services that embed the catalog: the kavrel tool, the four
+# Installed package for services that embed the catalog: the kavrel tool, the five
 # static libraries, their public headers below include/kavrel (folder names
 # kept, so include lines read the same inside and outside the tree), the man page, and a
-# CMake package giving kavrel::dct, kavrel::sqlitedb, kavrel::catalog_shadow and
-# kavrel::appdb.
+# CMake package giving kavrel::dct, kavrel::sqlitedb, kavrel::catalog_shadow,
+# kavrel::appdb and kavrel::offsite.
 include(CMakePackageConfigHelpers)
 
 set(KAVREL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kavrel)
@@ -11,8 +11,9 @@ set_target_properties(kavrel_dct PROPERTIES EXPORT_NAME dct)
 set_target_properties(kavrel_sqlitedb PROPERTIES EXPORT_NAME sqlitedb)
 set_target_properties(kavrel_catalog_shadow PROPERTIES EXPORT_NAME catalog_shadow)
 set_target_properties(kavrel_appdb PROPERTIES EXPORT_NAME appdb)
+set_target_properties(kavrel_offsite PROPERTIES EXPORT_NAME offsite)
 
-install(TARGETS kavrel_dct kavrel_sqlitedb kavrel_catalog_shadow kavrel_appdb
+install(TARGETS kavrel_dct kavrel_sqlitedb kavrel_catalog_shadow kavrel_appdb kavrel_offsite
         EXPORT kavrelTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
@@ -51,21 +52,34 @@ endif()
 
 # The headers a service needs to embed the catalog, and nothing else: the
 # catalog interface and its factory, the item, the query texts and the
-# record sink, the shadow context with its proxies, the directory lock, the
-# status codes, the log and the environment a service runs with. The other headers are the libraries' own; they may
-# change without notice, so they are not installed. tests/consumer pins this
-# list and compiles every installed header on its own.
+# record sink, the shadow context with its proxies, the directory lock, one
+# database's export, the status codes, the log, the times of a command line
+# and the environment a service runs with; the pool's configuration, the
+# listing and the search of the catalogs; and the off-site and export engine
+# (offsite/, every header). These are also all the commands include. The other
+# headers are the libraries' own; they may change without notice, so they
+# are not installed. tests/consumer pins this list and compiles every
+# installed header on its own.
+file(GLOB _offsite_headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/offsite/*.h)
 set(KAVREL_PUBLIC_HEADERS
   dct/status.h
   dct/log.h
   dct/environment.h
+  dct/time_text.h
   catalog_shadow/DirectoryLock.h
   catalog_shadow/CatalogShadowCtx.h
   catalog_shadow/ConfigFileShadowProxy.h
+  catalog_shadow/ShadowExport.h
   appdb/app_catalog_item.h
   appdb/app_query.h
   appdb/catalog_item_sink.h
-  appdb/catalog_application.h)
+  appdb/catalog_application.h
+  appdb/catalog_fields.h
+  appdb/catalog_filter.h
+  appdb/catalog_find.h
+  appdb/catalog_listing.h
+  appdb/kavrel_config.h
+  ${_offsite_headers})
 foreach(_h ${KAVREL_PUBLIC_HEADERS})
   get_filename_component(_dir ${_h} DIRECTORY)
   if(EXISTS ${PROJECT_SOURCE_DIR}/include/${_h})

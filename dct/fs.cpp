@@ -14,6 +14,7 @@
 
 #include "dct/environment.h"
 #include "dct/fault.h"
+#include "dct/file_io.h"
 
 namespace {
 
@@ -53,57 +54,6 @@ int restrict_entry(const char* path, const struct stat* st, int flag, struct FTW
 int remove_entry(const char* path, const struct stat*, int flag, struct FTW*) {
     if (flag == FTW_DP || flag == FTW_D) return rmdir(path);
     return unlink(path);
-}
-
-int copy_file_synced(const char* from, const char* to) {
-    int in = open(from, O_RDONLY | O_CLOEXEC);
-    if (in < 0) return -1;
-    struct stat st;
-    if (fstat(in, &st) != 0) {
-        int e = errno;
-        close(in);
-        errno = e;
-        return -1;
-    }
-    int out = open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
-    if (out < 0) {
-        int e = errno;
-        close(in);
-        errno = e;
-        return -1;
-    }
-    char buf[65536];
-    int rc = 0;
-    for (;;) {
-        ssize_t n = read(in, buf, sizeof(buf));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            rc = -1;
-            break;
-        }
-        if (n == 0) break;
-        ssize_t off = 0;
-        while (off < n) {
-            ssize_t w = write(out, buf + off, n - off);
-            if (w < 0) {
-                if (errno == EINTR) continue;
-                rc = -1;
-                break;
-            }
-            off += w;
-        }
-        if (rc != 0) break;
-    }
-    if (rc == 0 && safe_fsync(out) != 0) rc = -1;
-    int e = errno;
-    close(in);
-    if (close(out) != 0 && rc == 0) {
-        rc = -1;
-        e = errno;
-    }
-    if (rc != 0) unlink(to);
-    errno = e;
-    return rc;
 }
 
 }  // namespace
@@ -179,6 +129,11 @@ int wa_touch(const char* path) {
     return rc;
 }
 int wa_touch(const std::string& path) { return wa_touch(path.c_str()); }
+
+int wa_link(const std::string& from, const std::string& to) {
+    DCT_FAULT(dct::fault_op::open_write, to.c_str());
+    return link(from.c_str(), to.c_str());
+}
 
 int wa_rename(const char* from, const char* to) {
     DCT_FAULT(dct::fault_op::rename, from);
@@ -290,7 +245,13 @@ int FileMove(const char* from, const char* to) {
     DCT_FAULT(dct::fault_op::filemove, from);
     if (rename(from, to) == 0) return 0;
     if (errno != EXDEV) return -1;
-    if (copy_file_synced(from, to) != 0) return -1;
+    // Another file system: a copy, synced, with the source's mode as the umask leaves it.
+    struct stat st;
+    if (stat(from, &st) != 0) return -1;
+    dct::copy_options copy;
+    copy.mode = st.st_mode & 07777;
+    copy.exact_mode = false;
+    if (dct::copy_file(from, to, copy, nullptr, nullptr) != CR_STATUS_OK) return -1;
     return unlink(from);
 }
 int FileMove(const std::string& from, const std::string& to) { return FileMove(from.c_str(), to.c_str()); }

@@ -55,6 +55,8 @@ for f in /usr/bin/kavrel \
          /usr/include/kavrel/appdb/catalog_application.h \
          /usr/include/kavrel/catalog_shadow/CatalogShadowCtx.h \
          /usr/include/kavrel/dct/log.h \
+         /usr/include/kavrel/offsite/shadow_export.h \
+         "/usr/lib/$multiarch/libkavrel_offsite.a" \
          "/usr/lib/$multiarch/libkavrel_appdb.a" \
          "/usr/lib/$multiarch/libkavrel_catalog_shadow.a" \
          "/usr/lib/$multiarch/libkavrel_sqlitedb.a" \

@@ -13,10 +13,8 @@
 
 #include <string>
 
-#include "appdb/catalog_list.h"
-#include "appdb/catalog_store.h"
+#include "appdb/catalog_listing.h"
 #include "appdb/kavrel_config.h"
-#include "dct/fileutil.h"
 #include "dct/log.h"
 #include "dct/status.h"
 
@@ -34,11 +32,11 @@ const char kListBufferEnv[] = "KAVREL_LIST_BUFFER_BYTES";
 
 size_t list_memory_limit() {
     const char* text = getenv(kListBufferEnv);
-    if (text == nullptr || *text < '0' || *text > '9') return OpList::default_memory_limit;
+    if (text == nullptr || *text < '0' || *text > '9') return appdb::list_default_memory_limit();
     char* end = nullptr;
     errno = 0;
     const unsigned long long value = strtoull(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value == 0) return OpList::default_memory_limit;
+    if (errno != 0 || *end != '\0' || value == 0) return appdb::list_default_memory_limit();
     return static_cast<size_t>(value);
 }
 
@@ -65,9 +63,6 @@ int main(int argc, char** argv) {
     if (appdb::locate_cr_config(appdb::registry_path(""), &cr_config) != CR_STATUS_OK) return -1;
     dct::configure_log_level(cr_config);
     std::string root = appdb::read_database_root(cr_config);
-    // The listing only reads: a catalog another client left in another
-    // journal mode is read as it is, never switched back here.
-    appdb::catalog_store::set_journal_mode_switch(false);
 
     bool listing = false;
     bool verbose = false;
@@ -113,6 +108,6 @@ int main(int argc, char** argv) {
     mallopt(M_MMAP_THRESHOLD, kListMmapThreshold);
     mallopt(M_TRIM_THRESHOLD, kListTrimThreshold);
 
-    walk_catalog_tree(root, OpList(pattern, verbose, list_memory_limit()));
+    appdb::list_catalogs(root, pattern, verbose, list_memory_limit());
     return 0;
 }

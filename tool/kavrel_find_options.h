@@ -11,6 +11,7 @@
 #include "appdb/app_catalog_item.h"
 #include "appdb/catalog_fields.h"
 #include "appdb/catalog_filter.h"
+#include "dct/time_text.h"
 
 namespace kfind {
 
@@ -39,13 +40,8 @@ struct options {
     bool help = false;
 };
 
-// Reads a TIME: seconds since the epoch ("1700000000", "-5"), an ISO 8601
-// date ("2026-11-25", midnight UTC) or date-time ("2026-11-25T08:30",
-// "2026-11-25T08:30:15", with "T" or a blank, optionally followed by "Z" or
-// an offset "+02:00" / "-0500"; without one it is UTC), or a time relative
-// to `now`: a sign, a number and a unit s, m, h, d or w ("-7d", "+24h").
-// False for anything else.
-bool parse_time(const std::string& text, int64_t now, int64_t* out);
+// A TIME of the options (dct/time_text.h).
+using dct::parse_time;
 
 // Parses the arguments (without the program name). False with `error` set
 // on a usage error. `now` anchors relative times.

@@ -11,7 +11,7 @@
 // init creates the shadow root and its identity file for the configured pool.
 // export copies every database's versions and journals, each as of one moment
 // under its lock, into a directory with a manifest; verify --export checks
-// such a copy on its own (tool/shadow_export.h).
+// such a copy on its own (offsite/shadow_export.h).
 //
 // Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run, 4 some
 // file or directory could not be read (permission denied) and nothing else
@@ -28,17 +28,14 @@
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "catalog_shadow/ConfigFileShadowProxy.h"
 #include "catalog_shadow/DirectoryLock.h"
-#include "catalog_shadow/PODBShadowPool.h"
-#include "catalog_shadow/RecoveryPlan.h"
-#include "dct/fs.h"
 #include "dct/log.h"
-#include "tool/kavrel_find_options.h"
-#include "tool/offsite.h"
+#include "dct/time_text.h"
+#include "offsite/shadow_actions.h"
+#include "offsite/shadow_inventory.h"
+#include "tool/offsite_command.h"
 #include "tool/progress.h"
 #include "tool/shadow_export_command.h"
 #include "tool/shadow_init.h"
-#include "tool/shadow_inspect.h"
-#include "tool/shadow_inventory.h"
 #include "tool/shadow_report.h"
 
 namespace {
@@ -111,6 +108,8 @@ bool parse_offsite(Options* o, std::string* error) {
     return true;
 }
 
+bool check_args(Options* o, std::string* error);
+
 // Parses the arguments; false (with `error` set) on a usage error.
 bool parse_args(int argc, char** argv, Options* o, std::string* error) {
     for (int i = 1; i < argc; ++i) {
@@ -140,7 +139,7 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
         } else if (arg == "--if-configured") {
             o->offsite.if_configured = true;
         } else if (arg == "--before") {
-            if (i + 1 >= argc || !kfind::parse_time(argv[i + 1], time(nullptr), &o->offsite.before)) {
+            if (i + 1 >= argc || !dct::parse_time(argv[i + 1], time(nullptr), &o->offsite.before)) {
                 *error = i + 1 >= argc ? "--before needs a time" : std::string("--before: not a time: ") + argv[i + 1];
                 return false;
             }
@@ -164,7 +163,11 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             return false;
         }
     }
-    if (o->help) return true;
+    return o->help || check_args(o, error);
+}
+
+// The rules between the arguments; false (with `error` set) when one is broken.
+bool check_args(Options* o, std::string* error) {
     const std::string& c = o->command;
     if (c == "offsite") return parse_offsite(o, error);
     if (o->offsite.has_before || o->offsite.if_configured) {
@@ -219,69 +222,6 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
     return true;
 }
 
-// The newest version number the checksum file lists (0: none or unreadable).
-uint64_t newest_version(const Target& t) {
-    uint64_t current = 0;
-    ShadowVersionList list;
-    std::string reason;
-    if (PODBShadow::read_chksum(t.shadow_dir, t.type, &current, &list, &reason) != CR_STATUS_OK || list.empty()) {
-        return 0;
-    }
-    return list.front().version;
-}
-
-
-void run_backup(CatalogShadowContext& context, DatabaseReport* r) {
-    Action& a = r->action;
-    a.name = "backup";
-    const uint64_t before = newest_version(r->target);
-    a.status = context.backup(r->target.dir, r->target.type);
-    const uint64_t after = newest_version(r->target);
-    if (a.status == CR_STATUS_OK && after != before) {
-        a.result = "kept";
-        a.version = after;
-    } else if (a.status == CR_STATUS_OK) {
-        a.result = "unchanged";
-        a.version = after;
-        a.detail = "no change since the newest version";
-    } else {
-        a.result = "failed";
-        if (a.status == CR_STATUS_MISSING) {
-            a.detail = "the database file is missing";
-        } else if (a.status == CR_STATUS_CORRUPT) {
-            a.detail = "the copy fails the SQLite integrity check; set aside";
-        } else {
-            a.detail = where_logged();
-        }
-        r->problems.push_back(Problem{r->target.db_path, "backup failed: " + a.detail});
-    }
-}
-
-void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
-    Action& a = r->action;
-    a.name = "recover";
-    ::RecoveryPlan done;
-    a.status = recover_reporting(context, r->target.dir, r->target.type, &done);
-    inspect_database(Depth::status, r);
-    check_live_database(r);
-    if (a.status == CR_STATUS_OK) {
-        a.result = "recovered";
-        a.version = done.base_version;
-        a.journal_lines = done.journal_lines;
-        a.passed_over = done.passed_over;
-        a.set_aside = done.set_aside;
-        a.detail = std::to_string(done.journal_lines) + (done.journal_lines == 1 ? " journal line" : " journal lines");
-        // What the old file left beside it was moved away, not applied.
-        for (size_t i = 0; i < done.set_aside.size(); ++i) {
-            a.detail += (i == 0 ? ", set aside " : ", ") + done.set_aside[i];
-        }
-    } else {
-        a.result = "failed";
-        a.detail = done.reason.empty() ? where_logged() : done.reason;
-        r->problems.push_back(Problem{r->target.db_path, "recovery failed: " + a.detail});
-    }
-}
-
 // The name of the command in reports.
 std::string command_name(const Options& o) {
     if (o.command == "recover" && o.dry_run) return "recover --dry-run";
@@ -289,38 +229,12 @@ std::string command_name(const Options& o) {
     return o.command;
 }
 
-// Works on one database under its directory lock.
-void work_on(CatalogShadowContext& context, const Options& o, DatabaseReport* r) {
-    // A directory that is gone has no one working in it; recover creates it
-    // under its own lock.
-    CatalogDirectoryLock lock;
-    std::unique_ptr<DirectoryLock::ScopedLock> guard;
-    if (wa_isdir(r->target.dir)) {
-        guard.reset(new DirectoryLock::ScopedLock(&lock, r->target.dir));
-        if (guard->GetStatus() != CR_STATUS_OK) {
-            ErrorA(guard->GetStatus(), "%s: failed to lock %s", "kavrel-shadow", r->target.dir.c_str());
-            r->problems.push_back(Problem{r->target.dir, "directory lock not taken (status " +
-                                                             std::to_string(guard->GetStatus()) + ")"});
-            return;
-        }
-    }
-    if (o.command == "status") {
-        inspect_database(Depth::status, r);
-    } else if (o.command == "verify") {
-        inspect_database(Depth::verify, r);
-    } else if (o.command == "backup") {
-        run_backup(context, r);
-        DatabaseReport after;
-        after.target = r->target;
-        inspect_database(Depth::status, &after);
-        after.action = r->action;
-        after.problems.insert(after.problems.begin(), r->problems.begin(), r->problems.end());
-        *r = after;
-    } else if (o.dry_run) {
-        inspect_database(Depth::plan, r);
-    } else {
-        run_recover(context, r);
-    }
+// The work a command does on each database.
+Work work_of(const Options& o) {
+    if (o.command == "status") return Work::status;
+    if (o.command == "verify") return Work::verify;
+    if (o.command == "backup") return Work::backup;
+    return o.dry_run ? Work::plan : Work::recover;
 }
 
 const char* progress_verb(const Options& o) {
@@ -388,11 +302,11 @@ int run(const Options& o) {
     {
         Progress progress(progress_verb(o), targets.size());
         for (size_t i = 0; i < targets.size(); ++i) {
-            if (o.missing && wa_access(targets[i].db_path, 0) == 0) continue;
+            if (o.missing && has_live_file(targets[i])) continue;
             progress.step(i, targets[i].dir);
             DatabaseReport r;
             r.target = targets[i];
-            work_on(context, o, &r);
+            work_on_database(context, work_of(o), &r);
             reports.push_back(r);
             if (o.output == Output::json_lines) {
                 printf("%s\n", database_json(r).c_str());

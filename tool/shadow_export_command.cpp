@@ -5,10 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
-#include "dct/fs.h"
-#include "tool/json_text.h"
-#include "tool/shadow_export.h"
+#include "offsite/json_text.h"
+#include "offsite/shadow_export.h"
 
 namespace kshadow {
 
@@ -145,7 +143,7 @@ int run_export(CatalogShadowContext& context, const std::string& dir, Output out
         if (!report.problems.empty()) line += ", " + plural(report.problems.size(), "problem");
         printf("%s%s\n", loose_problems_text(report.problems).c_str(), line.c_str());
     } else {
-        const json manifest = manifest_json(report);
+        const json manifest = json::parse(manifest_text(report));
         json doc = head(kExportCommand);
         if (output == Output::json) {
             doc["export"] = manifest;
@@ -160,15 +158,8 @@ int run_export(CatalogShadowContext& context, const std::string& dir, Output out
 }
 
 int run_verify_export(const std::string& dir, Output output, std::string* why) {
-    switch (dct::probe_readable(dir)) {
-        case dct::path_state::missing: *why = dir + " does not exist"; return kExitCannotRun;
-        case dct::path_state::denied: *why = dir + ": " + kNotReadable; return kExitNotReadable;
-        case dct::path_state::present: break;
-    }
-    if (!wa_isdir(dir)) {
-        *why = dir + " is not a directory";
-        return kExitCannotRun;
-    }
+    const cr_status_t usable = probe_export_dir(dir, why);
+    if (usable != CR_STATUS_OK) return usable == CR_STATUS_ACCESS_DENIED ? kExitNotReadable : kExitCannotRun;
     ExportReport manifest;
     std::vector<DatabaseReport> reports;
     const cr_status_t status = verify_export(dir, &manifest, &reports);

@@ -3,11 +3,9 @@
 #include <stdio.h>
 
 #include "dct/log.h"
-#include "tool/json_text.h"
+#include "offsite/json_text.h"
 
 namespace kshadow {
-
-std::string where_logged() { return "log records went to " + dct::log_destination(); }
 
 int cannot_run(const std::string& why) {
     fprintf(stderr, "kavrel-shadow: %s (%s)\n", why.c_str(), where_logged().c_str());

@@ -29,7 +29,7 @@
 // Every text (paths, names, messages) is a JSON string when its bytes are
 // valid UTF-8; otherwise it is the object {"hex": H}, H holding each byte as
 // two lower-case hexadecimal digits, so that it reads back to the same bytes
-// (tool/json_text.h).
+// (offsite/json_text.h).
 #ifndef TOOL_SHADOW_REPORT_H_
 #define TOOL_SHADOW_REPORT_H_
 
@@ -39,8 +39,8 @@
 #include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
-#include "tool/json_text.h"
-#include "tool/shadow_model.h"
+#include "offsite/json_text.h"
+#include "offsite/shadow_model.h"
 
 namespace kshadow {
 
@@ -56,9 +56,6 @@ const int kExitNotReadable = 4;
 
 // The output forms of every command.
 enum class Output { text, json, json_lines };
-
-// "log records went to ...": for a message that refers people to the log.
-std::string where_logged();
 
 // Says on standard error why the command cannot run and where the log
 // records that tell more went ("kavrel-shadow: WHY (log records went to

@@ -34,6 +34,9 @@ bool wa_isdir(const std::string& path);
 // time stamps.
 int wa_touch(const char* path);
 int wa_touch(const std::string& path);
+// A hard link `to` of `from`; the fault seam sees it as a file opened for
+// writing (open_write on `to`).
+int wa_link(const std::string& from, const std::string& to);
 int wa_rename(const char* from, const char* to);
 int wa_rename(const std::string& from, const std::string& to);
 int wa_deletefile(const char* path);
@@ -99,6 +102,8 @@ enum class path_state {
 // Probes `path` as a reader would use it: a directory is opened and must be
 // searchable, any other file is opened for reading. Changes nothing.
 path_state probe_readable(const std::string& path);
+// The words for a path in the state denied.
+constexpr char not_readable_text[] = "not readable (permission denied)";
 // "present", "missing" or "denied".
 const char* path_state_name(path_state state);
 

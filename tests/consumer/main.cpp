@@ -1,8 +1,9 @@
 // A service built against the installed headers and libraries alone: it makes
 // a shadow-protected catalog through the factory, stores, finds (as a vector
 // and through a record sink), removes, takes a shadow version, loses the
-// database and gets it back, and routes the log to its own sink. Exit status 0
-// when every answer is the expected one.
+// database and gets it back, exports the pool's shadow and checks the export
+// on its own, and routes the log to its own sink. Exit status 0 when every
+// answer is the expected one.
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -23,6 +24,7 @@
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"
 #include "dct/status.h"
+#include "offsite/shadow_export.h"
 
 namespace {
 
@@ -123,6 +125,23 @@ int main() {
                   "find_catalog into a sink failed");
             check(sink.names() == std::vector<std::string>{sample(1).file_name, sample(3).file_name},
                   "the recovered catalog does not hold records 1 and 3");
+
+            // The pool's shadow as of now in one directory, and its check,
+            // whose rehearsed recovery gives the two rows the catalog holds.
+            const std::string out = root + "/export";
+            kshadow::ExportReport exported;
+            check(kshadow::export_shadow(shadow, out, &exported) == CR_STATUS_OK && exported.databases.size() == 1 &&
+                      exported.databases[0].rows_known && exported.databases[0].rows == 2,
+                  "export_shadow did not export the one database with its two rows");
+            kshadow::ExportReport manifest;
+            std::vector<kshadow::DatabaseReport> reports;
+            check(kshadow::verify_export(out, &manifest, &reports) == CR_STATUS_OK && reports.size() == 1,
+                  "verify_export did not check the one database");
+            for (const kshadow::DatabaseReport& r : reports) {
+                check(r.problems.empty(), "the export has problems");
+                check(r.recovery.possible && r.recovery.rows_known && r.recovery.rows_after == 2,
+                      "the export's recovery does not give two rows");
+            }
         }
     }
 

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tool/json_text.h"
+#include "offsite/json_text.h"
 #include "tool/kavrel_find_options.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "kavrel_find_test_util.h"
-#include "tool/json_text.h"
+#include "offsite/json_text.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 // kavrel-shadow export and verify --export: the built binary exports the
 // fixture's pool (versions linked, journals cut at their recorded count,
 // private modes, times kept, a manifest that names every file) and checks the
-// export on its own; a full disk met half-way (through the fault seam, in
-// process) leaves nothing behind and the pool untouched; writers in other
+// export on its own (a full disk met half-way is in tests/offsite); writers in other
 // processes keep working while the export runs and lose no acknowledged row
 // in it; and every kind of damage to an export is found.
 #include <fcntl.h>
@@ -25,10 +24,8 @@
 
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "catalog_shadow/RecoveryPlan.h"
-#include "common/fault_countdown.h"
 #include "dct/sleep.h"
 #include "kavrel_shadow_fixture.h"
-#include "tool/shadow_export.h"
 
 namespace {
 
@@ -107,13 +104,6 @@ protected:
 
     // The pool as it lies on disk: databases and shadow.
     std::map<std::string, std::string> pool_snapshot() const { return snapshot(pool_.dir().path()); }
-
-    std::unique_ptr<CatalogShadowContext> context() {
-        std::unique_ptr<CatalogShadowContext> c(
-            new CatalogShadowContext(new ConfigFileShadowProxy(pool_.config(), pool_.root()), new CatalogDirectoryLock()));
-        EXPECT_EQ(CR_STATUS_OK, c->init());
-        return c;
-    }
 
     // Runs the command as nobody (the test runs as root).
     kt::RunResult run_as_nobody(const std::vector<std::string>& args) {
@@ -374,54 +364,6 @@ TEST_F(KavrelShadowExportTest, UsageErrors) {
         EXPECT_NE(std::string::npos, r.err.find("Usage:")) << r.err;
     }
 }
-
-TEST_F(KavrelShadowExportTest, AFullDiskAtAnyWriteLeavesNothingAndTheNextExportWorks) {
-    std::unique_ptr<CatalogShadowContext> ctx = context();
-    const auto before = pool_snapshot();
-    kt::LogCapture log;
-    long at = 1;
-    for (;; ++at) {
-        log.clear();
-        kshadow::ExportReport report;
-        cr_status_t status;
-        {
-            kt::FaultCountdown fault(at, ENOSPC, {dct::fault_op::write, dct::fault_op::open_write}, out_);
-            status = kshadow::export_shadow(*ctx, out_, &report);
-            if (!fault.fired()) {
-                ASSERT_EQ(CR_STATUS_OK, status) << report.reason;
-                break;
-            }
-        }
-        EXPECT_EQ(CR_STATUS_IO, status) << at;
-        EXPECT_EQ(std::string::npos, report.reason.find('\n'));
-        EXPECT_NE(std::string::npos, report.reason.find(": No space left on device")) << report.reason;
-        EXPECT_EQ(0u, report.reason.find("cannot ")) << report.reason;
-        EXPECT_TRUE(report.databases.empty());
-        size_t errors = 0;
-        for (const kt::LogRecord& rec : log.records()) errors += rec.level == dct::log_level::error ? 1 : 0;
-        EXPECT_EQ(1u, errors) << log.dump();
-        EXPECT_EQ(1u, log.count_containing("No space left on device")) << log.dump();
-        EXPECT_FALSE(kt::file_exists(out_)) << at;
-        EXPECT_TRUE(before == pool_snapshot()) << at;
-    }
-    // Per database the checksum file and the journal opened and written and
-    // the version linked, then the manifest: each failed in turn.
-    EXPECT_EQ(2 * 5 + 2 + 1, at) << "the sweep met every write";
-    EXPECT_EQ(0, run({"verify", "--export", out_}).exit_status);
-
-    // An existing empty directory is emptied again, not removed.
-    ASSERT_EQ(0, wa_deletetree(out_));
-    ASSERT_EQ(0, mkdir(out_.c_str(), 0750));
-    kshadow::ExportReport report;
-    {
-        kt::FaultCountdown fault(3, ENOSPC, {dct::fault_op::write}, out_);
-        EXPECT_EQ(CR_STATUS_IO, kshadow::export_shadow(*ctx, out_, &report));
-    }
-    EXPECT_EQ(std::vector<std::string>(), kt::list_dir(out_));
-    EXPECT_TRUE(wa_isdir(out_));
-    EXPECT_EQ(CR_STATUS_OK, kshadow::export_shadow(*ctx, out_, &report)) << report.reason;
-}
-
 
 // Writer `id` of the writers test, in its own process: inserts rows into the
 // catalog of a client and policy through a shadow-protected catalog, deletes

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel_shadow_fixture.h"
-#include "tool/json_text.h"
+#include "offsite/json_text.h"
 
 namespace {
 

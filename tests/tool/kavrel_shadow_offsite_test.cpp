@@ -18,10 +18,10 @@
 
 #include "dct/fault.h"
 #include "dct/fs.h"
-#include "tool/json_text.h"
+#include "offsite/json_text.h"
 #include "common/sshd_server.h"
 #include "kavrel_shadow_fixture.h"
-#include "tool/offsite.h"
+#include "tool/offsite_command.h"
 
 namespace {
 

@@ -1,0 +1,185 @@
+// offsite push and check.
+#include <time.h>
+
+#include <string>
+#include <vector>
+
+#include "dct/log.h"
+#include "offsite/json_text.h"
+#include "offsite/offsite.h"
+#include "offsite/shadow_export.h"
+#include "offsite/shadow_inspect.h"
+
+namespace koffsite {
+
+namespace {
+
+using ktool::json;
+
+// restic's --time takes local time.
+std::string restic_time(int64_t seconds) {
+    const time_t t = static_cast<time_t>(seconds);
+    struct tm tm;
+    localtime_r(&t, &tm);
+    char buf[32];
+    strftime(buf, sizeof(buf), "%Y-%m-%d %H:%M:%S", &tm);
+    return buf;
+}
+
+uint64_t number_of(const json& object, const char* key) {
+    auto it = object.find(key);
+    return it != object.end() && it->is_number_unsigned() ? it->get<uint64_t>() : 0;
+}
+
+// The summary record of `restic backup --json`; null when there is none.
+json backup_summary(const std::string& out) {
+    size_t start = 0;
+    while (start < out.size()) {
+        size_t end = out.find('\n', start);
+        if (end == std::string::npos) end = out.size();
+        const json line = json::parse(out.substr(start, end - start), nullptr, false);
+        if (line.is_object() && line.value("message_type", "") == "summary") return line;
+        start = end + 1;
+    }
+    return json();
+}
+
+// How many snapshots `restic forget --json` removed (its first line is the
+// JSON list of groups; prune's report may follow).
+uint64_t forgotten(const std::string& out) {
+    const size_t start = out.find('[');
+    if (start == std::string::npos) return 0;
+    size_t end = out.find('\n', start);
+    if (end == std::string::npos) end = out.size();
+    const json groups = json::parse(out.substr(start, end - start), nullptr, false);
+    uint64_t removed = 0;
+    if (!groups.is_array()) return 0;
+    for (const auto& g : groups) {
+        auto r = g.find("remove");
+        if (r != g.end() && r->is_array()) removed += r->size();
+    }
+    return removed;
+}
+
+// Stops a command: `stop` and `reason` set, CR_STATUS_FAILED returned.
+template <typename Result>
+cr_status_t stopped(Result* result, Stop stop, const std::string& reason) {
+    result->stop = stop;
+    result->reason = reason;
+    return CR_STATUS_FAILED;
+}
+
+// Backs up the scratch export, making the repository on the first push.
+// The result's stop and reason are set when it fails.
+cr_status_t back_up(const Restic& restic, const std::string& pool, const std::string& scratch, PushResult* r,
+                    json* summary) {
+    const kshadow::ExportReport& e = r->exported;
+    const std::vector<std::string> args = {
+        "backup", "--json", "--host", e.host.empty() ? "localhost" : e.host, "--tag", pool_tag(pool),
+        "--tag", "kavrel-databases=" + std::to_string(e.databases.size()), "--tag",
+        "kavrel-rows=" + std::to_string(r->rows), "--time", restic_time(e.started), "--ignore-inode",
+        "--ignore-ctime", scratch};
+    ResticRun backup = restic.run(args);
+    // The first push makes the repository. Asking first would cost every
+    // push another start of restic (its key derivation is most of a run).
+    if (!backup.ok() && Restic::no_repository(backup)) {
+        const ResticRun init = restic.run({"init"});
+        if (!init.ok()) {
+            const std::string failure = restic.failure("restic init", init);
+            ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+            return stopped(r, Stop::not_started, failure);
+        }
+        r->repository_created = true;
+        InfoA(CR_STATUS_OK, "%s: initialised the repository %s", "kavrel-shadow offsite push", r->repository.c_str());
+        backup = restic.run(args);
+    }
+    *summary = backup_summary(backup.out);
+    if (backup.ok() && summary->is_object()) return CR_STATUS_OK;
+    const std::string failure = restic.failure("restic backup", backup);
+    ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+    r->restic_exit_status = backup.exit_status;
+    return stopped(r, Restic::could_not_open(backup) ? Stop::not_started : Stop::failed, failure);
+}
+
+}  // namespace
+
+cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
+    *r = PushResult();
+    r->repository = shown_repository(restic.config().repository);
+    const std::string shadow_root = shadow_root_of(context);
+    // A push that was killed leaves its scratch copy behind; it is ours.
+    ScratchLock lock;
+    std::string why;
+    if (lock.take(shadow_root, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    const std::string scratch = scratch_path(shadow_root, "push");
+    kshadow::ScratchDir scratch_dir(scratch);
+    if (!scratch_dir.remove()) return stopped(r, Stop::not_started, "cannot remove the scratch directory " + scratch);
+    // The scratch copy is read at once and removed: it needs no sync.
+    kshadow::ExportOptions scratch_copy;
+    scratch_copy.durable = false;
+    const cr_status_t exported = kshadow::export_shadow(context, scratch_dir.path(), &r->exported, scratch_copy);
+    if (exported != CR_STATUS_OK) {
+        r->export_failed = true;
+        stopped(r, Stop::failed, r->exported.reason);
+        return exported;
+    }
+    for (const auto& d : r->exported.databases) r->rows += d.rows_known ? d.rows : 0;
+    json summary;
+    const cr_status_t backed_up = back_up(restic, pool, scratch_dir.path(), r, &summary);
+    if (backed_up != CR_STATUS_OK) return backed_up;
+    r->snapshot = summary.value("snapshot_id", "");
+    r->bytes_added = number_of(summary, "data_added");
+    r->files_new = number_of(summary, "files_new");
+    r->files_changed = number_of(summary, "files_changed");
+    r->files_unmodified = number_of(summary, "files_unmodified");
+
+    const ResticRun forget = restic.run({"forget", "--json", "--tag", pool_tag(pool), "--group-by", "", "--keep-last",
+                                         std::to_string(restic.config().keep_last), "--prune"});
+    if (forget.ok()) {
+        r->forgotten = forgotten(forget.out);
+    } else {
+        r->forget_failure = restic.failure("restic forget", forget);
+        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", r->forget_failure.c_str());
+    }
+    r->scratch_removed = scratch_dir.remove();
+    return CR_STATUS_OK;
+}
+
+cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
+    *r = CheckResult();
+    r->repository = shown_repository(restic.config().repository);
+    const std::string shadow_root = shadow_root_of(context);
+    ScratchLock lock;
+    std::string why;
+    if (lock.take(shadow_root, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    std::vector<Snapshot> snapshots;
+    if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+
+    const ResticRun checked = restic.run({"check"});
+    r->repository_ok = checked.ok();
+    if (!checked.ok()) {
+        r->repository_failure = restic.failure("restic check", checked);
+        ErrorA(CR_STATUS_CORRUPT, "%s: %s", "kavrel-shadow offsite check", r->repository_failure.c_str());
+    }
+    if (snapshots.empty()) return CR_STATUS_OK;
+    r->has_snapshot = true;
+    r->newest = snapshots.back();
+    r->scratch = scratch_path(shadow_root, "check");
+    kshadow::ScratchDir scratch_dir(r->scratch);
+    if (!scratch_dir.remove()) return stopped(r, Stop::not_started, "cannot remove the scratch directory " + r->scratch);
+    const ResticRun restored = restic.run({"restore", r->newest.id, "--target", r->scratch});
+    if (!restored.ok()) {
+        r->restore_failure = restic.failure("restic restore", restored);
+        ErrorA(CR_STATUS_CORRUPT, "%s: %s", "kavrel-shadow offsite check", r->restore_failure.c_str());
+    } else {
+        r->verified = true;
+        if (kshadow::verify_export(r->scratch + r->newest.path, &r->manifest, &r->reports) != CR_STATUS_OK) {
+            r->unreadable =
+                "the export in snapshot " + r->newest.short_id + " cannot be read: " + r->manifest.reason;
+        }
+    }
+    r->scratch_removed = scratch_dir.remove();
+    return CR_STATUS_OK;
+}
+
+}  // namespace koffsite

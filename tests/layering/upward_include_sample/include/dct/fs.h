@@ -1,0 +1,2 @@
+// The platform layer includes nothing of the layers above it.
+#include "dct/status.h"

@@ -1,0 +1,174 @@
+// The output of the offsite commands, and snapshots and restore.
+#include "tool/offsite_output.h"
+
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "offsite/json_text.h"
+#include "tool/shadow_report.h"
+
+namespace koffsite {
+
+using kshadow::cannot_run;
+using kshadow::kExitOk;
+using kshadow::kExitProblems;
+using ktool::json;
+using ktool::json_text;
+
+Output::Output(const OffsiteOptions& options, const std::string& command, const std::string& items)
+    : options_(options), command_(command), items_name_(items), items_(json::array()) {}
+
+void Output::text(const std::string& line) {
+    if (options_.json || options_.json_lines) return;
+    printf("%s%s", line.c_str(), !line.empty() && line.back() == '\n' ? "" : "\n");
+    fflush(stdout);
+}
+
+void Output::item(const json& value) {
+    if (options_.json_lines) {
+        printf("%s\n", ktool::json_line(value).c_str());
+        fflush(stdout);
+    } else {
+        items_.push_back(value);
+    }
+}
+
+int Output::finish(json summary, int exit_code) {
+    summary["exit_code"] = exit_code;
+    json doc;
+    doc["schema"] = 1;
+    doc["command"] = command_;
+    if (options_.json) {
+        doc[items_name_] = items_;
+        doc["summary"] = summary;
+        printf("%s\n", doc.dump(2).c_str());
+    } else if (options_.json_lines) {
+        doc["summary"] = summary;
+        printf("%s\n", ktool::json_line(doc).c_str());
+    }
+    fflush(stdout);
+    return exit_code;
+}
+
+int Output::fail(const std::string& command, const std::string& why) {
+    complain(command + ": " + why);
+    json summary;
+    summary["error"] = json_text(why);
+    return finish(summary, kExitProblems);
+}
+
+void complain(const std::string& what) { fprintf(stderr, "kavrel-shadow: %s\n", what.c_str()); }
+
+int run_snapshots(const Restic& restic, const std::string& pool, const OffsiteOptions& options) {
+    std::vector<Snapshot> snapshots;
+    std::string reason;
+    if (list_snapshots(restic, pool, &snapshots, &reason) != CR_STATUS_OK) return cannot_run(reason);
+    Output out(options, "offsite snapshots", "snapshots");
+    if (!snapshots.empty()) out.text("snapshot  time                  host                  databases  rows");
+    for (const Snapshot& s : snapshots) {
+        char line[512];
+        snprintf(line, sizeof(line), "%-8s  %-20s  %-20s  %9s  %s", s.short_id.c_str(),
+                 ktool::iso8601_utc(s.time).c_str(), s.host.c_str(), s.databases.empty() ? "-" : s.databases.c_str(),
+                 s.rows.empty() ? "-" : s.rows.c_str());
+        out.text(line);
+        json j;
+        j["id"] = s.id;
+        j["short_id"] = s.short_id;
+        j["time"] = ktool::iso8601_utc(s.time);
+        j["host"] = json_text(s.host);
+        j["path"] = json_text(s.path);
+        j["databases"] = s.databases.empty() ? json() : json(std::stoull(s.databases));
+        j["rows"] = s.rows.empty() ? json() : json(std::stoull(s.rows));
+        out.item(j);
+    }
+    const std::string repository = shown_repository(restic.config().repository);
+    out.text("offsite snapshots: " + std::to_string(snapshots.size()) +
+             (snapshots.size() == 1 ? " snapshot" : " snapshots") + " of pool " + pool + " in " + repository);
+    json summary;
+    summary["snapshots"] = snapshots.size();
+    summary["pool"] = json_text(pool);
+    summary["repository"] = repository;
+    return out.finish(summary, kExitOk);
+}
+
+namespace {
+
+json restored_json(const RestoredDatabase& r) {
+    json j;
+    j["type"] = r.report.target.type;
+    j["dir"] = json_text(r.report.target.dir);
+    j["shadow"] = r.shadow;
+    j["live"] = r.live;
+    j["set_aside"] = r.set_aside.empty() ? json() : json_text(r.set_aside);
+    j["rows_expected"] = r.rows_known ? json(r.rows_expected) : json();
+    j["rows"] = r.report.live.rows_known ? json(r.report.live.rows) : json();
+    j["integrity"] = r.report.live.integrity;
+    j["row_checksums"] = r.report.live.row_checksums;
+    json problems = json::array();
+    for (const auto& p : r.problems) problems.push_back(json_text(p));
+    j["problems"] = problems;
+    return j;
+}
+
+std::string restored_text(const RestoredDatabase& r) {
+    std::string text = r.report.target.type + " " + r.report.target.dir + "\n";
+    text += kshadow::labelled_line("shadow", r.shadow + (r.set_aside.empty() ? "" : ", set aside " + r.set_aside));
+    std::string live = r.live;
+    if (r.report.live.rows_known) live += ", " + std::to_string(r.report.live.rows) + " rows";
+    if (r.rows_known && r.live != "kept") live += " (snapshot: " + std::to_string(r.rows_expected) + ")";
+    if (r.report.live.integrity != kshadow::kUnknown) live += ", integrity " + r.report.live.integrity;
+    if (r.report.live.row_checksums != kshadow::kUnknown) live += ", row checksums " + r.report.live.row_checksums;
+    text += kshadow::labelled_line("live", live);
+    for (const auto& p : r.problems) text += kshadow::labelled_line("problem", p);
+    return text;
+}
+
+}  // namespace
+
+int run_restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                const OffsiteOptions& options) {
+    RestoreRequest request;
+    request.snapshot = options.snapshot;
+    request.has_before = options.has_before;
+    request.before = options.before;
+    request.dry_run = options.dry_run;
+    RestoreResult r;
+    const cr_status_t status = restore(context, restic, pool, request, &r);
+    if (status != CR_STATUS_OK && !r.chosen) {
+        if (r.stop == Stop::not_started) return cannot_run(r.reason);
+        complain("offsite restore: " + r.reason);
+        return kExitProblems;
+    }
+    const std::string command = options.dry_run ? "offsite restore --dry-run" : "offsite restore";
+    Output out(options, command, "databases");
+    const Snapshot& snap = r.snapshot;
+    out.text((options.dry_run ? "would restore snapshot " : "restoring snapshot ") + snap.short_id + " of " +
+             ktool::iso8601_utc(snap.time) + " (host " + snap.host + ")");
+    if (status != CR_STATUS_OK && r.stop == Stop::not_started) return cannot_run(r.reason);
+    if (status != CR_STATUS_OK) {
+        for (const auto& d : r.damaged) out.text(kshadow::database_text("verify --export", d));
+        return out.fail("offsite restore", r.reason);
+    }
+    for (const RestoredDatabase& d : r.databases) {
+        out.text(restored_text(d));
+        out.item(restored_json(d));
+    }
+    out.text(command + ": snapshot " + snap.short_id + ", " + std::to_string(r.manifest.databases.size()) +
+             " databases: " + std::to_string(r.restored) + " shadows " +
+             (options.dry_run ? "to restore, " : "restored, ") + std::to_string(r.rebuilt) + " databases " +
+             (options.dry_run ? "to rebuild, " : "rebuilt, ") + std::to_string(r.kept) + " kept, " +
+             std::to_string(r.problems) + " problems");
+    json summary;
+    summary["snapshot"] = snap.id;
+    summary["time"] = ktool::iso8601_utc(snap.time);
+    summary["databases"] = r.manifest.databases.size();
+    summary["shadows_restored"] = r.restored;
+    summary["databases_rebuilt"] = r.rebuilt;
+    summary["kept"] = r.kept;
+    summary["problems"] = r.problems;
+    return out.finish(summary, r.problems == 0 ? kExitOk : kExitProblems);
+}
+
+}  // namespace koffsite
