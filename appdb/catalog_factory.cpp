@@ -12,9 +12,9 @@ namespace appdb {
 
 namespace {
 
-// Gives `app` its own directory lock, and the lock's wait and the busy
-// timeout of its connections from `env`; deletes it and returns null when the
-// lock cannot be allocated.
+// Gives `app` its own directory lock, and the lock's wait, the busy timeout
+// of its connections and the bounds of its groups of changes from `env`;
+// deletes it and returns null when the lock cannot be allocated.
 template <typename App>
 catalog_application* with_dir_lock(App* app, const dct::environment& env) {
     if (app == nullptr) return nullptr;
@@ -25,6 +25,7 @@ catalog_application* with_dir_lock(App* app, const dct::environment& env) {
     }
     if (env.lock_wait_limit_ms) app->dir_lock->set_object_wait_limit_ms(*env.lock_wait_limit_ms);
     app->use_busy_timeout_ms(env.busy_timeout_ms);
+    app->use_commit_bounds(env.commit_group_changes, env.commit_group_bytes);
     return app;
 }
 

@@ -23,6 +23,8 @@
 #ifndef DCT_ENVIRONMENT_H_
 #define DCT_ENVIRONMENT_H_
 
+#include <stddef.h>
+
 #include <functional>
 #include <optional>
 
@@ -51,6 +53,13 @@ struct environment {
     // object (_crConfigClass::Instance()) decides, and without one auto-fix
     // is on.
     std::optional<bool> disable_auto_fix_journal;
+    // Group commit: concurrent changes to one catalog database are committed
+    // together, at most this many changes and this many bytes of their line
+    // texts in one group (the first change of a group goes whatever its
+    // size); unset: the catalog's defaults (128 changes, 1 MiB). A bound of
+    // 1 change commits every change on its own.
+    std::optional<unsigned> commit_group_changes;
+    std::optional<size_t> commit_group_bytes;
 
     unsigned long now_ms() const;
     void sleep_seconds(unsigned seconds) const;
