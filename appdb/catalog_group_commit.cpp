@@ -142,7 +142,7 @@ cr_status_t catalog_application_base::commit_change(CatalogDirectoryLock* dir_lo
     // missing, alone. A thread that holds the directory itself (an outer
     // lock of its own) must not wait in line behind a front that waits for
     // that very lock.
-    if (commits_->bounds().changes < 2 || !db_existed(client, policy) ||
+    if (commits_->bounds().changes < 2 || wa_access(to_db_full_name(client, policy), 0) != 0 ||
         CatalogDirectoryLock::held_descriptor(path) >= 0) {
         return alone();
     }
