@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "appdb/catalog_application_shadow.h"
+#include "catalog_group_helpers.h"
 #include "catalog_shadow/shadow_test_helpers.h"
 #include "catalog_shadow_fixture.h"
 #include "common/sqlite_test_vfs.h"
@@ -32,27 +33,7 @@ namespace {
 using appdb::app_catalog_item;
 using appdb::catalog_application_base;
 
-// Runs each of `calls` on a thread of its own while another thread holds the
-// directory `dir`, and lets the directory go once all of them wait in `app`'s
-// line: the first in line then leads one group of them all.
-std::vector<cr_status_t> one_group(catalog_application_base& app, const std::string& dir,
-                                   const std::vector<std::function<cr_status_t()>>& calls) {
-    std::vector<cr_status_t> statuses(calls.size(), CR_STATUS_NONE);
-    shadow_test::held_directory holder(dir);
-    EXPECT_TRUE(holder.held());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < calls.size(); ++i) {
-        threads.emplace_back([&statuses, &calls, i] { statuses[i] = calls[i](); });
-    }
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(4);
-    while (app.waiting_changes(dir) < calls.size() && std::chrono::steady_clock::now() < until) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(calls.size(), app.waiting_changes(dir)) << "not all in line";
-    holder.release();
-    for (std::thread& t : threads) t.join();
-    return statuses;
-}
+using groupt::one_group;
 
 // Counts the syncs of the catalog's files: SQLite's (the test file layer)
 // and those of the shadow's journal and checksum file (the fault seam).
