@@ -82,6 +82,38 @@ const char kSavepoint[] = "SAVEPOINT catalog_change;";
 const char kRelease[] = "RELEASE catalog_change;";
 const char kRollbackChange[] = "ROLLBACK TO catalog_change; RELEASE catalog_change;";
 
+// Runs each member of `group` in its own savepoint of the open transaction
+// on `db`: a member's own failure is rolled back to its savepoint and kept as
+// its status; its kept journal lines are moved to `lines` (with their owners)
+// when it succeeded. Anything else gives the group up (run.given_up).
+void run_members(sqlitedb::connection& db, running_group& run, std::vector<commit_queue::change*>& group,
+                 std::vector<std::string>& lines, std::vector<size_t>& owners) {
+    for (size_t i = 0; i < group.size() && !run.given_up; ++i) {
+        run.lines.clear();
+        if (db.exec(kSavepoint) != CR_STATUS_OK) {
+            run.given_up = true;
+            return;
+        }
+        const cr_status_t status = group[i]->step();
+        if (run.given_up) return;
+        if (status == CR_STATUS_OK) {
+            if (db.exec(kRelease) != CR_STATUS_OK) {
+                run.given_up = true;
+                return;
+            }
+            for (std::string& line : run.lines) {
+                lines.push_back(std::move(line));
+                owners.push_back(i);
+            }
+        } else if (own_failure(db) && db.exec(kRollbackChange) == CR_STATUS_OK) {
+            // Its row is gone, its line never kept; the others go on.
+            group[i]->status = status;
+        } else {
+            run.given_up = true;
+        }
+    }
+}
+
 }  // namespace
 
 bool held_by_running_group(const appdb_value* value) {
@@ -154,31 +186,30 @@ cr_status_t catalog_application_base::commit_change(CatalogDirectoryLock* dir_lo
         return alone();  // not in line
     }
     if (leads) {
-        std::vector<commit_queue::change*> group;
-        bool given_up = false;
-        const auto began = std::chrono::steady_clock::now();
-        {
-            dir_lock_scope lock(dir_lock, path, fn);
-            if (lock.status() != CR_STATUS_OK) {
-                // Only the front waited for the lock: the others stay in line.
-                me.status = lock.status();
-            } else {
-                try {
-                    group = commits_->take_group(path, me);
-                } catch (const std::bad_alloc&) {
-                    group.clear();  // the front runs alone
-                }
-                if (group.size() < 2) {
-                    me.status = step();
-                } else {
-                    given_up = !run_group_(client, policy, group);
-                    if (given_up) {
-                        for (commit_queue::change* c : group) c->alone = true;
-                    }
-                }
-            }
+        // The line goes on however the front's turn ends; the directory is
+        // let go first.
+        struct turn_end {
+            commit_queue& line;
+            const std::string& path;
+            std::vector<commit_queue::change*> group;
+            bool given_up = false;
+            const std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+            ~turn_end() { line.finish(path, group, std::chrono::steady_clock::now() - began, given_up); }
+        } turn{*commits_, path, {}};
+        dir_lock_scope lock(dir_lock, path, fn);
+        if (lock.status() != CR_STATUS_OK) {
+            // Only the front waited for the lock: the others stay in line.
+            return lock.status();
         }
-        commits_->finish(path, group, std::chrono::steady_clock::now() - began, given_up);
+        try {
+            turn.group = commits_->take_group(path, me);
+        } catch (const std::bad_alloc&) {
+            turn.group.clear();  // the front runs alone
+        }
+        if (turn.group.size() < 2) return step();
+        turn.given_up = !run_group_(client, policy, turn.group);
+        if (!turn.given_up) return me.status;
+        for (commit_queue::change* c : turn.group) c->alone = true;
     }
     return me.alone ? alone() : me.status;
 }
@@ -207,29 +238,11 @@ bool catalog_application_base::run_group_(const std::string& client, const std::
     {
         running_group run{this, path, value, {}, false};
         running_scope scope(&run);
-        for (size_t i = 0; i < group.size() && !run.given_up; ++i) {
-            run.lines.clear();
-            if (db.exec(kSavepoint) != CR_STATUS_OK) {
-                run.given_up = true;
-                break;
-            }
-            const cr_status_t status = group[i]->step();
-            if (run.given_up) break;
-            if (status == CR_STATUS_OK) {
-                if (db.exec(kRelease) != CR_STATUS_OK) {
-                    run.given_up = true;
-                    break;
-                }
-                for (std::string& line : run.lines) {
-                    lines.push_back(std::move(line));
-                    owners.push_back(i);
-                }
-            } else if (own_failure(db) && db.exec(kRollbackChange) == CR_STATUS_OK) {
-                // Its row is gone, its line never kept; the others go on.
-                group[i]->status = status;
-            } else {
-                run.given_up = true;
-            }
+        try {
+            run_members(db, run, group, lines, owners);
+        } catch (...) {
+            // What escaped a change is met again when it runs alone.
+            run.given_up = true;
         }
         given_up = run.given_up;
     }
