@@ -62,8 +62,10 @@ void commit_queue::finish(const std::string& key, const std::vector<change*>& gr
     try {
         if (size < 2) {
             ++stats_.alone;
+            stats_.alone_time += took;
         } else {
             ++stats_.groups;
+            stats_.group_time += took;
             stats_.grouped += size;
             stats_.largest = std::max(stats_.largest, size);
             if (given_up) ++stats_.given_up;

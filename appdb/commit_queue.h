@@ -57,6 +57,9 @@ struct commit_statistics {
     unsigned long given_up = 0; // groups that handed their changes back to run alone
     size_t largest = 0;         // most changes in one group
     std::map<size_t, unsigned long> sizes;  // group size -> how many (sizes >= 2)
+    // How long the fronts held their databases, alone and in groups.
+    std::chrono::steady_clock::duration alone_time{};
+    std::chrono::steady_clock::duration group_time{};
 };
 
 class commit_queue {
