@@ -27,16 +27,6 @@
 
 #include "bench_item.h"
 
-namespace {
-
-std::string client_name(long db) {
-    char name[32];
-    snprintf(name, sizeof(name), "client%04ld", db);
-    return name;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     if (argc != 6 && argc != 7) {
         fprintf(stderr, "usage: kavrel_insert_threads 1|2 DBROOT COUNT THREADS DBS [GROUP]\n");
@@ -60,16 +50,7 @@ int main(int argc, char** argv) {
     if (base == nullptr) return 1;
     if (group > 0) base->use_commit_bounds(static_cast<unsigned>(group), std::nullopt);
 
-    // Each database made, with its first row (numbered past the measured ones).
-    for (long db = 0; db < dbs; ++db) {
-        bench_row r;
-        bench_make_row(count + db, &r);
-        if (app->update_catalog("oracle", appdb::APP_ROLE_APP, bench_item(r, client_name(db)).to_string()) !=
-            CR_STATUS_OK) {
-            fprintf(stderr, "kavrel_insert_threads: creating database %ld failed\n", db);
-            return 1;
-        }
-    }
+    if (!bench_make_databases(*app, count, dbs, "kavrel_insert_threads")) return 1;
 
     std::vector<std::vector<std::string>> lines(threads);
     const long per = count / threads;
@@ -79,7 +60,7 @@ int main(int argc, char** argv) {
         for (long i = first; i < first + part; ++i) {
             bench_row r;
             bench_make_row(i, &r);
-            lines[t].push_back(bench_item(r, client_name(t % dbs)).to_string());
+            lines[t].push_back(bench_item(r, bench_client_name(t % dbs)).to_string());
         }
     }
 

@@ -152,14 +152,8 @@ public:
 // must never be kept). A fault anywhere in the group's work (its commit, its
 // one journal append, sync and checksum file) leaves each change
 // acknowledged only when it is durable.
-class group_scenario : public scenario {
+class group_scenario : public insert_scenario {
 public:
-    void setup() override {
-        pool.prepare();
-        ctx = pool.context();
-        app = shadowt::make_shadow_app(pool, ctx.get());
-        for (const char* n : {"a1", "a2", "a3"}) ASSERT_EQ(0u, insert("alpha", n)) << log.dump();
-    }
     void operation() override {
         const std::vector<std::string> names = {"a4", "a5", "a6", "a7"};
         std::vector<std::function<cr_status_t()>> calls;
