@@ -9,8 +9,10 @@ namespace appdb {
 
 namespace {
 
-// The longest a woken front waits for the writers of the last group.
-const std::chrono::steady_clock::duration kLongestPause = std::chrono::milliseconds(2);
+// The longest a front waits for the writers of the last group, whatever that
+// group took (one that waited long for a busy database says nothing about
+// the next).
+const std::chrono::steady_clock::duration kLongestPause = std::chrono::milliseconds(20);
 
 }  // namespace
 

@@ -16,7 +16,7 @@
 // those writers to come back) therefore waits a moment for them before it
 // takes its group: until as many changes wait as the group released (one
 // more when the front was not among them), or a quarter of the group's time
-// has passed (at most 2 ms). Without that pause the new front, quicker than
+// has passed (at most 20 ms). Without that pause the new front, quicker than
 // the writers it woke, would often commit alone, and the groups would
 // alternate between one change and all the others. A lone writer (a group
 // of one before it) never waits.

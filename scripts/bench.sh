@@ -47,8 +47,10 @@ PROGRAMS="gen_catalog gen_shadow bench_runner baseline_list baseline_insert base
 [ -n "$THREADS_ONLY" ] && PROGRAMS="gen_catalog bench_runner kavrel_insert_threads"
 missing=""
 for p in $PROGRAMS; do [ -x "$B/$p" ] || missing="$missing $p"; done
-[ -x "$KAVREL" ] || missing="$missing kavrel"
-[ -x "$KAVREL_FIND" ] || missing="$missing kavrel-find"
+if [ -z "$THREADS_ONLY" ]; then
+  [ -x "$KAVREL" ] || missing="$missing kavrel"
+  [ -x "$KAVREL_FIND" ] || missing="$missing kavrel-find"
+fi
 if [ -n "$missing" ]; then
   echo "bench: building$missing in $BUILD_DIR" >&2
   # shellcheck disable=SC2086
