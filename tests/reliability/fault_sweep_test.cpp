@@ -170,7 +170,9 @@ public:
         for (size_t i = 0; i < names.size() && i < statuses.size(); ++i) {
             if (statuses[i] == 0) acked.insert(names[i]);
         }
-        if (statuses.size() == calls.size()) EXPECT_NE(0u, statuses.back());
+        if (statuses.size() == calls.size()) {
+            EXPECT_NE(0u, statuses.back());
+        }
     }
     void verify() override {
         verify_rows_and_recovery({"alpha"});
