@@ -170,12 +170,11 @@ cr_status_t catalog_application_base::commit_change(CatalogDirectoryLock* dir_lo
         if (lock.status() != CR_STATUS_OK) return lock.status();
         return step();
     };
-    // A database still to be created is created by the change that finds it
-    // missing, alone. A thread that holds the directory itself (an outer
-    // lock of its own) must not wait in line behind a front that waits for
-    // that very lock.
-    if (commits_->bounds().changes < 2 || wa_access(to_db_full_name(client, policy), 0) != 0 ||
-        CatalogDirectoryLock::held_descriptor(path) >= 0) {
+    // A thread that holds the directory itself (an outer lock of its own)
+    // must not wait in line behind a front that waits for that very lock.
+    // (A database still to be created is made by a front alone: a group
+    // finds it missing and is given up, group_ready.)
+    if (commits_->bounds().changes < 2 || CatalogDirectoryLock::held_descriptor(path) >= 0) {
         return alone();
     }
     commit_queue::change me(bytes, step);

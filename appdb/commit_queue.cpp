@@ -14,6 +14,9 @@ namespace {
 // the next).
 const std::chrono::steady_clock::duration kLongestPause = std::chrono::milliseconds(20);
 
+// Empty lines kept for their databases' next changes.
+const size_t kKeptLines = 64;
+
 }  // namespace
 
 bool commit_queue::wait_turn(const std::string& key, change& c) {
@@ -85,9 +88,10 @@ void commit_queue::finish(const std::string& key, const std::vector<change*>& gr
         group[i]->done = true;
         group[i]->wake.notify_one();
     }
-    // A lone writer leaves nothing behind; a group leaves what the next
-    // front needs to wait for its writers.
-    if (changes.empty() && size < 2) {
+    // A group leaves what the next front needs to wait for its writers. An
+    // empty line stays for the next change to the same database (no new
+    // entry for every change of a lone writer), as long as few lines are kept.
+    if (changes.empty() && size < 2 && lines_.size() > kKeptLines) {
         lines_.erase(l);
         return;
     }
