@@ -57,7 +57,11 @@ extern const char* const app_db_filename;  // "app.db"
 // database, from any thread, object or process, wait for each other there
 // (up to 60 seconds, then 11). The lock is taken before the database's
 // connection is borrowed from the cache. A call may block for as long as
-// another process holds the database.
+// another process holds the database. Changes (update, delete, expire) that
+// threads of one object make to one database at the same moment are
+// committed together, under one hold of the lock: one transaction, one
+// journal append and sync; each call still returns its own status, once its
+// change is durable (dct::environment::commit_group_changes).
 //
 // Items and result vectors are the caller's; the object keeps no reference to
 // them after the call.

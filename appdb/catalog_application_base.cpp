@@ -36,6 +36,7 @@ catalog_application_base::~catalog_application_base() = default;
 void catalog_application_base::use_environment(const dct::environment& env) {
     service_env_ = env;
     use_busy_timeout_ms(env.busy_timeout_ms);
+    use_commit_bounds(env.commit_group_changes, env.commit_group_bytes);
     if (cache) cache->use_environment(env);
 }
 

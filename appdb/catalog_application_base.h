@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,6 +24,7 @@
 #include "appdb/catalog_guards.h"
 #include "appdb/catalog_item_sink.h"
 #include "appdb/catalog_store.h"
+#include "appdb/commit_queue.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/environment.h"
 #include "dct/status.h"
@@ -133,6 +135,19 @@ public:
     // is in use elsewhere).
     cr_status_t open_db_with_cached(const std::string& client, const std::string& policy,
                                     appdb_value** value);
+
+    // ---- group commit (catalog_group_commit.cpp) ----
+
+    // The bounds of the groups of changes this object commits together
+    // (commit_queue.h); unset members keep the defaults. Set before the
+    // object is shared. A bound of 1 change commits every change alone.
+    void use_commit_bounds(std::optional<unsigned> changes, std::optional<size_t> bytes);
+    const commit_bounds& group_bounds() const { return commits_->bounds(); }
+    // What the groups of this object have been so far.
+    commit_statistics group_statistics() const { return commits_->statistics(); }
+    // Changes in line for the database directory `path`, the one being
+    // committed included.
+    size_t waiting_changes(const std::string& path) const { return commits_->waiting(path); }
 
     // ---- access rule and names ----
 
@@ -300,9 +315,48 @@ protected:
                                     const std::string& policy, const std::string& file_name,
                                     removal_check& check);
 
+    // ---- group commit of the changes (catalog_group_commit.cpp) ----
+
+    // Runs `step`, one change of operation `function` to the database of
+    // client and policy, under the directory lock of that database: alone,
+    // or in one group with the changes other threads make to the same
+    // database at the same moment, in one transaction (each change in its own
+    // savepoint) and, for the shadow kind, one journal append and sync.
+    // `bytes` is the size of the change's text, for the group's bound.
+    // Returns the change's own status, once its change is durable.
+    cr_status_t commit_change(CatalogDirectoryLock* dir_lock, const char* function,
+                              const std::string& client, const std::string& policy, size_t bytes,
+                              const std::function<cr_status_t()>& step);
+    // Whether a group may run on the database of client and policy without
+    // creating anything first: the database file exists and is not empty.
+    virtual bool group_ready(const std::string& client, const std::string& policy);
+    // After a group's commit, the committed changes' `lines` (their journal
+    // texts, in order) are made durable beyond the database: nothing here;
+    // the shadow kind journals them. 0, or the status every change with a
+    // line then reports.
+    virtual cr_status_t protect_group(const std::string& path, const std::vector<std::string>& lines);
+    // While this thread runs a group on `path`: keeps `statement`, the
+    // journal text of the change being run, for the group's one append, and
+    // returns true. False outside a group.
+    bool defer_journal_line(const std::string& path, const std::string& statement);
+    // While this thread runs a group on `path`: gives the group up (it is
+    // rolled back and each of its changes runs again alone, where it may
+    // recover its database) and returns true. False outside a group.
+    bool give_up_group(const std::string& path);
+
 private:
     std::optional<int> busy_timeout_ms_;  // see use_busy_timeout_ms
     dct::environment service_env_;        // see use_environment
+    std::unique_ptr<commit_queue> commits_{new commit_queue(commit_bounds())};
+
+    // The store of the group this thread runs on `path` for this object, or
+    // null: the group's changes share the one borrowed store.
+    appdb_value* group_store_(const std::string& path) const;
+    // Runs the group, led by its first change, under the directory lock, and
+    // sets each member's status; false when the group was given up (nothing
+    // of it stays, each change is to run alone).
+    bool run_group_(const std::string& client, const std::string& policy,
+                    std::vector<commit_queue::change*>& group);
 
     // The read of a find: names checked, the directory of client and policy
     // locked, `read` given a sink that passes on only the records the user

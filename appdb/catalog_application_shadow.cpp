@@ -83,17 +83,41 @@ cr_status_t catalog_application_impl_shadow::backup_shadow(const std::string& pa
 
 cr_status_t catalog_application_impl_shadow::write_journal(const std::string& path,
                                                            const std::string& statement) {
-    const char* const fn = "write_journal";
     if (shadow_ctx == nullptr) return CR_STATUS_OK;
     // A call that ran no statement (a backup with no database, say) changed
     // nothing; a journal line for it would only be noise for the replay.
     if (statement.empty()) return CR_STATUS_OK;
-    __TraceA("%s: write app db journal %s %s", fn, path.c_str(), statement.c_str());
-    const cr_status_t status = shadow_ctx->write_journal(path, db_type, statement);
+    // Inside a group the line waits for the group's commit and one append.
+    if (defer_journal_line(path, statement)) return CR_STATUS_OK;
+    return write_journal_lines_(path, std::vector<std::string>(1, statement));
+}
+
+cr_status_t catalog_application_impl_shadow::write_journal_lines_(
+    const std::string& path, const std::vector<std::string>& lines) {
+    const char* const fn = "write_journal";
+    for (const std::string& line : lines) {
+        __TraceA("%s: write app db journal %s %s", fn, path.c_str(), line.c_str());
+    }
+    const cr_status_t status = shadow_ctx->write_journal(path, db_type, lines);
     if (status != CR_STATUS_OK) {
-        ErrorA(status, "%s: app db write journal failed for %s", fn, path.c_str());
+        for (size_t i = 0; i < lines.size(); ++i) {
+            ErrorA(status, "%s: app db write journal failed for %s", fn, path.c_str());
+        }
     }
     return status;
+}
+
+bool catalog_application_impl_shadow::group_ready(const std::string& client,
+                                                  const std::string& policy) {
+    if (!catalog_application_base::group_ready(client, policy)) return false;
+    return shadow_ctx == nullptr || !shadow_ctx->enabled ||
+           shadow_ctx->has_shadow_copy(to_db_full_path(client, policy), db_type);
+}
+
+cr_status_t catalog_application_impl_shadow::protect_group(const std::string& path,
+                                                           const std::vector<std::string>& lines) {
+    if (shadow_ctx == nullptr || lines.empty()) return CR_STATUS_OK;
+    return write_journal_lines_(path, lines);
 }
 
 cr_status_t catalog_application_impl_shadow::recover_from_journal(const std::string& client,
@@ -144,6 +168,12 @@ bool catalog_application_impl_shadow::history_lost(const std::string& client,
 
 bool catalog_application_impl_shadow::may_recover(cr_status_t status, const std::string& client,
                                                   const std::string& policy) {
+    // Inside a group nothing is rebuilt: the group is given up, and the
+    // change runs again alone, where it may recover.
+    if ((status == CR_STATUS_CORRUPT || status == CR_STATUS_IO) &&
+        give_up_group(to_db_full_path(client, policy))) {
+        return false;
+    }
     // A shadow without any version has nothing to recover from.
     if (history_lost(client, policy)) return false;
     if (!need_recover_after_db_operation(status, client, policy)) return false;

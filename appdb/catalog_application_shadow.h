@@ -144,6 +144,11 @@ protected:
     cr_status_t delete_step(const char* function, const std::string& client,
                             const std::string& policy, const std::string& file_name,
                             removal_check& check) override;
+    // A group also needs the database's shadow copy: the change that takes
+    // the first one runs alone.
+    bool group_ready(const std::string& client, const std::string& policy) override;
+    // Journals the group's committed lines: one append, one sync.
+    cr_status_t protect_group(const std::string& path, const std::vector<std::string>& lines) override;
 
 private:
     // One public operation: how deeply operations of this object are nested
@@ -195,6 +200,9 @@ private:
                                      const std::string& client, const std::string& policy,
                                      const std::string& key,
                                      const std::function<cr_status_t(std::string&)>& run);
+    // write_journal for one statement or a group's: each traced and, on
+    // failure, logged.
+    cr_status_t write_journal_lines_(const std::string& path, const std::vector<std::string>& lines);
     // True the first time `path` is given: a database found without a
     // shadow copy is copied once per object.
     bool first_adoption(const std::string& path);

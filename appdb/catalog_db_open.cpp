@@ -110,7 +110,9 @@ cr_status_t catalog_application_base::open_db_with_cached(const std::string& cli
                                                           const std::string& policy,
                                                           appdb_value** value) {
     const std::string key = to_db_full_path(client, policy);
-    *value = nullptr;
+    // The changes of a group share the store the group borrowed.
+    *value = group_store_(key);
+    if (*value != nullptr) return CR_STATUS_OK;
     if (cache) {
         *value = cache->get_db(key);
         if (*value != nullptr &&

@@ -13,8 +13,9 @@ namespace appdb {
 namespace {
 
 // Gives `app` its own directory lock, the lock's wait and its environment
-// (busy timeout, clock, sleep, fault seam, log sink) from `env`; deletes it
-// and returns null when the lock cannot be allocated.
+// (busy timeout, clock, sleep, fault seam, log sink, bounds of its groups of
+// changes) from `env`; deletes it and returns null when the lock cannot be
+// allocated.
 template <typename App>
 catalog_application* with_dir_lock(App* app, const dct::environment& env) {
     if (app == nullptr) return nullptr;

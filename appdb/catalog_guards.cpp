@@ -10,7 +10,7 @@ Auto_Return_DB::Auto_Return_DB(appdb_cache* cache, const std::string& path, appd
     : cache_(cache), path_(path), value_(value) {}
 
 Auto_Return_DB::~Auto_Return_DB() {
-    if (cache_ == nullptr || value_ == nullptr) return;
+    if (cache_ == nullptr || value_ == nullptr || held_by_running_group(value_)) return;
     try {
         // A refused return has been logged by the cache. A borrow the cache
         // no longer knows (close_all_db forgot it) leaves the connection

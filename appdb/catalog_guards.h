@@ -15,8 +15,14 @@ namespace appdb {
 class appdb_cache;
 struct appdb_value;
 
+// Whether `value` is the store of the group of changes the calling thread is
+// committing (catalog_group_commit.cpp): the group keeps it borrowed until
+// its end, and the changes inside it give nothing back.
+bool held_by_running_group(const appdb_value* value);
+
 // Gives `value` back to `cache` under `path` (appdb_cache::return_db) when the
-// scope ends. A null cache or value makes it do nothing.
+// scope ends. A null cache or value, or the store of the thread's running
+// group, makes it do nothing.
 class Auto_Return_DB {
 public:
     Auto_Return_DB(appdb_cache* cache, const std::string& path, appdb_value* value);

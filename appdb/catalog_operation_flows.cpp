@@ -52,9 +52,8 @@ cr_status_t catalog_application_base::update_catalog_flow(CatalogDirectoryLock* 
                user_or_empty(user), role);
         return CR_STATUS_ACCESS_DENIED;
     }
-    dir_lock_scope lock(dir_lock, to_db_full_path(item.client, item.policy), fn);
-    if (lock.status() != CR_STATUS_OK) return lock.status();
-    return insert_step(fn, item);
+    return commit_change(dir_lock, fn, item.client, item.policy, item_text.size(),
+                         [&] { return insert_step(fn, item); });
 }
 
 namespace {
@@ -258,9 +257,8 @@ cr_status_t catalog_application_base::expire_catalog_flow(
     if (!lock) {
         status = expire_step(client, policy, image_name, check);
     } else {
-        dir_lock_scope scope(dir_lock, to_db_full_path(client, policy), fn);
-        if (scope.status() != CR_STATUS_OK) return scope.status();
-        status = expire_step(client, policy, image_name, check);
+        status = commit_change(dir_lock, fn, client, policy, image_name.size(),
+                               [&] { return expire_step(client, policy, image_name, check); });
     }
     if (status != CR_STATUS_OK) return status;
     return removal_outcome(fn, check, backup_id, CR_STATUS_OK, denied_format);
@@ -311,11 +309,9 @@ cr_status_t catalog_application_base::del_catalog_flow(CatalogDirectoryLock* dir
     removal_check check;
     check.user = user_or_empty(user);
     check.role = role;
-    {
-        dir_lock_scope scope(dir_lock, to_db_full_path(query.client, query.policy), fn);
-        if (scope.status() != CR_STATUS_OK) return scope.status();
-        status = delete_step(fn, query.client, query.policy, query.file_name, check);
-    }
+    status = commit_change(dir_lock, fn, query.client, query.policy, query_text.size(), [&] {
+        return delete_step(fn, query.client, query.policy, query.file_name, check);
+    });
     if (status != CR_STATUS_OK) return status;
     return removal_outcome(fn, check, query_text, CR_STATUS_NOT_FOUND,
                            "%s: authenticate failed for user %s , app owner %s");

@@ -362,16 +362,24 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
     check->matched = 0;
     check->removed = 0;
     check->kept_owner.clear();
-    cr_status_t status = transaction_statement(fn, db_, file_, "BEGIN IMMEDIATE TRANSACTION;");
+    // Inside a transaction of the caller's (a group of changes committed
+    // together) the removal is a savepoint of it.
+    const bool nested = db_.in_transaction();
+    cr_status_t status = transaction_statement(
+        fn, db_, file_, nested ? "SAVEPOINT catalog_removal;" : "BEGIN IMMEDIATE TRANSACTION;");
     if (status != CR_STATUS_OK) return status;
     // Rolls back on every way out but the commit.
     struct rollback_guard {
         sqlitedb::connection& db;
+        bool nested;
         bool armed = true;
         ~rollback_guard() {
-            if (armed) db.exec("ROLLBACK TRANSACTION;");
+            if (armed) {
+                db.exec(nested ? "ROLLBACK TO catalog_removal; RELEASE catalog_removal;"
+                               : "ROLLBACK TRANSACTION;");
+            }
         }
-    } rollback{db_};
+    } rollback{db_, nested};
 
     if (holds_no_table()) return CR_STATUS_OK;  // no table, no rows
     std::vector<std::string> removable;
@@ -382,7 +390,9 @@ cr_status_t catalog_store::remove(const char* fn, removal_key key, const std::st
     if (removable.empty()) return CR_STATUS_OK;
     status = removable.size() == check->matched ? delete_all(fn, db_, file_, plan, key_value, sql)
                                                 : delete_names(fn, db_, file_, removable, sql);
-    if (status == CR_STATUS_OK) status = transaction_statement(fn, db_, file_, "COMMIT TRANSACTION;");
+    if (status == CR_STATUS_OK) {
+        status = transaction_statement(fn, db_, file_, nested ? "RELEASE catalog_removal;" : "COMMIT TRANSACTION;");
+    }
     if (status != CR_STATUS_OK) {
         sql.clear();
         return status;

@@ -59,4 +59,28 @@ inline std::unique_ptr<appdb::catalog_application> bench_open_catalog(int type, 
     return app;
 }
 
+// The client of database `db` of the programs that write several:
+// client0000, client0001, ...
+inline std::string bench_client_name(long db) {
+    char name[32];
+    snprintf(name, sizeof(name), "client%04ld", db);
+    return name;
+}
+
+// Makes databases 0 .. dbs-1 through `app`, each with its first row (rows
+// count, count + 1, ..., numbered past the measured ones). False, reported
+// for `program`, when one fails.
+inline bool bench_make_databases(appdb::catalog_application& app, long count, long dbs, const char* program) {
+    for (long db = 0; db < dbs; ++db) {
+        bench_row r;
+        bench_make_row(count + db, &r);
+        if (app.update_catalog("oracle", appdb::APP_ROLE_APP, bench_item(r, bench_client_name(db)).to_string()) !=
+            CR_STATUS_OK) {
+            fprintf(stderr, "%s: creating database %ld failed\n", program, db);
+            return false;
+        }
+    }
+    return true;
+}
+
 #endif  // BENCH_BENCH_ITEM_H_

@@ -20,12 +20,6 @@
 
 namespace {
 
-std::string client_name(long db) {
-    char name[32];
-    snprintf(name, sizeof(name), "client%04ld", db);
-    return name;
-}
-
 // One inserting process: builds its catalog and lines, says so on `ready`,
 // waits for the release on `go`, inserts. Exit status 0 when every insert
 // succeeded.
@@ -37,7 +31,7 @@ int insert_part(int type, const std::string& root, long first, long count, long 
     for (long i = first; i < first + count; ++i) {
         bench_row r;
         bench_make_row(i, &r);
-        lines.push_back(bench_item(r, client_name(db)).to_string());
+        lines.push_back(bench_item(r, bench_client_name(db)).to_string());
     }
     char byte = 'r';
     if (write(ready, &byte, 1) != 1 || read(go, &byte, 1) != 1) return 1;
@@ -71,16 +65,7 @@ int main(int argc, char** argv) {
     {
         std::unique_ptr<CatalogShadowContext> ctx;
         std::unique_ptr<appdb::catalog_application> app = bench_open_catalog(type, root, &ctx);
-        if (!app) return 1;
-        for (long db = 0; db < dbs; ++db) {
-            bench_row r;
-            bench_make_row(count + db, &r);
-            if (app->update_catalog("oracle", appdb::APP_ROLE_APP, bench_item(r, client_name(db)).to_string()) !=
-                CR_STATUS_OK) {
-                fprintf(stderr, "kavrel_insert_procs: creating database %ld failed\n", db);
-                return 1;
-            }
-        }
+        if (!app || !bench_make_databases(*app, count, dbs, "kavrel_insert_procs")) return 1;
     }
 
     int ready[2];

@@ -189,30 +189,7 @@ cr_status_t CatalogShadowContext::write_journal(boost::shared_ptr<PODB> podb) {
 
 cr_status_t CatalogShadowContext::write_journal(const std::string& dir, const std::string& type,
                                                 const std::string& statement) {
-    dct::environment_scope scope(env_);
-    if (!enabled) return CR_STATUS_OK;
-    if (!pool) {
-        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", "bad parameter");
-        return CR_STATUS_FAILED;
-    }
-    try {
-        boost::shared_ptr<PODBShadow> shadow = pool->get(dir);
-        cr_status_t status;
-        {
-            std::lock_guard<std::recursive_mutex> guard(shadow->mutex());
-            // Never append after lines another process wrote without counting
-            // them.
-            status = shadow->refresh_from_disk(type, true);
-            if (status == CR_STATUS_OK) status = shadow->write_journal(type, statement);
-            if (status == CR_STATUS_OK) status = shadow->flush_journal(type);
-        }
-        if (status == CR_STATUS_OK) return CR_STATUS_OK;
-        // Outside the shadow's mutex: the backup takes the pool's first.
-        return protect_by_backup_(dir, type, status);
-    } catch (const char* e) {
-        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
-        return CR_STATUS_FAILED;
-    }
+    return write_journal(dir, type, std::vector<std::string>(1, statement));
 }
 
 // A change that is in the database but could not be journalled is protected

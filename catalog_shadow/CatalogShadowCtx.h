@@ -182,6 +182,12 @@ public:
     // above. 0 at once when the feature is off.
     cr_status_t write_journal(const std::string& dir, const std::string& type,
                               const std::string& statement);
+    // Journals several statements of one database at once, in order: one
+    // append, one sync and one checksum file for all of them (a group of
+    // changes committed together), with the same fallback to a new version
+    // for all of them.
+    cr_status_t write_journal(const std::string& dir, const std::string& type,
+                              const std::vector<std::string>& statements);
 
     // Rereads the checksum files of the shadow of `dir` (closing its journals).
     cr_status_t reload_podb(const std::string& dir);

@@ -172,6 +172,9 @@ public:
     // cannot be written leaves no part of it behind; the lines before it stay.
     // 0 or a status.
     cr_status_t write_journal(const std::string& type, const std::string& statement);
+    // The same for several statements, in order, written with one append:
+    // all of them are in the journal afterwards, or none.
+    cr_status_t write_journal_lines(const std::string& type, const std::vector<std::string>& statements);
 
     // Syncs the active journal, then persists the checksum file that counts its
     // lines. 0 when nothing was pending. On a failed sync the lines not yet

@@ -78,44 +78,7 @@ void PODBShadow::abandon_journal_(const std::string& type) {
 }
 
 cr_status_t PODBShadow::write_journal(const std::string& type, const std::string& statement) {
-    std::lock_guard<std::recursive_mutex> guard(mutex_);
-    try {
-        TypeState& s = state_(type);
-        __TraceA("Write DB operation journal %s.", statement.c_str());
-        if (s.versions->empty()) {
-            InfoA(CR_STATUS_OK, "Can't write %s operation journal since there's no active shadow.", type.c_str());
-            return CR_STATUS_OK;
-        }
-        ShadowVersion& newest = s.versions->front();
-        if (!s.journal) {
-            cr_status_t status = open_active_journal_(type, newest);
-            if (status != CR_STATUS_OK) return status;
-        }
-        const std::string text = statement + ";";
-        if (s.journal->append(text + "\n") != 0) {
-            ErrorA(CR_STATUS_IO, "failed to write \"%s\" to journal file", statement.c_str());
-            // The stream took back the torn part; the lines before it stay,
-            // for their changes are in the database.
-            s.journal.reset();
-            return CR_STATUS_IO;
-        }
-        // Count the line as check_crc_journal reads it back: a statement that
-        // holds a newline spans several lines of the file.
-        CRC crc(newest.journal_crc);
-        size_t begin = 0;
-        for (;;) {
-            size_t end = text.find('\n', begin);
-            crc.append(text.data() + begin, (end == std::string::npos ? text.size() : end) - begin);
-            newest.journal_lines += 1;
-            if (end == std::string::npos) break;
-            begin = end + 1;
-        }
-        newest.journal_crc = crc.value();
-        return CR_STATUS_OK;
-    } catch (const char* e) {
-        ErrorA(CR_STATUS_FAILED, "%s: Got exception: [%s]", "write_journal", e);
-        return CR_STATUS_FAILED;
-    }
+    return write_journal_lines(type, std::vector<std::string>(1, statement));
 }
 
 cr_status_t PODBShadow::flush_journal(const std::string& type) {

@@ -16,6 +16,7 @@
 #   BENCH_MICRO=1    afterwards, also the Google Benchmark programs bench/*_bench
 #                    (finer-grained views of single operations)
 #   BENCH_FIND_ONLY=1  only the kavrel-find comparisons (and the table)
+#   BENCH_THREADS_ONLY=1  only the inserts from several threads (and the table)
 #   BENCH_SYSCALLS=1 afterwards, also the system calls per operation beside the
 #                    baselines (scripts/bench_syscalls.sh; needs strace)
 #   BENCH_OFFSITE=0  leave out the off-site copy (scripts/bench_offsite.sh, which
@@ -34,17 +35,22 @@ RUNS=${BENCH_RUNS:-$([ -n "$QUICK" ] && echo 5 || echo 7)}
 
 FIND_ONLY=${BENCH_FIND_ONLY:-0}
 [ "$FIND_ONLY" = "0" ] && FIND_ONLY=""
+THREADS_ONLY=${BENCH_THREADS_ONLY:-0}
+[ "$THREADS_ONLY" = "0" ] && THREADS_ONLY=""
 
 B="$BUILD_DIR/bench"
 KAVREL="$BUILD_DIR/tool/kavrel"
 KAVREL_FIND="$BUILD_DIR/tool/kavrel-find"
 PROGRAMS="gen_catalog gen_shadow bench_runner baseline_list baseline_insert baseline_query baseline_openclose
-          kavrel_insert kavrel_insert_procs kavrel_query kavrel_cache kavrel_backup kavrel_recover"
+          kavrel_insert kavrel_insert_procs kavrel_insert_threads kavrel_query kavrel_cache kavrel_backup kavrel_recover"
 [ -n "$FIND_ONLY" ] && PROGRAMS="gen_catalog bench_runner baseline_list"
+[ -n "$THREADS_ONLY" ] && PROGRAMS="gen_catalog bench_runner kavrel_insert_threads"
 missing=""
 for p in $PROGRAMS; do [ -x "$B/$p" ] || missing="$missing $p"; done
-[ -x "$KAVREL" ] || missing="$missing kavrel"
-[ -x "$KAVREL_FIND" ] || missing="$missing kavrel-find"
+if [ -z "$THREADS_ONLY" ]; then
+  [ -x "$KAVREL" ] || missing="$missing kavrel"
+  [ -x "$KAVREL_FIND" ] || missing="$missing kavrel-find"
+fi
 if [ -n "$missing" ]; then
   echo "bench: building$missing in $BUILD_DIR" >&2
   # shellcheck disable=SC2086
@@ -75,6 +81,7 @@ if [ -n "$QUICK" ]; then
   CACHE_OPS=5000
   INS_DISK=20 INS_SHM=200
   INS_PROCS=40
+  INS_THREADS=80
   RECOVER_BASE=5000 RECOVER_MAIN=5000
   RECOVER_SERIES="100 500 2000 10000"
   FIND_POOL=100:100 FIND_CLIENTS="client00*" FIND_SINCE=1700000090
@@ -89,6 +96,7 @@ else
   CACHE_OPS=20000
   INS_DISK=200 INS_SHM=2000
   INS_PROCS=400
+  INS_THREADS=400
   RECOVER_BASE=100000 RECOVER_MAIN=100000
   RECOVER_SERIES="1000 5000 20000 100000"
   # 1,000 catalogs of 1,000 rows; the client pattern picks 10 of them (1 %),
@@ -138,6 +146,55 @@ listing_cmds() {  # sets K and BL for the tree $1
 }
 
 START=$(date +%s)
+
+# ---- inserts from several threads of one process ----
+
+# The streams of one backup end together: threads of one service process
+# insert into one database at once and their changes are committed in groups
+# (one transaction, one journal append and sync for a group). The same rows
+# shared out between 1, 4 and 8 threads of one process with one catalog, on
+# one database: the time is for all of them, so a ratio of 0.25 is four times
+# the rows per second. Then the same points with every change committed on its
+# own (GROUP 1, the catalog as it was before its changes were grouped), which
+# is also the check that one thread, and threads on databases of their own,
+# pay nothing for the line.
+threads_rows() {  # ROOT COUNT WHERE
+  local root=$1 count=$2 where=$3
+  [ -f "$root/.generated" ] || "$B/gen_catalog" "$root" 0 0
+  local prep kt
+  prep="rm -rf $(q "$root/databases") $(q "$root/storage")"
+  kt="exec $(q "$B/kavrel_insert_threads")"
+  for type in 2 1; do
+    local kind="shadow-protected" t8="--target 0.25" t4="--target 0.4"
+    [ "$type" = 1 ] && kind="plain"
+    # shellcheck disable=SC2086
+    compare --runs "$INS_RUNS" --op "$kind inserts, 8 threads on 1 database vs 1 thread" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      $t8 --note "one thread, one database, same rows" \
+      --kavrel "$kt $type $(q "$root") $count 8 1" --baseline "$kt $type $(q "$root") $count 1 1"
+    # shellcheck disable=SC2086
+    compare --runs "$INS_RUNS" --op "$kind inserts, 4 threads on 1 database vs 1 thread" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      $t4 --note "one thread, one database, same rows" \
+      --kavrel "$kt $type $(q "$root") $count 4 1" --baseline "$kt $type $(q "$root") $count 1 1"
+    compare --runs "$INS_RUNS" --op "$kind inserts, 8 threads on 1 database, grouped vs one at a time" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      --note "every change committed on its own (GROUP 1)" \
+      --kavrel "$kt $type $(q "$root") $count 8 1" --baseline "$kt $type $(q "$root") $count 8 1 1"
+    compare --runs "$INS_RUNS" --op "$kind inserts, 1 thread, through the line vs one at a time" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      --target 1.05 --note "every change committed on its own (GROUP 1)" \
+      --kavrel "$kt $type $(q "$root") $count 1 1" --baseline "$kt $type $(q "$root") $count 1 1 1"
+    compare --runs "$INS_RUNS" --op "$kind inserts, 8 threads on 8 databases, through the line vs one at a time" \
+      --size "$(fmt "$count") rows, $where" --mode report --per --units "$count" --unit row --prep "$prep" \
+      --target 1.05 --note "every change committed on its own (GROUP 1)" \
+      --kavrel "$kt $type $(q "$root") $count 8 8" --baseline "$kt $type $(q "$root") $count 8 8 1"
+  done
+}
+
+if [ -n "$THREADS_ONLY" ]; then
+  threads_rows "$DATA/insert-threads" "$INS_THREADS" "disk"
+else
 
 # ---- kavrel-find ----
 
@@ -315,6 +372,7 @@ procs_rows() {  # ROOT COUNT WHERE
   done
 }
 procs_rows "$DATA/insert-procs" "$INS_PROCS" "disk"
+threads_rows "$DATA/insert-threads" "$INS_THREADS" "disk"
 
 # ---- backup ----
 
@@ -363,6 +421,7 @@ if [ "${BENCH_OFFSITE:-1}" != 0 ]; then
 fi
 
 fi  # FIND_ONLY
+fi  # THREADS_ONLY
 
 # ---- the table ----
 

@@ -14,6 +14,10 @@
 # Prints one line per operation: its name, kavrel's calls per operation, the
 # baseline's, and kavrel's calls by name (those making up at least 1 per
 # operation). Listings count per catalog, over 20 and 40 catalogs of 100 rows.
+# Last, the syncs (fsync and fdatasync) per row when 1, 4 and 8 threads of one
+# process insert into one database at once, with the groups the catalog
+# committed (the counts depend on how the groups fell, which strace's own
+# slowness changes: they show the order of magnitude).
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -22,7 +26,7 @@ B="$BUILD_DIR/bench"
 N=${N:-100}
 command -v strace > /dev/null || { echo "bench_syscalls: strace is needed (package strace)" >&2; exit 1; }
 missing=""
-for p in gen_catalog baseline_query baseline_insert baseline_list kavrel_query kavrel_insert; do
+for p in gen_catalog baseline_query baseline_insert baseline_list kavrel_query kavrel_insert kavrel_insert_threads; do
   [ -x "$B/$p" ] || missing="$missing $p"
 done
 [ -x "$BUILD_DIR/tool/kavrel" ] || missing="$missing kavrel"
@@ -113,4 +117,25 @@ for how in "-listbybackupid B100000" "-listall"; do
   row "listing per catalog (kavrel $how)" 20 ":" \
     "env VELKREGISTRY=$L1/registry.cfg $KAVREL $how" "env VELKREGISTRY=$L2/registry.cfg $KAVREL $how" \
     "$B/baseline_list $L1 $id" "$B/baseline_list $L2 $id"
+done
+
+# sync_row NAME TYPE THREADS: syncs per row of kavrel_insert_threads, N and 2N
+# rows shared out between THREADS threads on one database.
+sync_row() {
+  local name=$1 type=$2 threads=$3 s
+  eval "$clean"
+  strace -f -c -e trace=fsync,fdatasync -o "$ST.s1" "$B/kavrel_insert_threads" "$type" "$INS" "$N" "$threads" 1 \
+    > /dev/null 2>&1
+  eval "$clean"
+  strace -f -c -e trace=fsync,fdatasync -o "$ST.s2" "$B/kavrel_insert_threads" "$type" "$INS" "$((2 * N))" \
+    "$threads" 1 > "$ST.g2" 2>&1
+  s=$(per_op "$ST.s1" "$ST.s2" "$N")
+  printf "%-40s syncs per row %5s  %s\n" "$name" "${s%%|*}" "$(grep '^groups:' "$ST.g2")"
+}
+for type in 2 1; do
+  kind="shadow-protected"
+  [ "$type" = 1 ] && kind="plain"
+  for threads in 1 4 8; do
+    sync_row "insert, $kind, $threads thread(s)" "$type" "$threads"
+  done
 done

@@ -91,6 +91,11 @@ public:
     const char* errmsg() const { return sqlite3_errmsg(db_); }
     // The message the last exec() failed with; null when it gave none.
     const char* exec_message() const { return exec_message_; }
+    // SQLite's extended code of the connection's last failed call, whoever
+    // made it (a statement stepped outside this class included).
+    int last_error() const { return db_ != nullptr ? sqlite3_extended_errcode(db_) : SQLITE_NOMEM; }
+    // Whether a transaction begun explicitly (BEGIN or SAVEPOINT) is open.
+    bool in_transaction() const { return db_ != nullptr && sqlite3_get_autocommit(db_) == 0; }
 
     // ---- statements ----
 

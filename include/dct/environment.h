@@ -31,6 +31,8 @@
 #ifndef DCT_ENVIRONMENT_H_
 #define DCT_ENVIRONMENT_H_
 
+#include <stddef.h>
+
 #include <functional>
 #include <optional>
 
@@ -65,6 +67,13 @@ struct environment {
     // (see environment_scope), fully formatted, as a sink given to
     // dct::set_log_sink would; empty: the process-wide sink.
     log_sink log;
+    // Group commit: concurrent changes to one catalog database are committed
+    // together, at most this many changes and this many bytes of their line
+    // texts in one group (the first change of a group goes whatever its
+    // size); unset: the catalog's defaults (128 changes, 1 MiB). A bound of
+    // 1 change commits every change on its own.
+    std::optional<unsigned> commit_group_changes;
+    std::optional<size_t> commit_group_bytes;
 
     unsigned long now_ms() const;
     void sleep_seconds(unsigned seconds) const;

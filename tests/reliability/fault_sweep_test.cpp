@@ -1,7 +1,7 @@
 // Fault sweeps: the Nth call of the platform's file operations (fault seam)
 // or of SQLite's reads, writes, syncs and locks (test file layer) fails, for
-// every N an operation reaches: a shadow-protected insert, a backup, a
-// recovery and an in-process kavrel listing. For every N: no crash, no
+// every N an operation reaches: a shadow-protected insert, a group of inserts
+// committed together, a backup, a recovery and an in-process kavrel listing. For every N: no crash, no
 // exception, a status (0 or not); afterwards, with faults off, every
 // acknowledged row is readable, the catalog keeps working, and a recovery
 // restores every acknowledged row: a change whose journal line failed is
@@ -13,9 +13,11 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "appdb/catalog_group_helpers.h"
 #include "common/fault_countdown.h"
 #include "common/sqlite_test_vfs.h"
 #include "reliability_fixture.h"
@@ -143,6 +145,41 @@ public:
         insert("beta", "b1");
     }
     void verify() override { verify_rows_and_recovery({"alpha", "beta"}); }
+};
+
+// Threads insert at once into "alpha" and are committed as one group; one of
+// them inserts the name of an existing row again (refused: its row and line
+// must never be kept). A fault anywhere in the group's work (its commit, its
+// one journal append, sync and checksum file) leaves each change
+// acknowledged only when it is durable.
+class group_scenario : public insert_scenario {
+public:
+    void operation() override {
+        const std::vector<std::string> names = {"a4", "a5", "a6", "a7"};
+        std::vector<std::function<cr_status_t()>> calls;
+        for (const std::string& name : names) {
+            attempted.insert(name);
+            const std::string text = catt::make_item("alpha", "pol", name, "bid").to_string();
+            calls.push_back([this, text] { return app->update_catalog("alice", 4, text); });
+        }
+        const std::string again = catt::make_item("alpha", "pol", "a1", "dupbid").to_string();
+        calls.push_back([this, again] { return app->update_catalog("alice", 4, again); });
+        std::vector<cr_status_t> statuses;
+        EXPECT_NO_THROW(statuses = groupt::one_group(dynamic_cast<appdb::catalog_application_base&>(*app),
+                                                     pool.db_dir(2, "alpha", "pol"), calls));
+        for (size_t i = 0; i < names.size() && i < statuses.size(); ++i) {
+            if (statuses[i] == 0) acked.insert(names[i]);
+        }
+        if (statuses.size() == calls.size()) {
+            EXPECT_NE(0u, statuses.back());
+        }
+    }
+    void verify() override {
+        verify_rows_and_recovery({"alpha"});
+        // The refused row never replaced the first one, in the database or
+        // through a journal line.
+        EXPECT_EQ(catt::make_item("alpha", "pol", "a1", "bid").to_string(), rows("alpha")["a1"]);
+    }
 };
 
 class backup_scenario : public scenario {
@@ -289,6 +326,7 @@ void sweep_all(const factory& f, const char* name, bool expect_platform_points) 
 }
 
 TEST(FaultSweep, ProtectedInsert) { sweep_all(make<insert_scenario>(), "protected insert", true); }
+TEST(FaultSweep, GroupOfInserts) { sweep_all(make<group_scenario>(), "group of inserts", true); }
 TEST(FaultSweep, Backup) { sweep_all(make<backup_scenario>(), "backup", true); }
 TEST(FaultSweep, Recovery) { sweep_all(make<recovery_scenario>(), "recovery", true); }
 // The listing writes nothing, so the platform sweep may find no point.
