@@ -2,7 +2,7 @@
 // Every operation names one database by client and policy and works on it
 // under the directory lock of its directory, with the object's environment as
 // the thread's; the flows and their plain database steps are the base's.
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 
 namespace appdb {
 

@@ -1,5 +1,5 @@
 // The factory of catalog applications.
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "appdb/catalog_application_shadow.h"
 
 #include <new>

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "appdb/catalog_list.h"
 #include "dct/fileutil.h"
 #include "dct/fs.h"

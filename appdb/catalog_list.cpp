@@ -9,7 +9,7 @@
 #include <string>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "appdb/catalog_item_sink.h"
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"

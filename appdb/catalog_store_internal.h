@@ -1,4 +1,4 @@
-// What the two halves of catalog_store share inside the library: the small
+// What the parts of catalog_store share inside the library: the small
 // steps every row operation is built of. Private to catalog_store*.cpp.
 #ifndef APPDB_CATALOG_STORE_INTERNAL_H_
 #define APPDB_CATALOG_STORE_INTERNAL_H_
@@ -18,6 +18,15 @@ namespace appdb {
 // Decodes the columns that carry a field into `item` (the key column repeats
 // the file name and is not read).
 void decode_row(sqlitedb::statement_ref stmt, app_catalog_item& item);
+
+// Log a failure of one step of `fn` on the database file `name` with the
+// system's texts and return its status mapped; a busy step is a warning, for
+// the caller's retry.
+cr_status_t step_failure(const char* fn, const sqlitedb::connection& db, const std::string& name,
+                         const char* format_what, const std::string& what, int rc);
+cr_status_t prepare_failure(const char* fn, const std::string& name, const char* sql, int rc);
+cr_status_t bind_failure(const char* fn, const std::string& name, const std::string& sql,
+                         const std::string& key, int rc);
 
 // The stored checksum of a decoded row.
 inline uint32_t stored_crc(sqlitedb::statement_ref stmt) {

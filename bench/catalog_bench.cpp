@@ -15,7 +15,7 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "appdb/catalog_table.h"
 #include "dct/fs.h"
 #include "dct/log.h"

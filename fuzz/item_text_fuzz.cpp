@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "appdb/app_catalog_item.h"
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "fuzz_common.h"
 #include "sqlitedb/sqlite_wrapper.h"
 

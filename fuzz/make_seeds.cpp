@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "catalog_shadow/CatalogShadowCtxPODBShadow.h"
 #include "fuzz_common.h"
 #include "sqlitedb/connection.h"

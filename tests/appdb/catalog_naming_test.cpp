@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "appdb/catalog_table.h"
 #include "catalog_test_helpers.h"
 #include "common/test_util.h"

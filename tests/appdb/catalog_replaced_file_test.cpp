@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "catalog_test_helpers.h"
 #include "common/child_process.h"
 #include "common/test_util.h"

@@ -17,7 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "common/test_util.h"
 
 namespace catt {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "appdb/catalog_application_base.h"
+#include "appdb/catalog_application_impl.h"
 #include "common/test_util.h"
 #include "dct/fs.h"
 #include "gtest/gtest.h"
