@@ -103,7 +103,6 @@ struct PushResult {
     int restic_exit_status = -1;  // of the failed backup
     kshadow::ExportReport exported;  // set once the export is done
     uint64_t rows = 0;
-    bool repository_created = false;  // the first push made the repository
     std::string repository;           // shown_repository
     std::string snapshot;
     uint64_t bytes_added = 0;
@@ -160,6 +159,7 @@ struct RestoredDatabase {
     std::string shadow;  // "kept", "restored", "would restore", "failed"
     std::string live;    // "kept", "rebuilt", "would rebuild", "failed", "not readable"
     std::string set_aside;
+    std::string covered;  // the version taken of a kept live database its shadow did not cover
     std::vector<std::string> problems;
     bool rows_known = false;
     uint64_t rows_expected = 0;
@@ -188,6 +188,21 @@ struct RestoreResult {
 // result->stop and result->reason.
 cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                     const RestoreRequest& request, RestoreResult* result);
+
+// What `offsite init` did.
+struct InitRepositoryResult {
+    std::string repository;   // shown_repository
+    std::string id;           // the repository's id
+    bool created = false;     // restic init made it; else it was there already
+    std::string previous_id;  // the other id the pool remembered before, if any
+    std::string reason;       // why it failed
+};
+
+// offsite init: creates the repository when none is there (restic init),
+// then remembers its id (offsite/repository_id.h) under the shadow root of `context` (started). A
+// repository that is there is taken as it is. 0, or the failing status with
+// result->reason set.
+cr_status_t init_repository(CatalogShadowContext& context, const Restic& restic, InitRepositoryResult* result);
 
 }  // namespace koffsite
 
