@@ -3,6 +3,8 @@
 // that returns what it did and where it stopped; none prints. Every failure
 // is logged once, where it is found.
 //
+//   init       make the repository (the only command that does) and
+//              remember its id (offsite/repository_id.h)
 //   push       export the shadow (offsite/shadow_export.h) to a scratch
 //              directory beside the shadow root, back it up with restic tagged
 //              with the pool and host, forget all but [Offsite] KeepLast
@@ -12,7 +14,9 @@
 //              directory and checked as an export (verify_export)
 //   restore    the shadow tree of a snapshot brought back, then every missing
 //              live database rebuilt from it; a live database and a sound
-//              shadow are kept, never overwritten
+//              shadow are kept, never overwritten, and a kept live database
+//              the shadow does not cover gets a version at once; marked
+//              unfinished until done (offsite/restore_marker.h)
 //
 // A snapshot holds one export: each database as of one moment between the
 // push's start and end. Its time is the start of the export, so that
