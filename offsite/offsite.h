@@ -3,6 +3,8 @@
 // that returns what it did and where it stopped; none prints. Every failure
 // is logged once, where it is found.
 //
+//   init       make the repository (the only command that does) and
+//              remember its id (offsite/repository_id.h)
 //   push       export the shadow (offsite/shadow_export.h) to a scratch
 //              directory beside the shadow root, back it up with restic tagged
 //              with the pool and host, forget all but [Offsite] KeepLast
@@ -12,7 +14,9 @@
 //              directory and checked as an export (verify_export)
 //   restore    the shadow tree of a snapshot brought back, then every missing
 //              live database rebuilt from it; a live database and a sound
-//              shadow are kept, never overwritten
+//              shadow are kept, never overwritten, and a kept live database
+//              the shadow does not cover gets a version at once; marked
+//              unfinished until done (offsite/restore_marker.h)
 //
 // A snapshot holds one export: each database as of one moment between the
 // push's start and end. Its time is the start of the export, so that
@@ -103,7 +107,6 @@ struct PushResult {
     int restic_exit_status = -1;  // of the failed backup
     kshadow::ExportReport exported;  // set once the export is done
     uint64_t rows = 0;
-    bool repository_created = false;  // the first push made the repository
     std::string repository;           // shown_repository
     std::string snapshot;
     uint64_t bytes_added = 0;
@@ -160,6 +163,7 @@ struct RestoredDatabase {
     std::string shadow;  // "kept", "restored", "would restore", "failed"
     std::string live;    // "kept", "rebuilt", "would rebuild", "failed", "not readable"
     std::string set_aside;
+    std::string covered;  // the version taken of a kept live database its shadow did not cover
     std::vector<std::string> problems;
     bool rows_known = false;
     uint64_t rows_expected = 0;
@@ -188,6 +192,21 @@ struct RestoreResult {
 // result->stop and result->reason.
 cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                     const RestoreRequest& request, RestoreResult* result);
+
+// What `offsite init` did.
+struct InitRepositoryResult {
+    std::string repository;   // shown_repository
+    std::string id;           // the repository's id
+    bool created = false;     // restic init made it; else it was there already
+    std::string previous_id;  // the other id the pool remembered before, if any
+    std::string reason;       // why it failed
+};
+
+// offsite init: creates the repository when none is there (restic init),
+// then remembers its id (offsite/repository_id.h) under the shadow root of `context` (started). A
+// repository that is there is taken as it is. 0, or the failing status with
+// result->reason set.
+cr_status_t init_repository(CatalogShadowContext& context, const Restic& restic, InitRepositoryResult* result);
 
 }  // namespace koffsite
 

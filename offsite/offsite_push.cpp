@@ -7,6 +7,8 @@
 #include "dct/log.h"
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
+#include "offsite/repository_id.h"
+#include "offsite/restore_marker.h"
 #include "offsite/shadow_export.h"
 #include "offsite/shadow_inspect.h"
 
@@ -69,7 +71,7 @@ cr_status_t stopped(Result* result, Stop stop, const std::string& reason) {
     return CR_STATUS_FAILED;
 }
 
-// Backs up the scratch export, making the repository on the first push.
+// Backs up the scratch export into the pool's repository (checked before).
 // The result's stop and reason are set when it fails.
 cr_status_t back_up(const Restic& restic, const std::string& pool, const std::string& scratch, PushResult* r,
                     json* summary) {
@@ -79,20 +81,7 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
         "--tag", "kavrel-databases=" + std::to_string(e.databases.size()), "--tag",
         "kavrel-rows=" + std::to_string(r->rows), "--time", restic_time(e.started), "--ignore-inode",
         "--ignore-ctime", scratch};
-    ResticRun backup = restic.run(args);
-    // The first push makes the repository. Asking first would cost every
-    // push another start of restic (its key derivation is most of a run).
-    if (!backup.ok() && Restic::no_repository(backup)) {
-        const ResticRun init = restic.run({"init"});
-        if (!init.ok()) {
-            const std::string failure = restic.failure("restic init", init);
-            ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
-            return stopped(r, Stop::not_started, failure);
-        }
-        r->repository_created = true;
-        InfoA(CR_STATUS_OK, "%s: initialised the repository %s", "kavrel-shadow offsite push", r->repository.c_str());
-        backup = restic.run(args);
-    }
+    const ResticRun backup = restic.run(args);
     *summary = backup_summary(backup.out);
     if (backup.ok() && summary->is_object()) return CR_STATUS_OK;
     const std::string failure = restic.failure("restic backup", backup);
@@ -111,6 +100,19 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     ScratchLock lock;
     std::string why;
     if (lock.take(shadow_root, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    // A pool half rebuilt is not stored as the newest state, and nothing goes
+    // into a repository that is not the pool's.
+    RestoreMarker unfinished;
+    if (read_restore_marker(shadow_root, &unfinished) != CR_STATUS_MISSING) {
+        return stopped(r, Stop::not_started, "a restore is unfinished (" + unfinished.path + "); finish it with: " +
+                                                 finish_restore_command(unfinished));
+    }
+    std::string id;
+    bool remembered = false;
+    if (check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK ||
+        (!remembered && remember_repository_id(shadow_root, id, &why) != CR_STATUS_OK)) {
+        return stopped(r, Stop::not_started, why);
+    }
     const std::string scratch = scratch_path(shadow_root, "push");
     kshadow::ScratchDir scratch_dir(scratch);
     if (!scratch_dir.remove()) return stopped(r, Stop::not_started, "cannot remove the scratch directory " + scratch);
@@ -152,6 +154,11 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     ScratchLock lock;
     std::string why;
     if (lock.take(shadow_root, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    std::string id;
+    bool remembered = false;
+    if (check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK) {
+        return stopped(r, Stop::not_started, why);
+    }
     std::vector<Snapshot> snapshots;
     if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
 

@@ -14,9 +14,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,8 +30,10 @@
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
-#include "offsite/json_text.h"
 #include "offsite/offsite.h"
+#include "offsite/repository_id.h"
+#include "offsite/restore_marker.h"
+#include "offsite/shadow_coverage.h"
 #include "offsite/shadow_export.h"
 #include "offsite/shadow_inspect.h"
 
@@ -42,22 +42,6 @@ namespace koffsite {
 namespace {
 
 const char* const kFn = "kavrel-shadow offsite restore";
-
-// The snapshot the options name: an id (or its prefix) or the newest, each
-// older than --before when given.
-bool choose_snapshot(const std::vector<Snapshot>& snapshots, const RestoreRequest& o, Snapshot* chosen,
-                     std::string* why) {
-    const bool latest = o.snapshot.empty() || o.snapshot == "latest";
-    for (auto it = snapshots.rbegin(); it != snapshots.rend(); ++it) {
-        if (o.has_before && it->time >= o.before) continue;
-        if (!latest && it->id.compare(0, o.snapshot.size(), o.snapshot) != 0) continue;
-        *chosen = *it;
-        return true;
-    }
-    *why = latest ? "no snapshot of this pool" : "no snapshot " + o.snapshot + " of this pool";
-    if (o.has_before) *why += " before " + ktool::iso8601_utc(o.before);
-    return false;
-}
 
 // Copies `from` to `to` through `to` ".restore" (private, synced, renamed
 // over). 0 or errno.
@@ -179,6 +163,22 @@ void check_result(const kshadow::ExportedDatabase& db, RestoredDatabase* out) {
     }
 }
 
+// A live database kept beside a shadow that cannot give all its rows back
+// (one restored from an older snapshot) gets a version of it at once.
+void cover_kept(CatalogShadowContext& context, RestoredDatabase* out) {
+    kshadow::Cover c;
+    const cr_status_t s = kshadow::cover_live_database(context, out->report.target, &c);
+    const std::string lost = std::to_string(c.before.lost_rows) + " rows";
+    if (c.version != 0) {
+        out->covered = "version " + std::to_string(c.version) + " taken of the live database (" + lost +
+                       " the shadow could not give back)";
+    }
+    if (s != CR_STATUS_OK && c.before.known) {
+        out->problems.push_back("recovery would lose " + lost + "; no version of the live database covers them (status " +
+                                std::to_string(s) + ")");
+    }
+}
+
 void restore_one(CatalogShadowContext& context, const std::string& shadow_root, const std::string& export_dir,
                  const kshadow::ExportedDatabase& db, bool dry_run, RestoredDatabase* out) {
     kshadow::Target& t = out->report.target;
@@ -245,6 +245,7 @@ void restore_one(CatalogShadowContext& context, const std::string& shadow_root, 
             out->live = "rebuilt";
         }
     }
+    if (!dry_run && out->live == "kept") cover_kept(context, out);
     if (!dry_run) check_result(db, out);
 }
 
@@ -332,9 +333,18 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
     if (loaded != CR_STATUS_OK || shadow_root.empty()) {
         return stopped(r, Stop::not_started, "the configuration names no shadow root (no storage path)");
     }
+    // A killed restore is finished first; only the pool's repository is read.
+    RestoreMarking marking(shadow_root);
+    RestoreRequest wanted = request;
+    std::string id;
+    bool remembered = false;
+    if ((marking.resuming() && !finish_first(marking.marker(), &wanted, &why)) ||
+        check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK) {
+        return stopped(r, Stop::not_started, why);
+    }
     std::vector<Snapshot> snapshots;
     if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
-    if (!choose_snapshot(snapshots, request, &r->snapshot, &why)) return stopped(r, Stop::failed, why);
+    if (!choose_snapshot(snapshots, wanted, &r->snapshot, &why)) return stopped(r, Stop::failed, why);
     r->chosen = true;
 
     ScratchLock lock;
@@ -351,6 +361,9 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
         ErrorA(CR_STATUS_CORRUPT, "%s: %s", kFn, failure.c_str());
         return stopped(r, Stop::failed, failure);
     }
+    if (!request.dry_run && marking.begin(r->snapshot, r->manifest.databases.size(), &why) != CR_STATUS_OK) {
+        return stopped(r, Stop::not_started, why);
+    }
     // A dry run needs only the path mappings load_configurations set; init
     // would report a lost root to the proxy.
     if (!request.dry_run) {
@@ -362,10 +375,14 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
             context.init() != CR_STATUS_OK || !context.enabled) {
             return stopped(r, Stop::not_started, "cannot take " + shadow_root + " as this pool's shadow root");
         }
+        if (!remembered && remember_repository_id(shadow_root, id, &why) != CR_STATUS_OK) ++r->problems;
     }
+    bool failed = false;
     for (const auto& db : r->manifest.databases) {
         RestoredDatabase d;
         restore_one(context, shadow_root, export_dir, db, request.dry_run, &d);
+        failed = failed || d.shadow == "failed" || d.live == "failed";
+        if (!request.dry_run && marking.done(db.relative + "/" + db.target.type, &why) != CR_STATUS_OK) ++r->problems;
         r->problems += d.problems.size();
         r->rebuilt += d.live == "rebuilt" || d.live == "would rebuild" ? 1 : 0;
         r->restored += d.shadow == "restored" || d.shadow == "would restore" ? 1 : 0;
@@ -373,6 +390,8 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
         r->databases.push_back(d);
     }
     if (!scratch_dir->remove()) ++r->problems;
+    // A database that failed is left marked: the next restore tries it again.
+    if (!request.dry_run && !failed && marking.finish(&why) != CR_STATUS_OK) ++r->problems;
     return CR_STATUS_OK;
 }
 

@@ -13,6 +13,8 @@
 #include "catalog_shadow/RecoveryPlan.h"
 #include "dct/fs.h"
 #include "dct/log.h"
+#include "offsite/offsite.h"
+#include "offsite/restore_marker.h"
 #include "offsite/shadow_inspect.h"
 
 namespace kshadow {
@@ -132,6 +134,10 @@ void work_on_database(CatalogShadowContext& context, Work work, DatabaseReport* 
     }
 }
 
+
+std::vector<Problem> pool_problems(CatalogShadowContext& context) {
+    return koffsite::unfinished_restore_problems(koffsite::shadow_root_of(context));
+}
 
 cr_status_t init_shadow_root(CatalogShadowContext& context, InitReport* r) {
     r->config_file = context.proxy ? context.proxy->get_config_file() : std::string();

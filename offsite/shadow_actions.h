@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/status.h"
@@ -28,6 +29,11 @@ enum class Work {
 // lock). What was found and done goes into `report` (action, problems); a
 // lock that is not taken is a problem.
 void work_on_database(CatalogShadowContext& context, Work work, DatabaseReport* report);
+
+// The problems of the pool as a whole that status and verify report besides
+// those of each database: a restore that was stopped part way
+// (offsite/restore_marker.h).
+std::vector<Problem> pool_problems(CatalogShadowContext& context);
 
 // What init found and did.
 struct InitReport {

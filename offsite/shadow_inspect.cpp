@@ -17,6 +17,7 @@
 #include "dct/fs.h"
 #include "dct/log.h"
 #include "dct/pool_layout.h"
+#include "offsite/shadow_coverage.h"
 #include "sqlitedb/sqlite_wrapper.h"
 
 namespace kshadow {
@@ -184,8 +185,31 @@ bool rehearse(const DatabaseReport& report, const ::RecoveryPlan& plan, Recovery
         out->rows_known = db.checkopen() == CR_STATUS_OK &&
                           appdb::count_catalog_rows(db.db(), copy, &out->rows_after) == CR_STATUS_OK;
         db.close_db(kCloseRetries);
+        if (report.live.exists) compare_catalog_rows(report.target.db_path, copy, &out->coverage);
     }
     return true;
+}
+
+// Whether the recovery is rehearsed at `depth`: always beyond status; at
+// status for an application database that is there to compare with.
+bool rehearsed_at(Depth depth, const DatabaseReport& report) {
+    return depth != Depth::status || (report.live.exists && report.target.type == PODBShadow::_appdb_type_);
+}
+
+// The rows a recovery would lose or bring back are problems of the live file.
+void add_coverage_problems(DatabaseReport* report) {
+    const Coverage& c = report->recovery.coverage;
+    if (!c.known) return;
+    if (c.lost_rows > 0) {
+        add_problem(report, report->target.db_path,
+                    "recovery would lose " + std::to_string(c.lost_rows) + (c.lost_rows == 1 ? " row" : " rows") +
+                        " (the shadow cannot give them back)");
+    }
+    if (c.returned_rows > 0) {
+        add_problem(report, report->target.db_path,
+                    "recovery would bring back " + std::to_string(c.returned_rows) +
+                        (c.returned_rows == 1 ? " row" : " rows") + " the live database does not hold");
+    }
 }
 
 void plan_recovery(Depth depth, DatabaseReport* report, ShadowVersionList& list, InspectingJudge& judge) {
@@ -207,10 +231,13 @@ void plan_recovery(Depth depth, DatabaseReport* report, ShadowVersionList& list,
     out.journal_lines = plan.journal_lines;
     out.set_aside = plan.set_aside;
     out.possible = true;
-    if (depth != Depth::status && !rehearse(*report, plan, &out)) {
+    if (!rehearsed_at(depth, *report)) return;
+    if (!rehearse(*report, plan, &out)) {
         out.possible = false;
         add_problem(report, report->target.shadow_dir, "recovery impossible: " + out.reason);
+        return;
     }
+    add_coverage_problems(report);
 }
 
 }  // namespace

@@ -56,6 +56,17 @@ struct VersionState {
     std::string integrity = kUnknown;
 };
 
+// The live database against what a recovery would give now (see
+// offsite/shadow_coverage.h).
+struct Coverage {
+    bool known = false;          // both were read and compared
+    uint64_t live_rows = 0;
+    uint64_t recovered_rows = 0;  // rows a recovery would give
+    uint64_t lost_rows = 0;       // live rows a recovery would not give back
+    uint64_t returned_rows = 0;   // rows it would give that the live database does not hold
+    std::string reason;           // why it is not known
+};
+
 // What a recovery would do now.
 struct RecoveryPlan {
     bool possible = false;
@@ -67,6 +78,7 @@ struct RecoveryPlan {
     std::vector<uint64_t> passed_over;   // versions that fail a check
     std::vector<std::string> set_aside;  // files a recovery moves away
     std::string reason;                  // why it is impossible
+    Coverage coverage;                   // against the live database, when rehearsed
 };
 
 struct Problem {

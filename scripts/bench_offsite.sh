@@ -165,6 +165,8 @@ for run in $(seq "$RUNS"); do
     rm -rf "$W/repo-kavrel"
     restic_cmd -r "$W/repo-kavrel" init -q >> "$LOG" 2>&1
     use_repository "$W/repo-kavrel"
+    # The pool takes each run's new repository as its own.
+    "$SHADOW" offsite init >> "$LOG" 2>&1
     timed T "$SHADOW" offsite push
     K_FIRST+=("$T") K_FIRST_KIB+=("$T_kib")
   fi

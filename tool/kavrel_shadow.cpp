@@ -54,6 +54,7 @@ const char kUsage[] =
     "\tinit                   creates the shadow root and its identity file\n"
     "\texport DIR             copies every database's versions and journals into DIR\n"
     "\tverify --export DIR    checks such a copy on its own; changes nothing\n"
+    "\toffsite init           creates the [Offsite] repository (no other command does)\n"
     "\toffsite push [--if-configured]\n"
     "\t                       exports the shadow and backs it up to the [Offsite] repository\n"
     "\toffsite snapshots      the pool's snapshots in the repository\n"
@@ -81,8 +82,8 @@ struct Options {
 bool parse_offsite(Options* o, std::string* error) {
     koffsite::OffsiteOptions& off = o->offsite;
     const std::string& c = off.command;
-    if (c != "push" && c != "snapshots" && c != "check" && c != "restore") {
-        *error = c.empty() ? "offsite needs a command: push, snapshots, check or restore"
+    if (c != "init" && c != "push" && c != "snapshots" && c != "check" && c != "restore") {
+        *error = c.empty() ? "offsite needs a command: init, push, snapshots, check or restore"
                            : "unknown offsite command " + c;
         return false;
     }
@@ -319,6 +320,8 @@ int run(const Options& o) {
     }
 
     Summary summary = summarize(reports, unreadable);
+    if (o.command == "status" || o.command == "verify") summary.pool_problems = pool_problems(context);
+    summary.problems += summary.pool_problems.size();
     const bool nothing = !o.all && !o.missing && reports.empty();
     if (summary.problems > summary.not_readable || nothing) {
         summary.exit_code = kExitProblems;

@@ -55,7 +55,7 @@ json push_summary(const PushResult& r, const std::string& pool) {
     summary["files_new"] = r.files_new;
     summary["files_changed"] = r.files_changed;
     summary["files_unmodified"] = r.files_unmodified;
-    summary["repository_created"] = r.repository_created;
+    summary["repository_created"] = false;  // only offsite init makes one
     summary["forgotten"] = r.forgotten;
     json problems = json::array();
     for (const auto& p : r.exported.problems) problems.push_back(problem_json(p));
@@ -75,7 +75,6 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
     Output out(options, "offsite push", "databases");
     if (r.export_failed) return out.fail("offsite push", "the export failed: " + r.reason);
     print_exported(r.exported, out);
-    if (r.repository_created) out.text("offsite push: initialised the repository " + r.repository);
     if (status != CR_STATUS_OK && r.stop == Stop::not_started) return cannot_run(r.reason);
     if (status != CR_STATUS_OK) {
         complain("offsite push: " + r.reason);
@@ -164,6 +163,17 @@ int run_check(CatalogShadowContext& context, const Restic& restic, const std::st
     return out.finish(summary, problems.empty() ? kExitOk : kExitProblems);
 }
 
+int run_init(CatalogShadowContext& context, const Restic& restic, const OffsiteOptions& options) {
+    InitRepositoryResult r;
+    const int started = kshadow::start_shadow(context);
+    if (started != kExitOk) return started;
+    if (init_repository(context, restic, &r) != CR_STATUS_OK) return cannot_run(r.reason);
+    Output out(options, "offsite init", "databases");
+    out.text("offsite init: " + r.repository + (r.created ? " created" : " found") + ", id " + r.id.substr(0, 8) +
+             (r.previous_id.empty() ? "" : " (was " + r.previous_id.substr(0, 8) + ")") + ", remembered by the pool");
+    return out.finish({{"repository", r.repository}, {"id", r.id}, {"created", r.created}, {"was", r.previous_id}}, kExitOk);
+}
+
 }  // namespace
 
 int run_offsite(CatalogShadowContext& context, const std::string& cr_config, const std::string& root,
@@ -181,6 +191,7 @@ int run_offsite(CatalogShadowContext& context, const std::string& cr_config, con
     if (options.command == "push") return run_push(context, restic, root, options);
     if (options.command == "snapshots") return run_snapshots(restic, root, options);
     if (options.command == "check") return run_check(context, restic, root, options);
+    if (options.command == "init") return run_init(context, restic, options);
     return run_restore(context, restic, root, options);
 }
 

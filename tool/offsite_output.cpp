@@ -102,6 +102,7 @@ json restored_json(const RestoredDatabase& r) {
     j["shadow"] = r.shadow;
     j["live"] = r.live;
     j["set_aside"] = r.set_aside.empty() ? json() : json_text(r.set_aside);
+    j["covered"] = r.covered.empty() ? json() : json_text(r.covered);
     j["rows_expected"] = r.rows_known ? json(r.rows_expected) : json();
     j["rows"] = r.report.live.rows_known ? json(r.report.live.rows) : json();
     j["integrity"] = r.report.live.integrity;
@@ -121,6 +122,7 @@ std::string restored_text(const RestoredDatabase& r) {
     if (r.report.live.integrity != kshadow::kUnknown) live += ", integrity " + r.report.live.integrity;
     if (r.report.live.row_checksums != kshadow::kUnknown) live += ", row checksums " + r.report.live.row_checksums;
     text += kshadow::labelled_line("live", live);
+    if (!r.covered.empty()) text += kshadow::labelled_line("covered", r.covered);
     for (const auto& p : r.problems) text += kshadow::labelled_line("problem", p);
     return text;
 }

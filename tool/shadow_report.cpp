@@ -133,6 +133,8 @@ json summary_json(const Summary& s) {
     json unreadable = json::array();
     for (const std::string& path : s.unreadable) unreadable.push_back(text(path));
     o["unreadable"] = unreadable;
+    o["pool_problems"] = json::array();
+    for (const Problem& p : s.pool_problems) o["pool_problems"].push_back(problem_json(p));
     return o;
 }
 
@@ -263,7 +265,8 @@ std::string database_text(const std::string& command, const DatabaseReport& r) {
 std::string summary_text(const std::string& command, const Summary& s) {
     std::string out;
     for (const std::string& path : s.unreadable) out += labelled_line("problem", path + ": " + kNotReadable);
-    if (!s.unreadable.empty()) out += "\n";
+    for (const Problem& p : s.pool_problems) out += labelled_line("problem", p.path + ": " + p.what);
+    if (!s.unreadable.empty() || !s.pool_problems.empty()) out += "\n";
     out += command + ": " + plural(s.databases, "database") + ", " + std::to_string(s.with_problems) +
            " with problems, " + plural(s.problems, "problem") + ", " + std::to_string(s.recoverable) +
            " recoverable";

@@ -79,6 +79,7 @@ struct Summary {
     uint64_t recoverable = 0;
     uint64_t not_readable = 0;  // problems "not readable (permission denied)"
     std::vector<std::string> unreadable;  // directories the search could not enter
+    std::vector<Problem> pool_problems;   // of no one database (counted in problems)
     int exit_code = 0;
 };
 

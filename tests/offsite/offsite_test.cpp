@@ -13,6 +13,7 @@
 
 #include "dct/fs.h"
 #include "offsite/offsite.h"
+#include "offsite/repository_id.h"
 #include "tool/kavrel_shadow_fixture.h"
 
 namespace {
@@ -52,10 +53,16 @@ TEST_F(OffsiteEngineTest, PushCheckAndRestoreReturnWhatTheyDid) {
     EXPECT_EQ(5u, config.keep_last);
     const koffsite::Restic restic(config);
 
+    // Only init makes the repository; the pool remembers its id.
+    koffsite::InitRepositoryResult made;
+    ASSERT_EQ(CR_STATUS_OK, koffsite::init_repository(*context(), restic, &made)) << made.reason;
+    EXPECT_TRUE(made.created);
+    std::string id;
+    ASSERT_EQ(CR_STATUS_OK, koffsite::remembered_repository_id(shadow_root_, &id));
+    EXPECT_EQ(made.id, id);
     koffsite::PushResult pushed;
     ASSERT_EQ(CR_STATUS_OK, koffsite::push(*context(), restic, pool_.root(), &pushed)) << pushed.reason;
     EXPECT_EQ(koffsite::Stop::none, pushed.stop);
-    EXPECT_TRUE(pushed.repository_created);
     EXPECT_EQ(repo_, pushed.repository);
     EXPECT_EQ(2u, pushed.exported.databases.size());
     EXPECT_EQ(5u, pushed.rows);

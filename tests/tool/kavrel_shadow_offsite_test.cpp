@@ -58,6 +58,8 @@ protected:
         chmod(pass_.c_str(), 0600);
         base_config_ = kt::read_file(pool_.config());
         configure("Repository = " + repo_ + "\nPasswordFile = " + pass_ + "\nKeepLast = 5\n");
+        const kt::RunResult made = offsite({"init"});
+        ASSERT_EQ(0, made.exit_status) << made.out << made.err;
     }
 
     void configure(const std::string& offsite) {
@@ -85,7 +87,6 @@ protected:
 TEST_F(OffsiteTest, PushSnapshotsCheckAndRestoreAfterTheServerIsLost) {
     kt::RunResult r = offsite({"push"});
     ASSERT_EQ(0, r.exit_status) << r.out << r.err;
-    EXPECT_NE(std::string::npos, r.out.find("offsite push: initialised the repository " + repo_)) << r.out;
     EXPECT_TRUE(std::regex_search(r.out, std::regex("offsite push: snapshot [0-9a-f]{8} in " + repo_ +
                                                      ": 2 databases, 5 rows as of [0-9T:Z-]+, [0-9]+ bytes added, 0 "
                                                      "old snapshots forgotten \\(keep last 5\\)\n$")))
@@ -337,11 +338,13 @@ TEST_F(OffsiteTest, WhatCannotRunSaysSoInOneLine) {
     EXPECT_EQ("kavrel-shadow: the restic program is not installed (not found on PATH) (log records went to nowhere (DCT_LOG=none))\n",
               r.err);
 
+    configure("Repository = " + repo_ + "-nowhere\nPasswordFile = " + pass_ + "\n");
     r = offsite({"snapshots"});
     EXPECT_EQ(3, r.exit_status);
     EXPECT_NE(std::string::npos, r.err.find("kavrel-shadow: restic snapshots failed (exit status 1): Fatal: "))
         << r.err;
     EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << r.err;
+    configure("Repository = " + repo_ + "\nPasswordFile = " + pass_ + "\n");
 
     chmod(pass_.c_str(), 0644);
     r = offsite({"push"});
@@ -369,7 +372,7 @@ TEST_F(OffsiteTest, WhatCannotRunSaysSoInOneLine) {
 
 TEST_F(OffsiteTest, UsageErrorsAreExitTwo) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"offsite"}, "offsite needs a command: push, snapshots, check or restore"},
+        {{"offsite"}, "offsite needs a command: init, push, snapshots, check or restore"},
         {{"offsite", "pull"}, "unknown offsite command pull"},
         {{"offsite", "push", "extra"}, "unexpected argument extra"},
         {{"offsite", "snapshots", "--before", "-1d"}, "--dry-run and --before belong to offsite restore"},
@@ -417,7 +420,7 @@ TEST_F(OffsiteTest, NoSecretOnACommandLineOrInTheOutput) {
     const kt::RunResult r = offsite({"push"}, options);
     EXPECT_EQ(3, r.exit_status);
     const std::string called = kt::read_file(calls);
-    EXPECT_EQ(0u, called.find("--password-file " + pass_ + " backup --json --host ")) << called;
+    EXPECT_EQ(0u, called.find("--password-file " + pass_ + " cat config")) << called;
     EXPECT_EQ(1, std::count(called.begin(), called.end(), '\n')) << called;
     for (const std::string& text : {r.out, r.err, called}) {
         EXPECT_EQ(std::string::npos, text.find("s3cret")) << text;
@@ -525,6 +528,7 @@ TEST_F(OffsiteTest, PushAndRestoreThroughSftpOnARealServer) {
     if (!sshd.ok()) GTEST_SKIP() << sshd.error();
     configure("Repository = " + sshd.repository(pool_.dir().file("vault")) + "\nPasswordFile = " + pass_ +
               "\nSftpCommand = " + sshd.sftp_command() + "\n");
+    ASSERT_EQ(0, offsite({"init"}).exit_status);
     kt::RunResult r = offsite({"push"});
     ASSERT_EQ(0, r.exit_status) << r.out << r.err;
     EXPECT_NE(std::string::npos, r.out.find("in sftp:vault:" + pool_.dir().file("vault") + ": 2 databases, 5 rows"))
@@ -541,7 +545,7 @@ TEST_F(OffsiteTest, PushAndRestoreThroughSftpOnARealServer) {
     const auto before = kshadowt::snapshot(pool_.root());
     r = offsite({"push"});
     EXPECT_EQ(3, r.exit_status);
-    EXPECT_EQ(0u, r.err.find("kavrel-shadow: restic backup failed (exit status 1): Fatal: unable to open "
+    EXPECT_EQ(0u, r.err.find("kavrel-shadow: restic cat config failed (exit status 1): Fatal: unable to open "
                              "repository at sftp:vault:"))
         << r.err;
     EXPECT_NE(std::string::npos, r.err.find("unable to start the sftp session")) << r.err;

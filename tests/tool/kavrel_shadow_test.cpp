@@ -27,14 +27,14 @@ TEST_F(KavrelShadowTest, HealthyPool) {
               "  checksums     ok\n"
               "  version 1     16384 bytes, age N, checksum ok, journal ok (3 lines), integrity ok\n"
               "  journal       3 lines since version 1, age N\n"
-              "  recovery      possible from version 1, 3 journal lines, replaces the live file\n"
+              "  recovery      possible from version 1, 3 journal lines, 3 rows afterwards, replaces the live file\n"
               "\n"
               "appdb " + p2_ + "\n"
               "  live          present, 16384 bytes, 2 rows, integrity unknown, row checksums unknown\n"
               "  checksums     ok\n"
               "  version 1     16384 bytes, age N, checksum ok, journal ok (2 lines), integrity ok\n"
               "  journal       2 lines since version 1, age N\n"
-              "  recovery      possible from version 1, 2 journal lines, replaces the live file\n"
+              "  recovery      possible from version 1, 2 journal lines, 2 rows afterwards, replaces the live file\n"
               "\n"
               "status: 2 databases, 0 with problems, 0 problems, 2 recoverable\n",
               mask_ages(r.out));
@@ -71,10 +71,10 @@ TEST_F(KavrelShadowTest, JsonSchemaIsPinned) {
         "checksum_file:string,versions:[{version:number,path:string,exists:bool,size:number,age_seconds:number,"
         "checksum:string,journal:{path:string,lines:number,recorded_lines:number,checksum:string},integrity:string}],"
         "journal_lines_since_newest:number,newest_age_seconds:number,"
-        "recovery:{possible:bool,base_version:number,base_path:string,journal_lines:number,rows_after:null,"
+        "recovery:{possible:bool,base_version:number,base_path:string,journal_lines:number,rows_after:number,"
         "passed_over:[],set_aside:[],reason:null},problems:[],action:null}],"
         "summary:{databases:number,with_problems:number,problems:number,recoverable:number,exit_code:number,"
-        "not_readable:number,unreadable:[]}}",
+        "not_readable:number,unreadable:[],pool_problems:[]}}",
         kt::JsonParser::parse(r.out).shape());
     EXPECT_EQ(1, kt::JsonParser::parse(r.out)["schema"].n);
 
@@ -85,7 +85,7 @@ TEST_F(KavrelShadowTest, JsonSchemaIsPinned) {
     ASSERT_EQ(3u, lines.size()) << r.out;
     EXPECT_EQ(kt::JsonParser::parse(lines[0]).shape(), kt::JsonParser::parse(lines[1]).shape());
     EXPECT_EQ("{schema:number,command:string,summary:{databases:number,with_problems:number,problems:number,"
-              "recoverable:number,exit_code:number,not_readable:number,unreadable:[]}}",
+              "recoverable:number,exit_code:number,not_readable:number,unreadable:[],pool_problems:[]}}",
               kt::JsonParser::parse(lines[2]).shape());
 
     // A failed check fills the nullable members with their other kinds.
