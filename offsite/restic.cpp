@@ -113,6 +113,22 @@ std::string last_line_with(const std::string& text, const std::string& marker) {
     return found;
 }
 
+// restic's command line: the password file, the CA and SFTP command when
+// set, then `args`; never the repository or a password.
+std::vector<std::string> command_line(const OffsiteConfig& config, const std::vector<std::string>& args) {
+    std::vector<std::string> line = {"restic", "--password-file", config.password_file};
+    if (!config.ca_cert_file.empty()) {
+        line.push_back("--cacert");
+        line.push_back(config.ca_cert_file);
+    }
+    if (!config.sftp_command.empty()) {
+        line.push_back("-o");
+        line.push_back("sftp.command=" + config.sftp_command);
+    }
+    line.insert(line.end(), args.begin(), args.end());
+    return line;
+}
+
 // Reads the number KEY (`fallback` when absent); false with `reason` set
 // when it is not a number of at least `least`.
 bool read_number(const std::string& file, const char* key, unsigned long fallback, unsigned long least,
@@ -231,6 +247,14 @@ cr_status_t Restic::usable(std::string* reason) const {
         *reason = "[Offsite] PasswordFile " + config_.password_file + ": " + strerror(errno);
         return CR_STATUS_ACCESS_DENIED;
     }
+    // A REST server's password may be written into the repository's address;
+    // the file that holds it then deserves the password file's care.
+    if (shown_repository(config_.repository) != config_.repository && stat(config_.config_file.c_str(), &st) == 0 &&
+        (st.st_mode & S_IROTH) != 0) {
+        WarningA(CR_STATUS_OK, "%s: [Offsite] Repository in %s holds a password and other users may read the file "
+                 "(mode %04o): make it 0640", "kavrel-shadow offsite", config_.config_file.c_str(),
+                 static_cast<unsigned>(st.st_mode & 07777));
+    }
     if (!config_.ca_cert_file.empty() && access(config_.ca_cert_file.c_str(), R_OK) != 0) {
         const int e = errno;
         *reason = "[Offsite] CACertFile " + config_.ca_cert_file + ": " + strerror(e);
@@ -246,16 +270,7 @@ ResticRun Restic::run(const std::vector<std::string>& args, const StopRule& stop
         result.error = "the restic program is not installed (not found on PATH)";
         return result;
     }
-    std::vector<std::string> argv_text = {"restic", "--password-file", config_.password_file};
-    if (!config_.ca_cert_file.empty()) {
-        argv_text.push_back("--cacert");
-        argv_text.push_back(config_.ca_cert_file);
-    }
-    if (!config_.sftp_command.empty()) {
-        argv_text.push_back("-o");
-        argv_text.push_back("sftp.command=" + config_.sftp_command);
-    }
-    argv_text.insert(argv_text.end(), args.begin(), args.end());
+    std::vector<std::string> argv_text = command_line(config_, args);
     std::vector<std::string> env_text;
     for (char** e = environ; *e != nullptr; ++e) {
         if (!overridden_by_us(*e)) env_text.push_back(*e);

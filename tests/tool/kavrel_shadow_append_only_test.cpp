@@ -71,6 +71,7 @@ protected:
         pass_ = pool_.dir().file("offsite.pass");
         kt::write_file(pass_, "correct horse battery staple\n");
         chmod(pass_.c_str(), 0600);
+        chmod(pool_.config().c_str(), 0644);
         log_ = pool_.dir().file("kavrel.log");
         base_config_ = kt::read_file(pool_.config());
     }
@@ -202,6 +203,15 @@ TEST_F(AppendOnlyTest, TheServerCannotDestroyTheHistoryAndThePoolComesBack) {
         EXPECT_EQ(std::string::npos, text.find("battery")) << text;
     }
     EXPECT_NE(std::string::npos, kt::read_file(log_).find(shown)) << kt::read_file(log_);
+    // The configuration holds the REST password: a file others may read is
+    // warned about, one they may not is not.
+    const std::string warning = "kavrel-shadow offsite: [Offsite] Repository in " + pool_.config() +
+                                " holds a password and other users may read the file (mode 0644): make it 0640";
+    EXPECT_NE(std::string::npos, kt::read_file(log_).find("WARNING [0] " + warning + "\n")) << kt::read_file(log_);
+    chmod(pool_.config().c_str(), 0640);
+    kt::write_file(log_, "");
+    ASSERT_EQ(0, offsite({"snapshots"}).exit_status);
+    EXPECT_EQ(std::string::npos, kt::read_file(log_).find("holds a password")) << kt::read_file(log_);
 }
 
 TEST_F(AppendOnlyTest, ForgetOnTheRepositorysSideAppliesTheRule) {
