@@ -1,5 +1,5 @@
 // What the tests' private servers on 127.0.0.1 share: a free port, a check
-// that a port takes connections, helper programs run to their end, and the
+// that a port takes connections, short programs run to their end, and the
 // server process itself (started as a child that ends with the test, waited
 // for until it listens, stopped with SIGTERM and then SIGKILL).
 #ifndef KAVREL_TESTS_COMMON_LOCAL_SERVER_H_
