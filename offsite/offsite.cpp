@@ -60,6 +60,27 @@ std::string text_of(const ktool::json& object, const char* key) {
 
 }  // namespace
 
+bool snapshot_of(const ktool::json& s, Snapshot* snap) {
+    if (!s.is_object()) return false;
+    *snap = Snapshot();
+    snap->id = text_of(s, "id");
+    snap->short_id = text_of(s, "short_id");
+    snap->time_text = text_of(s, "time");
+    snap->host = text_of(s, "hostname");
+    auto paths = s.find("paths");
+    if (paths != s.end() && paths->is_array() && !paths->empty() && paths->front().is_string()) {
+        snap->path = paths->front().get<std::string>();
+    }
+    auto tags = s.find("tags");
+    if (tags != s.end()) {
+        snap->databases = tag_value(*tags, "kavrel-databases=");
+        snap->rows = tag_value(*tags, "kavrel-rows=");
+    }
+    if (snap->id.empty() || !parse_restic_time(snap->time_text, &snap->time)) return false;
+    if (snap->short_id.empty()) snap->short_id = snap->id.substr(0, 8);
+    return true;
+}
+
 cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::vector<Snapshot>* snapshots,
                            std::string* reason) {
     snapshots->clear();
@@ -76,24 +97,8 @@ cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::v
         return CR_STATUS_FAILED;
     }
     for (const auto& s : list) {
-        if (!s.is_object()) continue;
         Snapshot snap;
-        snap.id = text_of(s, "id");
-        snap.short_id = text_of(s, "short_id");
-        snap.time_text = text_of(s, "time");
-        snap.host = text_of(s, "hostname");
-        auto paths = s.find("paths");
-        if (paths != s.end() && paths->is_array() && !paths->empty() && paths->front().is_string()) {
-            snap.path = paths->front().get<std::string>();
-        }
-        auto tags = s.find("tags");
-        if (tags != s.end()) {
-            snap.databases = tag_value(*tags, "kavrel-databases=");
-            snap.rows = tag_value(*tags, "kavrel-rows=");
-        }
-        if (snap.id.empty() || !parse_restic_time(snap.time_text, &snap.time)) continue;
-        if (snap.short_id.empty()) snap.short_id = snap.id.substr(0, 8);
-        snapshots->push_back(snap);
+        if (snapshot_of(s, &snap)) snapshots->push_back(snap);
     }
     std::stable_sort(snapshots->begin(), snapshots->end(),
                      [](const Snapshot& a, const Snapshot& b) { return a.time < b.time; });

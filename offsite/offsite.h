@@ -7,8 +7,9 @@
 //              remember its id (offsite/repository_id.h)
 //   push       export the shadow (offsite/shadow_export.h) to a scratch
 //              directory beside the shadow root, back it up with restic tagged
-//              with the pool and host, forget all but [Offsite] KeepLast
-//              snapshots of the pool (--prune), remove the scratch copy
+//              with the pool and host, apply the retention rule
+//              (offsite/offsite_forget.h) unless the repository is
+//              append-only, remove the scratch copy
 //   snapshots  the pool's snapshots (list_snapshots)
 //   check      restic check, then the newest snapshot restored to a scratch
 //              directory and checked as an export (verify_export)
@@ -33,6 +34,7 @@
 
 #include "catalog_shadow/CatalogShadowCtx.h"
 #include "dct/status.h"
+#include "offsite/json_text.h"
 #include "offsite/restic.h"
 #include "offsite/shadow_export.h"
 #include "offsite/shadow_model.h"
@@ -57,6 +59,10 @@ struct Snapshot {
     std::string databases;  // from its tags ("" when absent)
     std::string rows;
 };
+
+// The snapshot restic describes in `object` (an entry of `snapshots --json`
+// or of a group of `forget --json`); false when it is not a snapshot.
+bool snapshot_of(const ktool::json& object, Snapshot* snapshot);
 
 // The snapshots of `pool`, oldest first. 0, or 4 with `reason` (restic's
 // message and status; logged).
@@ -114,6 +120,8 @@ struct PushResult {
     uint64_t files_changed = 0;
     uint64_t files_unmodified = 0;
     uint64_t forgotten = 0;
+    bool append_only = false;       // [Offsite] AppendOnly: retention left to the repository's host
+    bool deletion_refused = false;  // the repository refused the forget: it is append-only
     std::string forget_failure;  // restic forget failed (the snapshot is there)
     bool scratch_removed = true;
 };
@@ -121,7 +129,7 @@ struct PushResult {
 // Pushes the shadow of `context` (started) to the repository of `restic`
 // under the tag of `pool`. 0 when the snapshot was taken (forget and the
 // scratch removal may still have failed: result->forget_failure,
-// result->scratch_removed); otherwise the failing status, result->stop and
+// result->deletion_refused, result->scratch_removed); otherwise the failing status, result->stop and
 // result->reason set.
 cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* result);
 

@@ -7,6 +7,7 @@
 #include "dct/log.h"
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
+#include "offsite/offsite_forget.h"
 #include "offsite/repository_id.h"
 #include "offsite/restore_marker.h"
 #include "offsite/shadow_export.h"
@@ -44,23 +45,6 @@ json backup_summary(const std::string& out) {
         start = end + 1;
     }
     return json();
-}
-
-// How many snapshots `restic forget --json` removed (its first line is the
-// JSON list of groups; prune's report may follow).
-uint64_t forgotten(const std::string& out) {
-    const size_t start = out.find('[');
-    if (start == std::string::npos) return 0;
-    size_t end = out.find('\n', start);
-    if (end == std::string::npos) end = out.size();
-    const json groups = json::parse(out.substr(start, end - start), nullptr, false);
-    uint64_t removed = 0;
-    if (!groups.is_array()) return 0;
-    for (const auto& g : groups) {
-        auto r = g.find("remove");
-        if (r != g.end() && r->is_array()) removed += r->size();
-    }
-    return removed;
 }
 
 // Stops a command: `stop` and `reason` set, CR_STATUS_FAILED returned.
@@ -135,14 +119,14 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     r->files_changed = number_of(summary, "files_changed");
     r->files_unmodified = number_of(summary, "files_unmodified");
 
-    const ResticRun forget = restic.run({"forget", "--json", "--tag", pool_tag(pool), "--group-by", "", "--keep-last",
-                                         std::to_string(restic.config().keep_last), "--prune"});
-    if (forget.ok()) {
-        r->forgotten = forgotten(forget.out);
-    } else {
-        r->forget_failure = restic.failure("restic forget", forget);
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", r->forget_failure.c_str());
+    // An append-only repository is thinned out by its own host.
+    r->append_only = restic.config().append_only;
+    ForgetResult thinned;
+    if (!r->append_only && forget(restic, pool, false, &thinned) != CR_STATUS_OK) {
+        r->deletion_refused = thinned.refused;
+        if (!thinned.refused) r->forget_failure = thinned.reason;
     }
+    r->forgotten = thinned.removed.size();
     r->scratch_removed = scratch_dir.remove();
     return CR_STATUS_OK;
 }

@@ -61,6 +61,7 @@ const char kUsage[] =
     "\toffsite check          checks the repository and the newest snapshot's export\n"
     "\toffsite restore [SNAPSHOT | latest] [--before TIME] [--dry-run]\n"
     "\t                       brings the shadow back and rebuilds every missing database\n"
+    "\toffsite forget [--dry-run]  applies the [Offsite] Keep* rule where deletion is allowed\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
 
@@ -77,32 +78,29 @@ struct Options {
     koffsite::OffsiteOptions offsite;
 };
 
+// A usage error: `error` set to `why`, false returned.
+bool refuse(std::string* error, const std::string& why) {
+    *error = why;
+    return false;
+}
+
 // The rest of an offsite command line: its command, a snapshot, --before and
 // --if-configured; false (with `error` set) on a usage error.
 bool parse_offsite(Options* o, std::string* error) {
     koffsite::OffsiteOptions& off = o->offsite;
     const std::string& c = off.command;
-    if (c != "init" && c != "push" && c != "snapshots" && c != "check" && c != "restore") {
-        *error = c.empty() ? "offsite needs a command: init, push, snapshots, check or restore"
-                           : "unknown offsite command " + c;
-        return false;
+    if (c != "init" && c != "push" && c != "snapshots" && c != "check" && c != "restore" && c != "forget") {
+        return refuse(error, c.empty() ? "offsite needs a command: init, push, snapshots, check, restore or forget"
+                                       : "unknown offsite command " + c);
     }
     if (o->all || o->missing || !o->export_dir.empty()) {
-        *error = "offsite " + c + " takes no --all, --missing or --export";
-        return false;
+        return refuse(error, "offsite " + c + " takes no --all, --missing or --export");
     }
-    if (!off.snapshot.empty() && c != "restore") {
-        *error = "unexpected argument " + off.snapshot;
-        return false;
+    if (!off.snapshot.empty() && c != "restore") return refuse(error, "unexpected argument " + off.snapshot);
+    if ((o->dry_run && c != "restore" && c != "forget") || (off.has_before && c != "restore")) {
+        return refuse(error, "--dry-run belongs to offsite restore and forget, --before to offsite restore");
     }
-    if ((o->dry_run || off.has_before) && c != "restore") {
-        *error = "--dry-run and --before belong to offsite restore";
-        return false;
-    }
-    if (off.if_configured && c != "push") {
-        *error = "--if-configured belongs to offsite push";
-        return false;
-    }
+    if (off.if_configured && c != "push") return refuse(error, "--if-configured belongs to offsite push");
     off.dry_run = o->dry_run;
     off.json = o->output == Output::json;
     off.json_lines = o->output == Output::json_lines;
@@ -120,20 +118,14 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
         } else if (arg == "--json-lines") {
             o->output = Output::json_lines;
         } else if (arg == "--registry") {
-            if (i + 1 >= argc) {
-                *error = "--registry needs a file";
-                return false;
-            }
+            if (i + 1 >= argc) return refuse(error, "--registry needs a file");
             o->registry = argv[++i];
         } else if (arg == "--all") {
             o->all = true;
         } else if (arg == "--dry-run") {
             o->dry_run = true;
         } else if (arg == "--export") {
-            if (i + 1 >= argc) {
-                *error = "--export needs a directory";
-                return false;
-            }
+            if (i + 1 >= argc) return refuse(error, "--export needs a directory");
             o->export_dir = argv[++i];
         } else if (arg == "--missing") {
             o->missing = true;
@@ -141,16 +133,15 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             o->offsite.if_configured = true;
         } else if (arg == "--before") {
             if (i + 1 >= argc || !dct::parse_time(argv[i + 1], time(nullptr), &o->offsite.before)) {
-                *error = i + 1 >= argc ? "--before needs a time" : std::string("--before: not a time: ") + argv[i + 1];
-                return false;
+                return refuse(error, i + 1 >= argc ? "--before needs a time"
+                                                   : std::string("--before: not a time: ") + argv[i + 1]);
             }
             o->offsite.has_before = true;
             ++i;
         } else if (arg == "-h" || arg == "--help") {
             o->help = true;
         } else if (!arg.empty() && arg[0] == '-') {
-            *error = "unknown option " + arg;
-            return false;
+            return refuse(error, "unknown option " + arg);
         } else if (o->command.empty()) {
             o->command = arg;
         } else if (o->command == "offsite" && o->offsite.command.empty()) {
@@ -160,8 +151,7 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
         } else if (o->dir.empty()) {
             o->dir = arg;
         } else {
-            *error = "unexpected argument " + arg;
-            return false;
+            return refuse(error, "unexpected argument " + arg);
         }
     }
     return o->help || check_args(o, error);
@@ -172,46 +162,28 @@ bool check_args(Options* o, std::string* error) {
     const std::string& c = o->command;
     if (c == "offsite") return parse_offsite(o, error);
     if (o->offsite.has_before || o->offsite.if_configured) {
-        *error = "--before and --if-configured belong to offsite";
-        return false;
+        return refuse(error, "--before and --if-configured belong to offsite");
     }
     if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
-        *error = c.empty() ? "no command given" : "unknown command " + c;
-        return false;
+        return refuse(error, c.empty() ? "no command given" : "unknown command " + c);
     }
     if (!o->dir.empty() && (o->all || o->missing)) {
-        *error = "give either a database directory or --all / --missing";
-        return false;
+        return refuse(error, "give either a database directory or --all / --missing");
     }
     if ((o->dry_run || o->missing) && c != "recover") {
-        *error = "--dry-run and --missing belong to recover";
-        return false;
+        return refuse(error, "--dry-run and --missing belong to recover");
     }
     if (c == "recover") {
-        if (o->all) {
-            *error = "recover takes a database directory or --missing, not --all";
-            return false;
-        }
-        if (o->dir.empty() && !o->missing) {
-            *error = "recover needs a database directory or --missing";
-            return false;
-        }
+        if (o->all) return refuse(error, "recover takes a database directory or --missing, not --all");
+        if (o->dir.empty() && !o->missing) return refuse(error, "recover needs a database directory or --missing");
     }
-    if (c == "init" && (!o->dir.empty() || o->all)) {
-        *error = "init takes no database directory";
-        return false;
-    }
+    if (c == "init" && (!o->dir.empty() || o->all)) return refuse(error, "init takes no database directory");
     if (!o->export_dir.empty() && (c != "verify" || !o->dir.empty() || o->all)) {
-        *error = "--export DIR belongs to verify, without a database directory";
-        return false;
+        return refuse(error, "--export DIR belongs to verify, without a database directory");
     }
-    if (c == "export" && (o->dir.empty() || o->all)) {
-        *error = "export needs a directory to export into";
-        return false;
-    }
+    if (c == "export" && (o->dir.empty() || o->all)) return refuse(error, "export needs a directory to export into");
     if (c == "backup" && o->dir.empty() && !o->all) {
-        *error = "backup needs a database directory or --all";
-        return false;
+        return refuse(error, "backup needs a database directory or --all");
     }
     if (o->dir.empty()) {
         o->all = true;

@@ -8,6 +8,7 @@
 
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
+#include "offsite/offsite_forget.h"
 #include "tool/offsite_output.h"
 #include "tool/shadow_report.h"
 
@@ -57,6 +58,7 @@ json push_summary(const PushResult& r, const std::string& pool) {
     summary["files_unmodified"] = r.files_unmodified;
     summary["repository_created"] = false;  // only offsite init makes one
     summary["forgotten"] = r.forgotten;
+    summary["append_only"] = r.append_only || r.deletion_refused;
     json problems = json::array();
     for (const auto& p : r.exported.problems) problems.push_back(problem_json(p));
     if (!r.forget_failure.empty()) problems.push_back(problem_json(kshadow::Problem{r.repository, r.forget_failure}));
@@ -89,11 +91,17 @@ int run_push(CatalogShadowContext& context, const Restic& restic, const std::str
         exit_code = kExitProblems;
     }
     if (!r.scratch_removed) exit_code = kExitProblems;
-    const std::string keep = std::to_string(restic.config().keep_last);
+    std::string retention =
+        std::to_string(r.forgotten) + " old snapshots forgotten (" + retention_text(restic.config()) + ")";
+    if (r.append_only || r.deletion_refused) retention = "retention left to the repository's host";
+    if (r.deletion_refused) {
+        out.text("offsite push: the repository refuses deletion: retention is left to the repository's host "
+                 "(set [Offsite] AppendOnly = yes to stop asking)");
+    }
     out.text("offsite push: snapshot " + r.snapshot.substr(0, 8) + " in " + r.repository + ": " +
              std::to_string(r.exported.databases.size()) + " databases, " + std::to_string(r.rows) + " rows as of " +
              ktool::iso8601_utc(r.exported.started) + ", " + std::to_string(r.bytes_added) + " bytes added, " +
-             std::to_string(r.forgotten) + " old snapshots forgotten (keep last " + keep + ")");
+             retention);
     return out.finish(push_summary(r, pool), exit_code);
 }
 
@@ -192,6 +200,7 @@ int run_offsite(CatalogShadowContext& context, const std::string& cr_config, con
     if (options.command == "snapshots") return run_snapshots(restic, root, options);
     if (options.command == "check") return run_check(context, restic, root, options);
     if (options.command == "init") return run_init(context, restic, options);
+    if (options.command == "forget") return run_forget(restic, root, options);
     return run_restore(context, restic, root, options);
 }
 

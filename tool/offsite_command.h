@@ -1,6 +1,6 @@
-// kavrel-shadow offsite: push, snapshots, check and restore of the shadow's
-// off-site copies (offsite/offsite.h), printed as text, one JSON document or
-// JSON Lines.
+// kavrel-shadow offsite: push, snapshots, check, restore and forget of the
+// shadow's off-site copies (offsite/offsite.h, offsite/offsite_forget.h),
+// printed as text, one JSON document or JSON Lines.
 //
 // Exit status as for every kavrel-shadow command: 0 all well, 1 problems
 // (restic failed, a check found damage), 2 usage, 3 could not run (no
@@ -17,11 +17,11 @@
 namespace koffsite {
 
 struct OffsiteOptions {
-    std::string command;   // push, snapshots, check or restore
+    std::string command;   // push, snapshots, check, restore or forget
     std::string snapshot;  // restore: an id, or "latest" (the default)
     bool has_before = false;
     int64_t before = 0;          // restore: the newest snapshot older than this
-    bool dry_run = false;        // restore: print the plan only
+    bool dry_run = false;        // restore, forget: print the plan only
     bool if_configured = false;  // push: nothing to do without [Offsite]
     bool json = false;
     bool json_lines = false;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "offsite/json_text.h"
+#include "offsite/offsite_forget.h"
 #include "tool/shadow_report.h"
 
 namespace koffsite {
@@ -61,28 +62,35 @@ int Output::fail(const std::string& command, const std::string& why) {
 
 void complain(const std::string& what) { fprintf(stderr, "kavrel-shadow: %s\n", what.c_str()); }
 
+// One snapshot: a line of the table and a JSON item; `action` (forget's
+// verdict) leads both when it is given.
+void print_snapshot(Output& out, const Snapshot& s, const std::string& action) {
+    char line[512];
+    snprintf(line, sizeof(line), "%-*s%-8s  %-20s  %-20s  %9s  %s", action.empty() ? 0 : 14, action.c_str(),
+             s.short_id.c_str(), ktool::iso8601_utc(s.time).c_str(), s.host.c_str(),
+             s.databases.empty() ? "-" : s.databases.c_str(), s.rows.empty() ? "-" : s.rows.c_str());
+    out.text(line);
+    json j;
+    if (!action.empty()) j["action"] = action;
+    j["id"] = s.id;
+    j["short_id"] = s.short_id;
+    j["time"] = ktool::iso8601_utc(s.time);
+    j["host"] = json_text(s.host);
+    j["path"] = json_text(s.path);
+    j["databases"] = s.databases.empty() ? json() : json(std::stoull(s.databases));
+    j["rows"] = s.rows.empty() ? json() : json(std::stoull(s.rows));
+    out.item(j);
+}
+
+const char kTableHead[] = "snapshot  time                  host                  databases  rows";
+
 int run_snapshots(const Restic& restic, const std::string& pool, const OffsiteOptions& options) {
     std::vector<Snapshot> snapshots;
     std::string reason;
     if (list_snapshots(restic, pool, &snapshots, &reason) != CR_STATUS_OK) return cannot_run(reason);
     Output out(options, "offsite snapshots", "snapshots");
-    if (!snapshots.empty()) out.text("snapshot  time                  host                  databases  rows");
-    for (const Snapshot& s : snapshots) {
-        char line[512];
-        snprintf(line, sizeof(line), "%-8s  %-20s  %-20s  %9s  %s", s.short_id.c_str(),
-                 ktool::iso8601_utc(s.time).c_str(), s.host.c_str(), s.databases.empty() ? "-" : s.databases.c_str(),
-                 s.rows.empty() ? "-" : s.rows.c_str());
-        out.text(line);
-        json j;
-        j["id"] = s.id;
-        j["short_id"] = s.short_id;
-        j["time"] = ktool::iso8601_utc(s.time);
-        j["host"] = json_text(s.host);
-        j["path"] = json_text(s.path);
-        j["databases"] = s.databases.empty() ? json() : json(std::stoull(s.databases));
-        j["rows"] = s.rows.empty() ? json() : json(std::stoull(s.rows));
-        out.item(j);
-    }
+    if (!snapshots.empty()) out.text(kTableHead);
+    for (const Snapshot& s : snapshots) print_snapshot(out, s, "");
     const std::string repository = shown_repository(restic.config().repository);
     out.text("offsite snapshots: " + std::to_string(snapshots.size()) +
              (snapshots.size() == 1 ? " snapshot" : " snapshots") + " of pool " + pool + " in " + repository);
@@ -90,6 +98,24 @@ int run_snapshots(const Restic& restic, const std::string& pool, const OffsiteOp
     summary["snapshots"] = snapshots.size();
     summary["pool"] = json_text(pool);
     summary["repository"] = repository;
+    return out.finish(summary, kExitOk);
+}
+
+int run_forget(const Restic& restic, const std::string& pool, const OffsiteOptions& options) {
+    ForgetResult r;
+    const cr_status_t status = forget(restic, pool, options.dry_run, &r);
+    if (status != CR_STATUS_OK && r.stop == Stop::not_started) return cannot_run(r.reason);
+    const std::string command = options.dry_run ? "offsite forget --dry-run" : "offsite forget";
+    Output out(options, command, "snapshots");
+    if (status != CR_STATUS_OK) return out.fail(command, r.reason);
+    if (!r.kept.empty() || !r.removed.empty()) out.text(std::string("action        ") + kTableHead);
+    for (const Snapshot& s : r.removed) print_snapshot(out, s, options.dry_run ? "would remove" : "remove");
+    for (const Snapshot& s : r.kept) print_snapshot(out, s, "keep");
+    out.text(command + ": " + std::to_string(r.kept.size()) + " kept, " + std::to_string(r.removed.size()) +
+             (options.dry_run ? " to remove" : " removed") + " of pool " + pool + " in " + r.repository + " (" +
+             r.rule + ")");
+    const json summary = {{"kept", r.kept.size()}, {"removed", r.removed.size()}, {"rule", r.rule},
+                          {"pool", json_text(pool)}, {"repository", r.repository}};
     return out.finish(summary, kExitOk);
 }
 

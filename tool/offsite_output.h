@@ -36,6 +36,7 @@ private:
 void complain(const std::string& what);
 
 int run_snapshots(const Restic& restic, const std::string& pool, const OffsiteOptions& options);
+int run_forget(const Restic& restic, const std::string& pool, const OffsiteOptions& options);
 int run_restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                 const OffsiteOptions& options);
 

@@ -1,17 +1,9 @@
 #include "common/sshd_server.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <vector>
@@ -21,83 +13,6 @@ namespace kt {
 namespace {
 
 const char kSshd[] = "/usr/sbin/sshd";
-
-// Attempts and pause of the waits for the server: at most 10 s to start
-// listening, 5 s to end after SIGTERM.
-const int kListenAttempts = 400;
-const int kEndAttempts = 200;
-const long kPauseNanoseconds = 25 * 1000 * 1000;
-
-void pause_briefly() {
-    struct timespec ts = {0, kPauseNanoseconds};
-    nanosleep(&ts, nullptr);
-}
-
-// In a forked child before exec: standard input from /dev/null, standard
-// output and error to `log` (opened with `mode`: O_APPEND or O_TRUNC).
-void child_output_to(const std::string& log, int mode) {
-    const int in = open("/dev/null", O_RDONLY);
-    const int out = open(log.c_str(), O_WRONLY | O_CREAT | mode, 0600);
-    if (in < 0 || out < 0) _exit(126);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(out, 2);
-}
-
-// Runs argv[0] (found on PATH) to its end with standard output and standard
-// error appended to `log`; returns its exit status, or -1.
-int run_to_end(const std::vector<std::string>& args, const std::string& log) {
-    std::vector<char*> argv;
-    std::vector<std::string> copy = args;
-    for (auto& a : copy) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        child_output_to(log, O_APPEND);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// A port of 127.0.0.1 that nobody listens on right now (the kernel's pick
-// for port 0); 0 when none could be had.
-int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return 0;
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    socklen_t len = sizeof(addr);
-    int port = 0;
-    if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len) == 0) {
-        port = ntohs(addr.sin_port);
-    }
-    close(fd);
-    return port;
-}
-
-bool accepts_connections(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return false;
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    const bool ok = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
-    close(fd);
-    return ok;
-}
 
 std::string user_name() {
     const struct passwd* pw = getpwuid(geteuid());
@@ -110,12 +25,6 @@ std::string key_without_comment(const std::string& pub) {
     if (first == std::string::npos) return "";
     const size_t second = pub.find_first_of(" \n", first + 1);
     return pub.substr(0, second);
-}
-
-std::string describe_status(int status) {
-    if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "status " + std::to_string(status);
 }
 
 }  // namespace
@@ -220,54 +129,13 @@ bool SshdServer::logs_in(const std::string& user) {
 }
 
 bool SshdServer::start_once() {
-    const std::string log_path = dir_.file("sshd.log");
-    const std::string config = dir_.file("sshd_config");
-    const pid_t parent = getpid();
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0) {
-        error_ = std::string("fork: ") + strerror(errno);
-        return false;
+    if (server_.start({kSshd, "-D", "-e", "-f", dir_.file("sshd_config")}, port_, dir_.file("sshd.log"), &error_)) {
+        return true;
     }
-    if (pid == 0) {
-        // The server ends with the test process, however that ends.
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent) _exit(125);
-        child_output_to(log_path, O_TRUNC);
-        execl(kSshd, kSshd, "-D", "-e", "-f", config.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    pid_ = pid;
-    for (int attempt = 0; attempt < kListenAttempts; ++attempt) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            error_ = std::string(kSshd) + " ended (" + describe_status(status) + ")" +
-                     (geteuid() != 0 ? " running as " + user_name() + ", not root" : "") + ": " + log();
-            return false;
-        }
-        if (accepts_connections(port_)) return true;
-        pause_briefly();
-    }
-    error_ = std::string(kSshd) + " does not listen on 127.0.0.1 port " + std::to_string(port_) + ": " + log();
-    stop();
+    if (geteuid() != 0) error_ += " (running as " + user_name() + ", not root)";
     return false;
 }
 
-void SshdServer::stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    for (int attempt = 0; attempt < kEndAttempts; ++attempt) {
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-            pid_ = -1;
-            return;
-        }
-        pause_briefly();
-    }
-    kill(pid_, SIGKILL);
-    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    pid_ = -1;
-}
+void SshdServer::stop() { server_.stop(); }
 
 }  // namespace kt

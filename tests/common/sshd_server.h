@@ -24,6 +24,7 @@
 
 #include <string>
 
+#include "common/local_server.h"
 #include "common/test_util.h"
 
 namespace kt {
@@ -41,7 +42,7 @@ public:
 
     // True while the server runs; false when it could not be started (then
     // error() says why) or after stop().
-    bool ok() const { return pid_ > 0; }
+    bool ok() const { return server_.running(); }
     const std::string& error() const { return error_; }
 
     int port() const { return port_; }
@@ -69,7 +70,7 @@ private:
     std::string client_config_;
     std::string error_;
     int port_ = 0;
-    pid_t pid_ = -1;
+    ServerProcess server_;
 };
 
 }  // namespace kt

@@ -371,11 +371,14 @@ TEST_F(OffsiteTest, WhatCannotRunSaysSoInOneLine) {
 }
 
 TEST_F(OffsiteTest, UsageErrorsAreExitTwo) {
+    const std::string misplaced = "--dry-run belongs to offsite restore and forget, --before to offsite restore";
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"offsite"}, "offsite needs a command: init, push, snapshots, check or restore"},
+        {{"offsite"}, "offsite needs a command: init, push, snapshots, check, restore or forget"},
         {{"offsite", "pull"}, "unknown offsite command pull"},
         {{"offsite", "push", "extra"}, "unexpected argument extra"},
-        {{"offsite", "snapshots", "--before", "-1d"}, "--dry-run and --before belong to offsite restore"},
+        {{"offsite", "snapshots", "--before", "-1d"}, misplaced},
+        {{"offsite", "forget", "--before", "-1d"}, misplaced},
+        {{"offsite", "push", "--dry-run"}, misplaced},
         {{"offsite", "restore", "--before", "yesterday"}, "--before: not a time: yesterday"},
         {{"offsite", "check", "--if-configured"}, "--if-configured belongs to offsite push"},
         {{"offsite", "restore", "--all"}, "offsite restore takes no --all, --missing or --export"},
