@@ -35,6 +35,22 @@ std::string pool_tag(const std::string& pool) {
     return tag;
 }
 
+std::string pool_of_tag(const std::string& value) {
+    std::string pool;
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value.compare(i, 3, "%25") == 0) {
+            pool += '%';
+            i += 2;
+        } else if (value.compare(i, 3, "%2C") == 0) {
+            pool += ',';
+            i += 2;
+        } else {
+            pool += value[i];
+        }
+    }
+    return pool;
+}
+
 bool parse_restic_time(const std::string& text, int64_t* seconds) {
     // The fraction of a second does not matter for choosing a snapshot.
     static const std::regex kFraction("\\.[0-9]+");
@@ -61,12 +77,14 @@ std::string text_of(const ktool::json& object, const char* key) {
 }  // namespace
 
 cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::vector<Snapshot>* snapshots,
-                           std::string* reason) {
+                           std::string* reason, size_t* other_pools) {
     snapshots->clear();
-    const ResticRun run = restic.run({"snapshots", "--json", "--tag", pool_tag(pool)});
+    if (other_pools != nullptr) *other_pools = 0;
+    std::vector<std::string> args = {"snapshots", "--json"};
+    if (!pool.empty() && other_pools == nullptr) args.insert(args.end(), {"--tag", pool_tag(pool)});
+    const ResticRun run = restic.run(args);
     if (!run.ok()) {
-        *reason = restic.failure("restic snapshots", run);
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite", reason->c_str());
+        *reason = restic.report("kavrel-shadow offsite", CR_STATUS_FAILED, "restic snapshots", run);
         return CR_STATUS_FAILED;
     }
     const ktool::json list = ktool::json::parse(run.out, nullptr, false);
@@ -90,6 +108,12 @@ cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::v
         if (tags != s.end()) {
             snap.databases = tag_value(*tags, "kavrel-databases=");
             snap.rows = tag_value(*tags, "kavrel-rows=");
+            snap.pool = pool_of_tag(tag_value(*tags, kPoolTag));
+        }
+        if (snap.pool.empty()) continue;  // no snapshot of a pool
+        if (!pool.empty() && snap.pool != pool) {
+            if (other_pools != nullptr) ++*other_pools;
+            continue;
         }
         if (snap.id.empty() || !parse_restic_time(snap.time_text, &snap.time)) continue;
         if (snap.short_id.empty()) snap.short_id = snap.id.substr(0, 8);

@@ -85,8 +85,8 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
     if (!backup.ok() && Restic::no_repository(backup)) {
         const ResticRun init = restic.run({"init"});
         if (!init.ok()) {
-            const std::string failure = restic.failure("restic init", init);
-            ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+            const std::string failure =
+                restic.report("kavrel-shadow offsite push", CR_STATUS_FAILED, "restic init", init);
             return stopped(r, Stop::not_started, failure);
         }
         r->repository_created = true;
@@ -95,8 +95,8 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
     }
     *summary = backup_summary(backup.out);
     if (backup.ok() && summary->is_object()) return CR_STATUS_OK;
-    const std::string failure = restic.failure("restic backup", backup);
-    ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+    const std::string failure =
+        restic.report("kavrel-shadow offsite push", CR_STATUS_FAILED, "restic backup", backup);
     r->restic_exit_status = backup.exit_status;
     return stopped(r, Restic::could_not_open(backup) ? Stop::not_started : Stop::failed, failure);
 }
@@ -138,8 +138,7 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     if (forget.ok()) {
         r->forgotten = forgotten(forget.out);
     } else {
-        r->forget_failure = restic.failure("restic forget", forget);
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", r->forget_failure.c_str());
+        r->forget_failure = restic.report("kavrel-shadow offsite push", CR_STATUS_FAILED, "restic forget", forget);
     }
     r->scratch_removed = scratch_dir.remove();
     return CR_STATUS_OK;
@@ -158,8 +157,8 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     const ResticRun checked = restic.run({"check"});
     r->repository_ok = checked.ok();
     if (!checked.ok()) {
-        r->repository_failure = restic.failure("restic check", checked);
-        ErrorA(CR_STATUS_CORRUPT, "%s: %s", "kavrel-shadow offsite check", r->repository_failure.c_str());
+        r->repository_failure =
+            restic.report("kavrel-shadow offsite check", CR_STATUS_CORRUPT, "restic check", checked);
     }
     if (snapshots.empty()) return CR_STATUS_OK;
     r->has_snapshot = true;
@@ -169,8 +168,8 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     if (!scratch_dir.remove()) return stopped(r, Stop::not_started, "cannot remove the scratch directory " + r->scratch);
     const ResticRun restored = restic.run({"restore", r->newest.id, "--target", r->scratch});
     if (!restored.ok()) {
-        r->restore_failure = restic.failure("restic restore", restored);
-        ErrorA(CR_STATUS_CORRUPT, "%s: %s", "kavrel-shadow offsite check", r->restore_failure.c_str());
+        r->restore_failure =
+            restic.report("kavrel-shadow offsite check", CR_STATUS_CORRUPT, "restic restore", restored);
     } else {
         r->verified = true;
         if (kshadow::verify_export(r->scratch + r->newest.path, &r->manifest, &r->reports) != CR_STATUS_OK) {

@@ -2,13 +2,8 @@
 #include "offsite/restic.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <regex>
@@ -41,47 +36,23 @@ bool overridden_by_us(const char* entry) {
     return false;
 }
 
-// Reads both pipes until the child closes them, so that neither fills up.
-void collect(int out_fd, int err_fd, std::string* out, std::string* err) {
-    struct pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-    std::string* sinks[2] = {out, err};
-    int open_fds = 2;
-    char buf[65536];
-    while (open_fds > 0) {
-        if (poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open_fds;
-            }
-        }
-    }
-}
-
-// The last non-empty line of `text` that holds `marker`, from the marker on
-// (restic may print "Fatal:" straight after another message, without a line
-// break between).
-std::string last_line_with(const std::string& text, const std::string& marker) {
-    std::string found;
+// The lines of `text`, without their ends and trailing blanks, the empty
+// ones left out.
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
     size_t start = 0;
     while (start < text.size()) {
         size_t end = text.find('\n', start);
         if (end == std::string::npos) end = text.size();
         std::string line = text.substr(start, end - start);
+        // restic's progress lines begin by clearing the terminal's line.
+        const size_t clear = line.rfind("\x1b[2K");
+        if (clear != std::string::npos) line.erase(0, clear + 4);
         while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-        const size_t at = line.find(marker);
-        if (!line.empty() && at != std::string::npos) found = line.substr(at);
+        if (!line.empty()) lines.push_back(line);
         start = end + 1;
     }
-    return found;
+    return lines;
 }
 
 }  // namespace
@@ -136,11 +107,25 @@ std::string find_on_path(const std::string& program) {
 
 std::string ResticRun::message() const {
     if (!started) return error;
-    std::string line = last_line_with(err, "Fatal:");
-    if (line.empty()) line = last_line_with(err, "");
-    if (!line.empty()) return line;
-    if (signal != 0) return std::string("ended by signal ") + strsignal(signal);
-    return "exit status " + std::to_string(exit_status);
+    std::string line;
+    for (const std::string& l : lines_of(err)) {
+        if (l.compare(0, 11, "subprocess ") == 0 || l.find("signal interrupt received") != std::string::npos) continue;
+        line = l;
+        break;
+    }
+    if (line.empty() && signal != 0) line = std::string("ended by signal ") + strsignal(signal);
+    if (line.empty()) line = "exit status " + std::to_string(exit_status);
+    return ssh_error.empty() ? line : line + " (" + ssh_error + ")";
+}
+
+std::string Restic::masked(std::string text) const {
+    const std::string shown = shown_repository(config_.repository);
+    if (shown == config_.repository) return text;
+    for (size_t at = text.find(config_.repository); at != std::string::npos;
+         at = text.find(config_.repository, at + shown.size())) {
+        text.replace(at, config_.repository.size(), shown);
+    }
+    return text;
 }
 
 std::string Restic::failure(const std::string& what, const ResticRun& run) const {
@@ -152,13 +137,20 @@ std::string Restic::failure(const std::string& what, const ResticRun& run) const
     } else {
         text = what + " failed (exit status " + std::to_string(run.exit_status) + "): " + run.message();
     }
-    const std::string shown = shown_repository(config_.repository);
-    if (shown == config_.repository) return text;
-    for (size_t at = text.find(config_.repository); at != std::string::npos;
-         at = text.find(config_.repository, at + shown.size())) {
-        text.replace(at, config_.repository.size(), shown);
+    if (run.locked) {
+        text += "; when no restic of this repository runs any more, kavrel-shadow offsite unlock --all removes it";
     }
-    return text;
+    return masked(text);
+}
+
+std::string Restic::report(const char* function, cr_status_t status, const std::string& what,
+                           const ResticRun& run) const {
+    std::string whole;
+    for (const std::string& l : lines_of(run.err)) whole += (whole.empty() ? "" : " | ") + l;
+    if (!run.ssh_error.empty()) whole += (whole.empty() ? "" : " | ") + run.ssh_error;
+    const std::string shown = failure(what, run);
+    ErrorA(status, "%s: %s [%s]", function, shown.c_str(), masked(whole).c_str());
+    return shown;
 }
 
 cr_status_t Restic::usable(std::string* reason) const {
@@ -186,13 +178,7 @@ cr_status_t Restic::usable(std::string* reason) const {
     return CR_STATUS_OK;
 }
 
-ResticRun Restic::run(const std::vector<std::string>& args) const {
-    ResticRun result;
-    const std::string program = find_on_path("restic");
-    if (program.empty()) {
-        result.error = "the restic program is not installed (not found on PATH)";
-        return result;
-    }
+ResticRun Restic::run_once(const std::vector<std::string>& args) const {
     std::vector<std::string> argv_text = {"restic", "--password-file", config_.password_file};
     if (!config_.sftp_command.empty()) {
         argv_text.push_back("-o");
@@ -204,55 +190,7 @@ ResticRun Restic::run(const std::vector<std::string>& args) const {
         if (!overridden_by_us(*e)) env_text.push_back(*e);
     }
     env_text.push_back("RESTIC_REPOSITORY=" + config_.repository);
-    // Built before the fork: the child only calls what is safe there.
-    std::vector<char*> argv, envp;
-    for (std::string& a : argv_text) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    for (std::string& e : env_text) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-
-    int out_pipe[2], err_pipe[2];
-    if (pipe2(out_pipe, O_CLOEXEC) != 0) {
-        result.error = std::string("pipe: ") + strerror(errno);
-        return result;
-    }
-    if (pipe2(err_pipe, O_CLOEXEC) != 0) {
-        result.error = std::string("pipe: ") + strerror(errno);
-        close(out_pipe[0]);
-        close(out_pipe[1]);
-        return result;
-    }
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        result.error = std::string("fork: ") + strerror(errno);
-        for (int fd : {out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) close(fd);
-        return result;
-    }
-    if (pid == 0) {
-        // restic must not outlive a push that was killed.
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent) _exit(127);
-        const int null_fd = open("/dev/null", O_RDONLY);
-        if (null_fd >= 0) dup2(null_fd, 0);
-        dup2(out_pipe[1], 1);
-        dup2(err_pipe[1], 2);
-        execve(program.c_str(), argv.data(), envp.data());
-        _exit(127);
-    }
-    close(out_pipe[1]);
-    close(err_pipe[1]);
-    result.started = true;
-    collect(out_pipe[0], err_pipe[0], &result.out, &result.err);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) {
-        result.exit_status = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.signal = WTERMSIG(status);
-    }
-    return result;
+    return run_program(argv_text, env_text, false, 0, on_output_);
 }
 
 bool Restic::no_repository(const ResticRun& run) {

@@ -56,10 +56,11 @@ const char kUsage[] =
     "\tverify --export DIR    checks such a copy on its own; changes nothing\n"
     "\toffsite push [--if-configured]\n"
     "\t                       exports the shadow and backs it up to the [Offsite] repository\n"
-    "\toffsite snapshots      the pool's snapshots in the repository\n"
+    "\toffsite snapshots [--all-pools]  the pool's (every pool's) snapshots in the repository\n"
     "\toffsite check          checks the repository and the newest snapshot's export\n"
     "\toffsite restore [SNAPSHOT | latest] [--before TIME] [--dry-run]\n"
     "\t                       brings the shadow back and rebuilds every missing database\n"
+    "\toffsite unlock [--all] removes the repository's stale locks (--all: every lock)\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
 
@@ -81,13 +82,13 @@ struct Options {
 bool parse_offsite(Options* o, std::string* error) {
     koffsite::OffsiteOptions& off = o->offsite;
     const std::string& c = off.command;
-    if (c != "push" && c != "snapshots" && c != "check" && c != "restore") {
-        *error = c.empty() ? "offsite needs a command: push, snapshots, check or restore"
+    if (c != "push" && c != "snapshots" && c != "check" && c != "restore" && c != "unlock") {
+        *error = c.empty() ? "offsite needs a command: push, snapshots, check, restore or unlock"
                            : "unknown offsite command " + c;
         return false;
     }
-    if (o->all || o->missing || !o->export_dir.empty()) {
-        *error = "offsite " + c + " takes no --all, --missing or --export";
+    if ((o->all && c != "unlock") || (off.all && c != "snapshots") || o->missing || !o->export_dir.empty()) {
+        *error = "offsite " + c + " takes no --all, --all-pools, --missing or --export";
         return false;
     }
     if (!off.snapshot.empty() && c != "restore") {
@@ -103,6 +104,7 @@ bool parse_offsite(Options* o, std::string* error) {
         return false;
     }
     off.dry_run = o->dry_run;
+    off.all = off.all || o->all;
     off.json = o->output == Output::json;
     off.json_lines = o->output == Output::json_lines;
     return true;
@@ -124,8 +126,8 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
                 return false;
             }
             o->registry = argv[++i];
-        } else if (arg == "--all") {
-            o->all = true;
+        } else if (arg == "--all" || arg == "--all-pools") {
+            (arg == "--all" ? o->all : o->offsite.all) = true;
         } else if (arg == "--dry-run") {
             o->dry_run = true;
         } else if (arg == "--export") {
@@ -170,8 +172,8 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
 bool check_args(Options* o, std::string* error) {
     const std::string& c = o->command;
     if (c == "offsite") return parse_offsite(o, error);
-    if (o->offsite.has_before || o->offsite.if_configured) {
-        *error = "--before and --if-configured belong to offsite";
+    if (o->offsite.has_before || o->offsite.if_configured || o->offsite.all) {
+        *error = "--before, --if-configured and --all-pools belong to offsite";
         return false;
     }
     if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
@@ -220,27 +222,6 @@ bool check_args(Options* o, std::string* error) {
         if (getcwd(cwd, sizeof(cwd)) != nullptr) o->dir = std::string(cwd) + "/" + o->dir;
     }
     return true;
-}
-
-// The name of the command in reports.
-std::string command_name(const Options& o) {
-    if (o.command == "recover" && o.dry_run) return "recover --dry-run";
-    if (o.command == "recover" && o.missing) return "recover --missing";
-    return o.command;
-}
-
-// The work a command does on each database.
-Work work_of(const Options& o) {
-    if (o.command == "status") return Work::status;
-    if (o.command == "verify") return Work::verify;
-    if (o.command == "backup") return Work::backup;
-    return o.dry_run ? Work::plan : Work::recover;
-}
-
-const char* progress_verb(const Options& o) {
-    if (o.command == "backup") return "backing up";
-    if (o.command == "recover" && !o.dry_run) return "recovering";
-    return "checking";
 }
 
 // The one line of a command that could not run, or could not read what it
@@ -297,16 +278,17 @@ int run(const Options& o) {
         return kExitUsage;
     }
 
-    const std::string command = command_name(o);
+    const std::string command = o.command + (o.dry_run ? " --dry-run" : o.missing ? " --missing" : "");
     std::vector<DatabaseReport> reports;
     {
-        Progress progress(progress_verb(o), targets.size());
+        const Work work = work_of_command(o.command, o.dry_run);
+        Progress progress(work_verb(work), targets.size());
         for (size_t i = 0; i < targets.size(); ++i) {
             if (o.missing && has_live_file(targets[i])) continue;
             progress.step(i, targets[i].dir);
             DatabaseReport r;
             r.target = targets[i];
-            work_on_database(context, work_of(o), &r);
+            work_on_database(context, work, &r);
             reports.push_back(r);
             if (o.output == Output::json_lines) {
                 printf("%s\n", database_json(r).c_str());

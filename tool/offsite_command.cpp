@@ -9,6 +9,7 @@
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
 #include "tool/offsite_output.h"
+#include "tool/shadow_export_command.h"
 #include "tool/shadow_report.h"
 
 namespace koffsite {
@@ -18,6 +19,7 @@ namespace {
 using kshadow::cannot_run;
 using kshadow::kExitOk;
 using kshadow::kExitProblems;
+using kshadow::plural;
 using kshadow::problem_json;
 using ktool::json;
 using ktool::json_text;
@@ -110,8 +112,9 @@ void print_checked(const CheckResult& r, Output& out, json& summary, json& probl
         problems.push_back(problem_json(p));
     }
     uint64_t with_problems = 0;
-    for (const auto& report : r.reports) {
-        out.text(kshadow::database_text("verify --export", report));
+    for (size_t i = 0; i < r.reports.size(); ++i) {
+        const kshadow::DatabaseReport& report = r.reports[i];
+        out.text(kshadow::verified_block(r.manifest.databases[i], report));
         out.item(json::parse(kshadow::database_json(report)));
         if (!report.problems.empty()) ++with_problems;
         for (const auto& p : report.problems) problems.push_back(problem_json(p));
@@ -160,7 +163,7 @@ int run_check(CatalogShadowContext& context, const Restic& restic, const std::st
     }
     summary["problems"] = problems;
     out.text("offsite check: snapshot " + r.newest.short_id + " of " + ktool::iso8601_utc(r.newest.time) + ": " +
-             (problems.empty() ? std::string("all well") : std::to_string(problems.size()) + " problems"));
+             (problems.empty() ? std::string("all well") : plural(problems.size(), "problem")));
     return out.finish(summary, problems.empty() ? kExitOk : kExitProblems);
 }
 
@@ -177,7 +180,16 @@ int run_offsite(CatalogShadowContext& context, const std::string& cr_config, con
         return kExitOk;
     }
     if (opened != CR_STATUS_OK) return cannot_run(reason);
-    const Restic restic(config);
+    Restic restic(config);
+    restic.set_note(complain);
+    if (options.command == "unlock") {
+        Output out(options, "offsite unlock", "");
+        const std::string repository = shown_repository(config.repository);
+        if (restic.unlock(options.all, &reason) != CR_STATUS_OK) return out.fail("offsite unlock", reason);
+        out.text("offsite unlock: " + std::string(options.all ? "every lock" : "the stale locks") + " removed from " +
+                 repository);
+        return out.finish(json{{"repository", repository}, {"all", options.all}}, kExitOk);
+    }
     if (options.command == "push") return run_push(context, restic, root, options);
     if (options.command == "snapshots") return run_snapshots(restic, root, options);
     if (options.command == "check") return run_check(context, restic, root, options);
