@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "dct/fs.h"
 #include "kavrel_shadow_fixture.h"
 #include "offsite/json_text.h"
 
@@ -60,16 +61,68 @@ TEST_F(KavrelShadowTest, ADirectoryAboveADatabaseDirectoryIsAUsageError) {
     }
 }
 
-TEST(KavrelShadowManPageText, TheRepositoryKeyReadsAsWords) {
+// The manual page as a reader sees it, every run of blanks and line breaks
+// one blank, words unhyphenated; "" without groff.
+std::string rendered_page() {
     const char* src = getenv("KAVREL_SOURCE_DIR");
-    ASSERT_NE(nullptr, src);
-    if (kt::run_program("/bin/sh", {"-c", "command -v groff"}).exit_status != 0) GTEST_SKIP() << "no groff";
+    if (src == nullptr || kt::run_program("/bin/sh", {"-c", "command -v groff"}).exit_status != 0) return "";
     const kt::RunResult r = kt::run_program(
-        "/bin/sh", {"-c", "groff -man -Tascii -P-cbou \"$0\" | tr -s ' \\n' '  '", std::string(src) + "/tool/kavrel-shadow.8"});
-    ASSERT_EQ(0, r.exit_status) << r.err;
-    EXPECT_NE(std::string::npos, r.out.find("sftp:user@host:path, rest:url, s3:url, ...). Without it the offsite "
-                                            "commands cannot run (exit 3)."))
-        << r.out;
+        "/bin/sh", {"-c", "groff -man -rHY=0 -Tascii -P-cbou \"$0\" | tr -s ' \\n' '  '",
+                    std::string(src) + "/tool/kavrel-shadow.8"});
+    return r.exit_status == 0 ? r.out : "";
+}
+
+// `text` with every run of blanks and line breaks one blank.
+std::string squeezed(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        const bool blank = c == ' ' || c == '\n';
+        if (!blank || out.empty() || out.back() != ' ') out += blank ? ' ' : c;
+    }
+    return out;
+}
+
+TEST(KavrelShadowManPageText, TheRepositoryKeyReadsAsWords) {
+    const std::string page = rendered_page();
+    if (page.empty()) GTEST_SKIP() << "no groff";
+    EXPECT_NE(std::string::npos, page.find("sftp:user@host:path, rest:url, s3:url, ...). Without it the offsite "
+                                           "commands cannot run (exit 3)."))
+        << page;
+}
+
+// The runbook's way to take an existing pool under the shadow quotes what
+// the commands print.
+TEST_F(KavrelShadowTest, TheRunbookQuotesWhatInitAndBackupPrint) {
+    const std::string page = rendered_page();
+    if (page.empty()) GTEST_SKIP() << "no groff";
+    ASSERT_EQ(0, wa_deletetree(storage_));
+    kt::RunResult r = run({"status"});
+    EXPECT_EQ(3, r.exit_status);
+    const std::string off = "the catalog shadow of this pool is disabled or has lost its identity file";
+    EXPECT_NE(std::string::npos, r.err.find(off)) << r.err;
+    EXPECT_NE(std::string::npos, page.find(off));
+    r = run({"init"});
+    ASSERT_EQ(0, r.exit_status) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("  identity      created " + shadow_root_ + "/.catalog_shadow_identity\n"));
+    EXPECT_NE(std::string::npos, page.find("identity created shadow-root/.catalog_shadow_identity"));
+    r = run({"backup", "--all"});
+    ASSERT_EQ(0, r.exit_status) << r.out << r.err;
+    for (const std::string& line : {std::string("  backup        kept version 1\n"),
+                                    std::string("backup: 2 databases, 0 with problems, 0 problems, 2 recoverable\n")}) {
+        EXPECT_NE(std::string::npos, r.out.find(line)) << r.out;
+    }
+    EXPECT_NE(std::string::npos, page.find("backup kept version 1"));
+    EXPECT_NE(std::string::npos, page.find("backup: N databases, 0 with problems, 0 problems, N recoverable"));
+    r = run({"backup", "--all"});
+    const std::string unchanged = "  backup        unchanged version 1 (no change since the newest version)\n";
+    EXPECT_NE(std::string::npos, r.out.find(unchanged)) << r.out;
+    EXPECT_NE(std::string::npos, page.find(squeezed(unchanged).substr(1)));
+    // The lock lines of the offsite commands, as their tests pin them.
+    EXPECT_NE(std::string::npos, page.find("kavrel-shadow: removed a stale lock from the repository (locked by PID N "
+                                           "on host by user (UID u, GID g)): its holder is gone"));
+    EXPECT_NE(std::string::npos, page.find("; when no restic of this repository runs any more, kavrel-shadow offsite "
+                                           "unlock --all removes it"));
+    EXPECT_NE(std::string::npos, page.find("offsite unlock: the stale locks removed from REPOSITORY"));
 }
 
 }  // namespace
