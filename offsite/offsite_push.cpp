@@ -105,6 +105,7 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
 
 cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
     *r = PushResult();
+    const ProgressEnd progress_end(restic);
     r->repository = shown_repository(restic.config().repository);
     const std::string shadow_root = shadow_root_of(context);
     // A push that was killed leaves its scratch copy behind; it is ours.
@@ -117,6 +118,7 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     // The scratch copy is read at once and removed: it needs no sync.
     kshadow::ExportOptions scratch_copy;
     scratch_copy.durable = false;
+    restic.progress("exporting the shadow");
     const cr_status_t exported = kshadow::export_shadow(context, scratch_dir.path(), &r->exported, scratch_copy);
     if (exported != CR_STATUS_OK) {
         r->export_failed = true;
@@ -146,6 +148,7 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
 
 cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
     *r = CheckResult();
+    const ProgressEnd progress_end(restic);
     r->repository = shown_repository(restic.config().repository);
     const std::string shadow_root = shadow_root_of(context);
     ScratchLock lock;
@@ -172,6 +175,7 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
             restic.report("kavrel-shadow offsite check", CR_STATUS_CORRUPT, "restic restore", restored);
     } else {
         r->verified = true;
+        restic.progress("checking the snapshot's export");
         if (kshadow::verify_export(r->scratch + r->newest.path, &r->manifest, &r->reports) != CR_STATUS_OK) {
             r->unreadable =
                 "the export in snapshot " + r->newest.short_id + " cannot be read: " + r->manifest.reason;

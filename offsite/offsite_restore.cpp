@@ -357,6 +357,7 @@ std::string check_fetched(const std::string& export_dir, bool dry_run, RestoreRe
 cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                     const RestoreRequest& request, RestoreResult* r) {
     *r = RestoreResult();
+    const ProgressEnd progress_end(restic);
     std::string why;
     const cr_status_t loaded = context.load_configurations();
     const std::string shadow_root = shadow_root_of(context);
@@ -374,6 +375,7 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
     const std::string export_dir = scratch_dir->path() + r->snapshot.path;
     std::string failure = fetch(restic, r->snapshot, scratch_dir->path(), export_dir, request.dry_run);
     if (!failure.empty()) return stopped(r, Stop::failed, failure);
+    restic.progress("checking the snapshot's export");
     failure = check_fetched(export_dir, request.dry_run, r);
     if (!failure.empty()) {
         ErrorA(CR_STATUS_CORRUPT, "%s: %s", kFn, failure.c_str());
@@ -393,6 +395,9 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
     }
     for (const auto& db : r->manifest.databases) {
         RestoredDatabase d;
+        restic.progress(std::string(request.dry_run ? "planning " : "restoring ") +
+                        std::to_string(r->databases.size() + 1) + "/" +
+                        std::to_string(r->manifest.databases.size()) + " " + db.relative);
         restore_one(context, shadow_root, export_dir, db, request.dry_run, &d);
         r->problems += d.problems.size();
         r->rebuilt += d.live == "rebuilt" || d.live == "would rebuild" ? 1 : 0;

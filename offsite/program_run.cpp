@@ -35,17 +35,14 @@ int unlinked_file() {
     return fd;
 }
 
-// Appends what `fd` holds beyond `*offset`; true when there was something.
-bool read_new(int fd, off_t* offset, std::string* into) {
+// Appends what `fd` holds beyond `*offset`.
+void read_new(int fd, off_t* offset, std::string* into) {
     char buf[65536];
-    bool grew = false;
     ssize_t n;
     while ((n = pread(fd, buf, sizeof(buf), *offset)) > 0) {
         into->append(buf, static_cast<size_t>(n));
         *offset += n;
-        grew = true;
     }
-    return grew;
 }
 
 }  // namespace
@@ -103,7 +100,8 @@ ResticRun run_program(const std::vector<std::string>& argv_in, const std::vector
     long pause_us = 1000;
     for (;;) {
         const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (read_new(out_fd, &out_at, &result.out) && on_output) on_output(result.out);
+        read_new(out_fd, &out_at, &result.out);
+        if (on_output) on_output(result.out);
         read_new(err_fd, &err_at, &result.err);
         if (done == pid || (done < 0 && errno != EINTR)) break;
         if (timeout_seconds > 0 && std::chrono::steady_clock::now() > deadline) {

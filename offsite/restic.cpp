@@ -2,14 +2,17 @@
 #include "offsite/restic.h"
 
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <regex>
 
 #include "dct/inifile.h"
 #include "dct/log.h"
+#include "offsite/json_text.h"
 
 extern char** environ;
 
@@ -53,6 +56,38 @@ std::vector<std::string> lines_of(const std::string& text) {
         start = end + 1;
     }
     return lines;
+}
+
+// What a run of restic `command` does, for a progress line.
+std::string doing_of(const std::string& command) {
+    static const char* const kDoing[][2] = {
+        {"backup", "backing up to the repository"}, {"forget", "forgetting old snapshots"},
+        {"snapshots", "listing the snapshots"},      {"check", "checking the repository"},
+        {"restore", "fetching the snapshot"},        {"dump", "reading the snapshot's manifest"},
+        {"init", "initialising the repository"},     {"unlock", "removing stale locks"}};
+    for (const auto& d : kDoing) {
+        if (command == d[0]) return d[1];
+    }
+    return "restic " + command;
+}
+
+// The progress line of a restic run: its newest --json status line (backup
+// writes them) as a percentage and counts, else the seconds it has taken.
+std::string progress_text(const std::string& doing, const std::string& out, int64_t seconds) {
+    static const std::string kStatus = "{\"message_type\":\"status\"";
+    const size_t end = out.rfind('\n');
+    const size_t at = end == std::string::npos ? std::string::npos : out.rfind(kStatus, end);
+    if (at != std::string::npos) {
+        const ktool::json s = ktool::json::parse(out.substr(at, end - at), nullptr, false);
+        if (s.is_object()) {
+            char line[160];
+            snprintf(line, sizeof(line), "%s: %.0f%%, %llu of %llu files, %llu of %llu bytes", doing.c_str(),
+                     s.value("percent_done", 0.0) * 100, s.value("files_done", 0ULL), s.value("total_files", 0ULL),
+                     s.value("bytes_done", 0ULL), s.value("total_bytes", 0ULL));
+            return line;
+        }
+    }
+    return doing + " (" + std::to_string(seconds) + " s)";
 }
 
 }  // namespace
@@ -190,7 +225,17 @@ ResticRun Restic::run_once(const std::vector<std::string>& args) const {
         if (!overridden_by_us(*e)) env_text.push_back(*e);
     }
     env_text.push_back("RESTIC_REPOSITORY=" + config_.repository);
-    return run_program(argv_text, env_text, false, 0, on_output_);
+    std::function<void(const std::string&)> on_output;
+    if (progress_) {
+        const std::string doing = doing_of(args.front());
+        const auto started = std::chrono::steady_clock::now();
+        on_output = [this, doing, started](const std::string& out) {
+            const auto seconds =
+                std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started);
+            progress_(progress_text(doing, out, seconds.count()));
+        };
+    }
+    return run_program(argv_text, env_text, false, 0, on_output);
 }
 
 bool Restic::no_repository(const ResticRun& run) {

@@ -83,6 +83,15 @@ public:
     // Where the notes of a run go (a stale lock removed); none by default.
     void set_note(std::function<void(const std::string&)> note) { note_ = std::move(note); }
 
+    // Where a command says what it is doing, for a progress line, while it
+    // runs ("backing up: 42%, 3 of 9 files, ..."; "" when it is done); none
+    // by default. While restic runs, its --json status lines or the seconds
+    // it took so far are given.
+    void set_progress(std::function<void(const std::string&)> progress) { progress_ = std::move(progress); }
+    void progress(const std::string& what) const {
+        if (progress_) progress_(what);
+    }
+
     // Whether a run failed because no repository is there (restic says so in
     // these words; newer versions also exit with 10).
     static bool no_repository(const ResticRun& run);
@@ -106,7 +115,19 @@ private:
 
     OffsiteConfig config_;
     std::function<void(const std::string&)> note_;
-    std::function<void(const std::string&)> on_output_;
+    std::function<void(const std::string&)> progress_;
+};
+
+// Clears the progress line of a command when the command ends.
+class ProgressEnd {
+public:
+    explicit ProgressEnd(const Restic& restic) : restic_(restic) {}
+    ~ProgressEnd() { restic_.progress(""); }
+    ProgressEnd(const ProgressEnd&) = delete;
+    ProgressEnd& operator=(const ProgressEnd&) = delete;
+
+private:
+    const Restic& restic_;
 };
 
 // Runs `argv` (argv[0] found on PATH) with `envp` and standard input from
@@ -115,7 +136,7 @@ private:
 // child of its own session (no terminal to ask a password on). The child is
 // interrupted (SIGINT) when this process dies. With `timeout_seconds` > 0 it
 // (its process group) is killed after that long. `on_output`, when set, is
-// given standard output as it grows.
+// given standard output so far every few milliseconds while it runs.
 ResticRun run_program(const std::vector<std::string>& argv, const std::vector<std::string>& envp,
                       bool own_session, int timeout_seconds,
                       const std::function<void(const std::string&)>& on_output = nullptr);

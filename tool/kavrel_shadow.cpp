@@ -1,6 +1,6 @@
 // kavrel-shadow: the operator's command for the catalog shadow.
 //
-//   kavrel-shadow [--json | --json-lines] [--registry FILE] COMMAND [DATABASE-DIR | --all]
+//   kavrel-shadow [--json | --json-lines] [--quiet] [--registry FILE] COMMAND [DATABASE-DIR | --all]
 //
 // status and verify report on the live databases, their shadow versions and
 // journals, and whether a recovery would succeed; they and recover --dry-run
@@ -44,7 +44,7 @@ using namespace kshadow;
 
 const char kUsage[] =
     "Check, back up and restore the catalog shadow.\n"
-    "Usage:\tkavrel-shadow [--json | --json-lines] [--registry FILE] COMMAND [DATABASE-DIR | --all]\n"
+    "Usage:\tkavrel-shadow [--json | --json-lines] [--quiet] [--registry FILE] COMMAND [DATABASE-DIR | --all]\n"
     "Commands:\n"
     "\tstatus                 the live databases, their versions and journals (default --all)\n"
     "\tverify                 reads and checks everything; changes nothing (default --all)\n"
@@ -128,6 +128,8 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
             o->registry = argv[++i];
         } else if (arg == "--all" || arg == "--all-pools") {
             (arg == "--all" ? o->all : o->offsite.all) = true;
+        } else if (arg == "--quiet") {
+            Progress::silence();
         } else if (arg == "--dry-run") {
             o->dry_run = true;
         } else if (arg == "--export") {

@@ -9,6 +9,7 @@
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
 #include "tool/offsite_output.h"
+#include "tool/progress.h"
 #include "tool/shadow_export_command.h"
 #include "tool/shadow_report.h"
 
@@ -113,11 +114,10 @@ void print_checked(const CheckResult& r, Output& out, json& summary, json& probl
     }
     uint64_t with_problems = 0;
     for (size_t i = 0; i < r.reports.size(); ++i) {
-        const kshadow::DatabaseReport& report = r.reports[i];
-        out.text(kshadow::verified_block(r.manifest.databases[i], report));
-        out.item(json::parse(kshadow::database_json(report)));
-        if (!report.problems.empty()) ++with_problems;
-        for (const auto& p : report.problems) problems.push_back(problem_json(p));
+        out.text(kshadow::verified_block(r.manifest.databases[i], r.reports[i]));
+        out.item(json::parse(kshadow::database_json(r.reports[i])));
+        if (!r.reports[i].problems.empty()) ++with_problems;
+        for (const auto& p : r.reports[i].problems) problems.push_back(problem_json(p));
     }
     summary["databases"] = r.reports.size();
     summary["with_problems"] = with_problems;
@@ -182,13 +182,15 @@ int run_offsite(CatalogShadowContext& context, const std::string& cr_config, con
     if (opened != CR_STATUS_OK) return cannot_run(reason);
     Restic restic(config);
     restic.set_note(complain);
+    kshadow::Progress progress("", 0);
+    restic.set_progress([&progress](const std::string& what) { progress.show(what); });
     if (options.command == "unlock") {
         Output out(options, "offsite unlock", "");
-        const std::string repository = shown_repository(config.repository);
+        const std::string repo = shown_repository(config.repository);
         if (restic.unlock(options.all, &reason) != CR_STATUS_OK) return out.fail("offsite unlock", reason);
-        out.text("offsite unlock: " + std::string(options.all ? "every lock" : "the stale locks") + " removed from " +
-                 repository);
-        return out.finish(json{{"repository", repository}, {"all", options.all}}, kExitOk);
+        out.text(std::string("offsite unlock: ") + (options.all ? "every lock" : "the stale locks") +
+                 " removed from " + repo);
+        return out.finish(json{{"repository", repo}, {"all", options.all}}, kExitOk);
     }
     if (options.command == "push") return run_push(context, restic, root, options);
     if (options.command == "snapshots") return run_snapshots(restic, root, options);

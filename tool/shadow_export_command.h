@@ -16,8 +16,7 @@ namespace kshadow {
 // Exports the pool of `context` (started) into `dir`.
 int run_export(CatalogShadowContext& context, const std::string& dir, Output output, std::string* why);
 
-// The block of one database of a checked export: what `verify` prints, the
-// manifest's line in place of the live file's.
+// The block of a database of a checked export: verify's, the manifest's line for the live file's.
 std::string verified_block(const ExportedDatabase& db, const DatabaseReport& report);
 
 // Checks the export in `dir`; needs no configuration of a pool.
