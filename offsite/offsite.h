@@ -191,6 +191,14 @@ struct RestoreResult {
     uint64_t kept = 0;      // live databases kept (there and readable)
 };
 
+// The snapshot of `snapshots` (all pools') that `request` names: one whose id
+// begins with request.snapshot, of any pool, or with "" or "latest" the
+// newest of `pool`; each older than request.before when has_before. false
+// with `why` set when there is none (naming the other pools' snapshots when
+// only those are there).
+bool choose_snapshot(const std::vector<Snapshot>& snapshots, const std::string& pool, const RestoreRequest& request,
+                     Snapshot* chosen, std::string* why);
+
 // Restores the pool of `context` (constructed; its shadow is started here)
 // from a snapshot of `pool`. 0 when every database was worked on (their
 // problems counted in result->problems); otherwise the failing status with

@@ -43,32 +43,6 @@ namespace {
 
 const char* const kFn = "kavrel-shadow offsite restore";
 
-// The snapshot the options name: an id (or its prefix) of any pool, or the
-// newest of `pool`, each older than --before when given.
-bool choose_snapshot(const std::vector<Snapshot>& snapshots, const std::string& pool, const RestoreRequest& o,
-                     Snapshot* chosen, std::string* why) {
-    const bool latest = o.snapshot.empty() || o.snapshot == "latest";
-    size_t others = 0;
-    for (auto it = snapshots.rbegin(); it != snapshots.rend(); ++it) {
-        if (latest && it->pool != pool) {
-            ++others;
-            continue;
-        }
-        if (o.has_before && it->time >= o.before) continue;
-        if (!latest && it->id.compare(0, o.snapshot.size(), o.snapshot) != 0) continue;
-        *chosen = *it;
-        return true;
-    }
-    *why = latest ? "no snapshot of this pool" : "no snapshot " + o.snapshot + " in the repository";
-    if (o.has_before) *why += " before " + ktool::iso8601_utc(o.before);
-    if (latest && others > 0) {
-        *why += " (database root " + pool + "); the repository holds " + std::to_string(others) +
-                (others == 1 ? " snapshot" : " snapshots") +
-                " of other pools: offsite snapshots --all-pools lists them, offsite restore SNAPSHOT restores one here";
-    }
-    return false;
-}
-
 // Copies `from` to `to` through `to` ".restore" (private, synced, renamed
 // over). 0 or errno.
 int copy_synced(const std::string& from, const std::string& to) {

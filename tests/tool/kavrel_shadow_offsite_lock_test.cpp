@@ -143,9 +143,21 @@ TEST_F(OffsiteLockTest, ALockOfARunningResticIsNamedAndRemovedOnlyWhenAsked) {
         "kavrel-shadow: offsite push: restic forget failed \\(exit status 1\\): unable to create lock in backend: "
         "repository is already locked by PID [0-9]+ on [^ ]+ by [^ ]+ \\(UID [0-9]+, GID [0-9]+\\); when no restic "
         "of this repository runs any more, kavrel-shadow offsite unlock --all removes it\n");
-    kt::RunResult r = offsite({"push"});
+    // Shown: restic's first line of its own; logged: all it said.
+    const std::string log = pool_.dir().file("kavrel.log");
+    kt::RunOptions logged;
+    logged.set_env[appdb::kRegistryEnv] = pool_.registry();
+    logged.set_env["DCT_LOG"] = "file:" + log;
+    logged.set_env["RESTIC_CACHE_DIR"] = pool_.dir().file("restic-cache");
+    kt::RunResult r = kt::run_program(kst::shadow_binary(), {"offsite", "push"}, logged);
     EXPECT_EQ(1, r.exit_status) << r.out << r.err;
     EXPECT_TRUE(std::regex_match(r.err, locked)) << r.err;
+    EXPECT_TRUE(std::regex_search(kt::read_file(log),
+                                  std::regex("ERROR \\[4\\] kavrel-shadow offsite push: restic forget failed \\(exit "
+                                             "status 1\\): unable to create lock in backend: [^\n]* \\[unable to "
+                                             "create lock in backend: [^\n]*\\| the `unlock` command can be used "
+                                             "to remove stale locks\\]\n")))
+        << kt::read_file(log);
 
     r = offsite({"unlock"});
     EXPECT_EQ(0, r.exit_status) << r.err;
