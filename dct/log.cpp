@@ -64,6 +64,8 @@ struct default_sink {
     std::shared_ptr<dct::syslog_gate> gate;
     // Where the records go, for people: "standard error", "the file PATH"...
     std::string destination;
+    // Why DCT_LOG=file:PATH was not used ("" when it was, or was not asked for).
+    std::string unusable_file;
 
     // Whether a record of `level` would be kept (and so is worth formatting).
     bool keeps(dct::log_level level) const {
@@ -86,7 +88,7 @@ bool threshold_from_environment(dct::log_level* level, bool* invalid) {
 // The writer DCT_LOG chooses; for syslog also the gate that says whether a
 // daemon takes records (records it would not take are not handed to syslog).
 dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct::syslog_gate>* gate,
-                                  std::string* destination) {
+                                  std::string* destination, std::string* unusable_file) {
     if (choice == "stderr") {
         *destination = "standard error";
         auto s = std::make_shared<stream_sink>(stderr, false);
@@ -100,8 +102,9 @@ dct::log_sink make_default_writer(const std::string& choice, std::shared_ptr<dct
             return [s](dct::log_level l, cr_status_t st, const std::string& m) { s->write(l, st, m); };
         }
         // An unusable file falls back to syslog below rather than losing records.
+        *unusable_file = "DCT_LOG=" + choice + " cannot be opened: " + strerror(errno);
     }
-    *destination = "syslog";
+    *destination = unusable_file->empty() ? "syslog" : "syslog (" + *unusable_file + ")";
     openlog(program_invocation_short_name, LOG_PID, LOG_USER);
     *gate = std::make_shared<dct::syslog_gate>(kSyslogSocket, kSyslogProbeIntervalMs);
     return [](dct::log_level level, cr_status_t status, const std::string& message) {
@@ -139,7 +142,7 @@ default_sink make_default_sink(const dct::log_level* configured) {
     bool invalid = false;
     d.threshold_from_env = threshold_from_environment(&d.threshold, &invalid);
     if (!d.threshold_from_env && configured != nullptr) d.threshold = *configured;
-    d.write = make_default_writer(choice, &d.gate, &d.destination);
+    d.write = make_default_writer(choice, &d.gate, &d.destination, &d.unusable_file);
     if (invalid) {
         try {
             d.write(dct::log_level::warning, CR_STATUS_FAILED,
@@ -299,6 +302,9 @@ std::string log_destination() {
             s.fallback_made = true;
         }
         if (s.fallback.gate && !s.fallback.gate->open()) {
+            if (!s.fallback.unusable_file.empty()) {
+                return "nowhere: " + s.fallback.unusable_file + ", and no syslog daemon listens on /dev/log";
+            }
             return "nowhere: no syslog daemon listens on /dev/log (DCT_LOG=stderr or DCT_LOG=file:PATH keeps them)";
         }
         return s.fallback.destination;

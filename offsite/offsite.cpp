@@ -35,6 +35,22 @@ std::string pool_tag(const std::string& pool) {
     return tag;
 }
 
+std::string pool_of_tag(const std::string& value) {
+    std::string pool;
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value.compare(i, 3, "%25") == 0) {
+            pool += '%';
+            i += 2;
+        } else if (value.compare(i, 3, "%2C") == 0) {
+            pool += ',';
+            i += 2;
+        } else {
+            pool += value[i];
+        }
+    }
+    return pool;
+}
+
 bool parse_restic_time(const std::string& text, int64_t* seconds) {
     // The fraction of a second does not matter for choosing a snapshot.
     static const std::regex kFraction("\\.[0-9]+");
@@ -75,6 +91,7 @@ bool snapshot_of(const ktool::json& s, Snapshot* snap) {
     if (tags != s.end()) {
         snap->databases = tag_value(*tags, "kavrel-databases=");
         snap->rows = tag_value(*tags, "kavrel-rows=");
+        snap->pool = pool_of_tag(tag_value(*tags, kPoolTag));
     }
     if (snap->id.empty() || !parse_restic_time(snap->time_text, &snap->time)) return false;
     if (snap->short_id.empty()) snap->short_id = snap->id.substr(0, 8);
@@ -82,12 +99,14 @@ bool snapshot_of(const ktool::json& s, Snapshot* snap) {
 }
 
 cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::vector<Snapshot>* snapshots,
-                           std::string* reason) {
+                           std::string* reason, size_t* other_pools) {
     snapshots->clear();
-    const ResticRun run = restic.run({"snapshots", "--json", "--tag", pool_tag(pool)});
+    if (other_pools != nullptr) *other_pools = 0;
+    std::vector<std::string> args = {"snapshots", "--json"};
+    if (!pool.empty() && other_pools == nullptr) args.insert(args.end(), {"--tag", pool_tag(pool)});
+    const ResticRun run = restic.run(args);
     if (!run.ok()) {
-        *reason = restic.failure("restic snapshots", run);
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite", reason->c_str());
+        *reason = restic.report("kavrel-shadow offsite", CR_STATUS_FAILED, "restic snapshots", run);
         return CR_STATUS_FAILED;
     }
     const ktool::json list = ktool::json::parse(run.out, nullptr, false);
@@ -98,11 +117,41 @@ cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::v
     }
     for (const auto& s : list) {
         Snapshot snap;
-        if (snapshot_of(s, &snap)) snapshots->push_back(snap);
+        if (!snapshot_of(s, &snap)) continue;
+        if (snap.pool.empty()) continue;  // no snapshot of a pool
+        if (!pool.empty() && snap.pool != pool) {
+            if (other_pools != nullptr) ++*other_pools;
+            continue;
+        }
+        snapshots->push_back(snap);
     }
     std::stable_sort(snapshots->begin(), snapshots->end(),
                      [](const Snapshot& a, const Snapshot& b) { return a.time < b.time; });
     return CR_STATUS_OK;
+}
+
+bool choose_snapshot(const std::vector<Snapshot>& snapshots, const std::string& pool, const RestoreRequest& o,
+                     Snapshot* chosen, std::string* why) {
+    const bool latest = o.snapshot.empty() || o.snapshot == "latest";
+    size_t others = 0;
+    for (auto it = snapshots.rbegin(); it != snapshots.rend(); ++it) {
+        if (latest && it->pool != pool) {
+            ++others;
+            continue;
+        }
+        if (o.has_before && it->time >= o.before) continue;
+        if (!latest && it->id.compare(0, o.snapshot.size(), o.snapshot) != 0) continue;
+        *chosen = *it;
+        return true;
+    }
+    *why = latest ? "no snapshot of this pool" : "no snapshot " + o.snapshot + " in the repository";
+    if (o.has_before) *why += " before " + ktool::iso8601_utc(o.before);
+    if (latest && others > 0) {
+        *why += " (database root " + pool + "); the repository holds " + std::to_string(others) +
+                (others == 1 ? " snapshot" : " snapshots") +
+                " of other pools: offsite snapshots --all-pools lists them, offsite restore SNAPSHOT restores one here";
+    }
+    return false;
 }
 
 std::string scratch_path(const std::string& shadow_root, const std::string& what) {

@@ -48,6 +48,9 @@ extern const char* const kPoolTag;
 // "%" and "," (restic's tag separator) written as %25 and %2C.
 std::string pool_tag(const std::string& pool);
 
+// The pool a tag's value (after kPoolTag) names: pool_tag undone.
+std::string pool_of_tag(const std::string& value);
+
 // One snapshot of the pool in the repository.
 struct Snapshot {
     std::string id;
@@ -58,16 +61,19 @@ struct Snapshot {
     std::string path;       // the export directory it holds
     std::string databases;  // from its tags ("" when absent)
     std::string rows;
+    std::string pool;       // the database root of the pool it was taken from
 };
 
 // The snapshot restic describes in `object` (an entry of `snapshots --json`
 // or of a group of `forget --json`); false when it is not a snapshot.
 bool snapshot_of(const ktool::json& object, Snapshot* snapshot);
 
-// The snapshots of `pool`, oldest first. 0, or 4 with `reason` (restic's
-// message and status; logged).
+// The snapshots of `pool`, oldest first; with `pool` "" those of every pool
+// in the repository (every snapshot tagged with a pool). `other_pools`, when
+// given, counts the snapshots of other pools. 0, or 4 with `reason`
+// (restic's message and status; logged).
 cr_status_t list_snapshots(const Restic& restic, const std::string& pool, std::vector<Snapshot>* snapshots,
-                           std::string* reason);
+                           std::string* reason, size_t* other_pools = nullptr);
 
 // A time as restic prints it ("2026-11-25T14:30:00.123+01:00") in seconds
 // since the epoch; false when the text is not such a time.
@@ -159,7 +165,10 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
 
 // What restore is asked for.
 struct RestoreRequest {
-    std::string snapshot;  // an id (or its prefix), "" or "latest": the newest
+    // An id (or its prefix) of a snapshot of any pool in the repository,
+    // restored into this server's roots; "" or "latest": the newest of this
+    // pool.
+    std::string snapshot;
     bool has_before = false;
     int64_t before = 0;    // the newest snapshot older than this
     bool dry_run = false;  // only the plan
@@ -191,8 +200,16 @@ struct RestoreResult {
     uint64_t problems = 0;
     uint64_t rebuilt = 0;   // databases rebuilt (or to rebuild)
     uint64_t restored = 0;  // shadows restored (or to restore)
-    uint64_t kept = 0;      // shadow and live database both kept
+    uint64_t kept = 0;      // live databases kept (there and readable)
 };
+
+// The snapshot of `snapshots` (all pools') that `request` names: one whose id
+// begins with request.snapshot, of any pool, or with "" or "latest" the
+// newest of `pool`; each older than request.before when has_before. false
+// with `why` set when there is none (naming the other pools' snapshots when
+// only those are there).
+bool choose_snapshot(const std::vector<Snapshot>& snapshots, const std::string& pool, const RestoreRequest& request,
+                     Snapshot* chosen, std::string* why);
 
 // Restores the pool of `context` (constructed; its shadow is started here)
 // from a snapshot of `pool`. 0 when every database was worked on (their

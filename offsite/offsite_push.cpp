@@ -68,8 +68,8 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
     const ResticRun backup = restic.run(args);
     *summary = backup_summary(backup.out);
     if (backup.ok() && summary->is_object()) return CR_STATUS_OK;
-    const std::string failure = restic.failure("restic backup", backup);
-    ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", failure.c_str());
+    const std::string failure =
+        restic.report("kavrel-shadow offsite push", CR_STATUS_FAILED, "restic backup", backup);
     r->restic_exit_status = backup.exit_status;
     return stopped(r, Restic::could_not_open(backup) ? Stop::not_started : Stop::failed, failure);
 }
@@ -78,6 +78,7 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
 
 cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
     *r = PushResult();
+    const ProgressEnd progress_end(restic);
     r->repository = shown_repository(restic.config().repository);
     const std::string shadow_root = shadow_root_of(context);
     // A push that was killed leaves its scratch copy behind; it is ours.
@@ -103,6 +104,7 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     // The scratch copy is read at once and removed: it needs no sync.
     kshadow::ExportOptions scratch_copy;
     scratch_copy.durable = false;
+    restic.progress("exporting the shadow");
     const cr_status_t exported = kshadow::export_shadow(context, scratch_dir.path(), &r->exported, scratch_copy);
     if (exported != CR_STATUS_OK) {
         r->export_failed = true;
@@ -133,6 +135,7 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
 
 cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
     *r = CheckResult();
+    const ProgressEnd progress_end(restic);
     r->repository = shown_repository(restic.config().repository);
     const std::string shadow_root = shadow_root_of(context);
     ScratchLock lock;
@@ -149,8 +152,8 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     const ResticRun checked = restic.run({"check"});
     r->repository_ok = checked.ok();
     if (!checked.ok()) {
-        r->repository_failure = restic.failure("restic check", checked);
-        ErrorA(CR_STATUS_CORRUPT, "%s: %s", "kavrel-shadow offsite check", r->repository_failure.c_str());
+        r->repository_failure =
+            restic.report("kavrel-shadow offsite check", CR_STATUS_CORRUPT, "restic check", checked);
     }
     if (snapshots.empty()) return CR_STATUS_OK;
     r->has_snapshot = true;
@@ -160,10 +163,11 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     if (!scratch_dir.remove()) return stopped(r, Stop::not_started, "cannot remove the scratch directory " + r->scratch);
     const ResticRun restored = restic.run({"restore", r->newest.id, "--target", r->scratch});
     if (!restored.ok()) {
-        r->restore_failure = restic.failure("restic restore", restored);
-        ErrorA(CR_STATUS_CORRUPT, "%s: %s", "kavrel-shadow offsite check", r->restore_failure.c_str());
+        r->restore_failure =
+            restic.report("kavrel-shadow offsite check", CR_STATUS_CORRUPT, "restic restore", restored);
     } else {
         r->verified = true;
+        restic.progress("checking the snapshot's export");
         if (kshadow::verify_export(r->scratch + r->newest.path, &r->manifest, &r->reports) != CR_STATUS_OK) {
             r->unreadable =
                 "the export in snapshot " + r->newest.short_id + " cannot be read: " + r->manifest.reason;

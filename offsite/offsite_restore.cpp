@@ -153,6 +153,15 @@ void check_result(const kshadow::ExportedDatabase& db, RestoredDatabase* out) {
     kshadow::inspect_database(kshadow::Depth::status, &out->report);
     kshadow::check_live_database(&out->report);
     const kshadow::LiveState& l = out->report.live;
+    if (out->live == "kept") {
+        // Kept, never overwritten; but a damaged one is the operator's to rebuild.
+        if (l.integrity == kshadow::kBad || l.row_checksums == kshadow::kBad) {
+            out->problems.push_back("the live database that was kept is damaged (integrity " + l.integrity +
+                                    ", row checksums " + l.row_checksums + "): kavrel-shadow recover " +
+                                    out->report.target.dir + " rebuilds it");
+        }
+        return;
+    }
     if (out->live != "rebuilt") return;
     if (l.integrity != kshadow::kOk) out->problems.push_back("the rebuilt database fails the integrity check");
     if (l.row_checksums != kshadow::kOk) out->problems.push_back("the rebuilt database fails a row checksum");
@@ -184,8 +193,14 @@ void restore_one(CatalogShadowContext& context, const std::string& shadow_root, 
     kshadow::Target& t = out->report.target;
     t.type = db.target.type;
     t.shadow_dir = shadow_root + "/" + db.relative;
+    // Mapped into this server's roots, whatever the roots of the pool the
+    // snapshot was taken from.
     t.dir = context.shadow_to_real_path(t.shadow_dir, t.type);
-    if (t.dir.empty()) t.dir = db.target.dir;
+    if (t.dir.empty()) {
+        out->problems.push_back("no directory of this pool for " + db.relative);
+        out->shadow = out->live = "failed";
+        return;
+    }
     t.db_path = dct::pool_layout::db_file_in(t.dir, t.type);
     out->rows_known = db.rows_known;
     out->rows_expected = db.rows;
@@ -286,24 +301,30 @@ std::unique_ptr<kshadow::ScratchDir> scratch_for(const std::string& shadow_root,
 }
 
 // Brings the snapshot's export (a dry run: its manifest alone) into
-// `export_dir`; "" or why it failed.
+// `export_dir`; "" or why it failed (logged).
 std::string fetch(const Restic& restic, const Snapshot& snap, const std::string& scratch,
                   const std::string& export_dir, bool dry_run) {
     const ResticRun fetched = dry_run ? restic.run({"dump", snap.id, snap.path + "/" + kshadow::kManifestName})
                                       : restic.run({"restore", snap.id, "--target", scratch});
-    if (!fetched.ok()) return restic.failure(dry_run ? "restic dump" : "restic restore", fetched);
+    if (!fetched.ok()) {
+        return restic.report(kFn, CR_STATUS_FAILED, dry_run ? "restic dump" : "restic restore", fetched);
+    }
     if (!dry_run) return "";
+    std::string why;
     if (wa_createtree(export_dir, dct::private_dir_mode) != 0) {
-        return "cannot create " + export_dir + ": " + strerror(errno);
+        why = "cannot create " + export_dir + ": " + strerror(errno);
+        ErrorA(CR_STATUS_FAILED, "%s: %s", kFn, why.c_str());
+        return why;
     }
     dct::atomic_write_options unsynced;
     unsynced.sync = false;
     dct::file_failure failure;
     if (dct::write_file_atomic(export_dir, export_dir + "/" + kshadow::kManifestName, fetched.out, unsynced,
                                &failure) != CR_STATUS_OK) {
-        return "cannot write " + failure.path + ": " + strerror(failure.error);
+        why = "cannot write " + failure.path + ": " + strerror(failure.error);
+        ErrorA(failure.status, "%s: %s", kFn, why.c_str());
     }
-    return "";
+    return why;
 }
 
 // Reads (a dry run) or checks the fetched export; the databases with
@@ -327,6 +348,7 @@ std::string check_fetched(const std::string& export_dir, bool dry_run, RestoreRe
 cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                     const RestoreRequest& request, RestoreResult* r) {
     *r = RestoreResult();
+    const ProgressEnd progress_end(restic);
     std::string why;
     const cr_status_t loaded = context.load_configurations();
     const std::string shadow_root = shadow_root_of(context);
@@ -343,8 +365,8 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
         return stopped(r, Stop::not_started, why);
     }
     std::vector<Snapshot> snapshots;
-    if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
-    if (!choose_snapshot(snapshots, wanted, &r->snapshot, &why)) return stopped(r, Stop::failed, why);
+    if (list_snapshots(restic, "", &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    if (!choose_snapshot(snapshots, pool, wanted, &r->snapshot, &why)) return stopped(r, Stop::failed, why);
     r->chosen = true;
 
     ScratchLock lock;
@@ -352,10 +374,8 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
     if (!scratch_dir) return stopped(r, Stop::not_started, why);
     const std::string export_dir = scratch_dir->path() + r->snapshot.path;
     std::string failure = fetch(restic, r->snapshot, scratch_dir->path(), export_dir, request.dry_run);
-    if (!failure.empty()) {
-        ErrorA(CR_STATUS_FAILED, "%s: %s", kFn, failure.c_str());
-        return stopped(r, Stop::failed, failure);
-    }
+    if (!failure.empty()) return stopped(r, Stop::failed, failure);
+    restic.progress("checking the snapshot's export");
     failure = check_fetched(export_dir, request.dry_run, r);
     if (!failure.empty()) {
         ErrorA(CR_STATUS_CORRUPT, "%s: %s", kFn, failure.c_str());
@@ -380,13 +400,16 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
     bool failed = false;
     for (const auto& db : r->manifest.databases) {
         RestoredDatabase d;
+        restic.progress(std::string(request.dry_run ? "planning " : "restoring ") +
+                        std::to_string(r->databases.size() + 1) + "/" +
+                        std::to_string(r->manifest.databases.size()) + " " + db.relative);
         restore_one(context, shadow_root, export_dir, db, request.dry_run, &d);
         failed = failed || d.shadow == "failed" || d.live == "failed";
         if (!request.dry_run && marking.done(db.relative + "/" + db.target.type, &why) != CR_STATUS_OK) ++r->problems;
         r->problems += d.problems.size();
         r->rebuilt += d.live == "rebuilt" || d.live == "would rebuild" ? 1 : 0;
         r->restored += d.shadow == "restored" || d.shadow == "would restore" ? 1 : 0;
-        r->kept += d.shadow == "kept" && d.live == "kept" ? 1 : 0;
+        r->kept += d.live == "kept" ? 1 : 0;
         r->databases.push_back(d);
     }
     if (!scratch_dir->remove()) ++r->problems;

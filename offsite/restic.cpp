@@ -2,22 +2,17 @@
 #include "offsite/restic.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
+#include <stdio.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdint>
+#include <chrono>
 #include <regex>
 
 #include "dct/inifile.h"
 #include "dct/log.h"
+#include "offsite/json_text.h"
 
 extern char** environ;
 
@@ -44,73 +39,66 @@ bool overridden_by_us(const char* entry) {
     return false;
 }
 
-// Milliseconds of the monotonic clock: the grace a stopped restic gets is a
-// real wait on another process, which no replaced clock may shorten.
-int64_t monotonic_ms() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// Reads both pipes until the child closes them, so that neither fills up,
-// and hands every complete line of standard error to `line_done`. Once that
-// asks for a stop, the child gets SIGINT, and SIGKILL when it has not ended
-// 5 seconds later.
-void collect(pid_t child, int out_fd, int err_fd, std::string* out, std::string* err,
-             const std::function<bool(const std::string&)>& line_done) {
-    struct pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-    std::string* sinks[2] = {out, err};
-    int open_fds = 2;
-    char buf[65536];
-    size_t line_start = 0;
-    int64_t kill_at = -1;  // while stopping: when SIGKILL follows SIGINT
-    bool killed = false;
-    while (open_fds > 0) {
-        const int64_t left = kill_at < 0 || killed ? -1 : std::max<int64_t>(0, kill_at - monotonic_ms());
-        const int ready = poll(fds, 2, static_cast<int>(left));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) break;
-        if (kill_at >= 0 && !killed && monotonic_ms() >= kill_at) {
-            kill(child, SIGKILL);
-            killed = true;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open_fds;
-            }
-        }
-        for (size_t nl; kill_at < 0 && (nl = err->find('\n', line_start)) != std::string::npos;
-             line_start = nl + 1) {
-            if (line_done(err->substr(line_start, nl - line_start))) {
-                kill(child, SIGINT);
-                kill_at = monotonic_ms() + 5000;
-            }
-        }
-    }
-}
-
-// The last non-empty line of `text` that holds `marker`, from the marker on
-// (restic may print "Fatal:" straight after another message, without a line
-// break between).
-std::string last_line_with(const std::string& text, const std::string& marker) {
-    std::string found;
+// The lines of `text`, without their ends and trailing blanks, the empty
+// ones left out.
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
     size_t start = 0;
     while (start < text.size()) {
         size_t end = text.find('\n', start);
         if (end == std::string::npos) end = text.size();
         std::string line = text.substr(start, end - start);
+        // restic's progress lines begin by clearing the terminal's line.
+        const size_t clear = line.rfind("\x1b[2K");
+        if (clear != std::string::npos) line.erase(0, clear + 4);
         while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-        const size_t at = line.find(marker);
-        if (!line.empty() && at != std::string::npos) found = line.substr(at);
+        if (!line.empty()) lines.push_back(line);
         start = end + 1;
     }
+    return lines;
+}
+
+// The last line of `text` that holds `marker`, from the marker on (restic may
+// print "Fatal:" straight after another message, without a line break).
+std::string last_line_with(const std::string& text, const std::string& marker) {
+    std::string found;
+    for (const std::string& line : lines_of(text)) {
+        const size_t at = line.find(marker);
+        if (at != std::string::npos) found = line.substr(at);
+    }
     return found;
+}
+
+// What a run of restic `command` does, for a progress line.
+std::string doing_of(const std::string& command) {
+    static const char* const kDoing[][2] = {
+        {"backup", "backing up to the repository"}, {"forget", "forgetting old snapshots"},
+        {"snapshots", "listing the snapshots"},      {"check", "checking the repository"},
+        {"restore", "fetching the snapshot"},        {"dump", "reading the snapshot's manifest"},
+        {"init", "initialising the repository"},     {"unlock", "removing stale locks"}};
+    for (const auto& d : kDoing) {
+        if (command == d[0]) return d[1];
+    }
+    return "restic " + command;
+}
+
+// The progress line of a restic run: its newest --json status line (backup
+// writes them) as a percentage and counts, else the seconds it has taken.
+std::string progress_text(const std::string& doing, const std::string& out, int64_t seconds) {
+    static const std::string kStatus = "{\"message_type\":\"status\"";
+    const size_t end = out.rfind('\n');
+    const size_t at = end == std::string::npos ? std::string::npos : out.rfind(kStatus, end);
+    if (at != std::string::npos) {
+        const ktool::json s = ktool::json::parse(out.substr(at, end - at), nullptr, false);
+        if (s.is_object()) {
+            char line[160];
+            snprintf(line, sizeof(line), "%s: %.0f%%, %llu of %llu files, %llu of %llu bytes", doing.c_str(),
+                     s.value("percent_done", 0.0) * 100, s.value("files_done", 0ULL), s.value("total_files", 0ULL),
+                     s.value("bytes_done", 0ULL), s.value("total_bytes", 0ULL));
+            return line;
+        }
+    }
+    return doing + " (" + std::to_string(seconds) + " s)";
 }
 
 // restic's command line: the password file, the CA and SFTP command when
@@ -198,11 +186,25 @@ std::string find_on_path(const std::string& program) {
 std::string ResticRun::message() const {
     if (!started) return error;
     if (!stop_line.empty()) return stop_line;
-    std::string line = last_line_with(err, "Fatal:");
-    if (line.empty()) line = last_line_with(err, "");
-    if (!line.empty()) return line;
-    if (signal != 0) return std::string("ended by signal ") + strsignal(signal);
-    return "exit status " + std::to_string(exit_status);
+    std::string line;
+    for (const std::string& l : lines_of(err)) {
+        if (l.compare(0, 11, "subprocess ") == 0 || l.find("signal interrupt received") != std::string::npos) continue;
+        line = l;
+        break;
+    }
+    if (line.empty() && signal != 0) line = std::string("ended by signal ") + strsignal(signal);
+    if (line.empty()) line = "exit status " + std::to_string(exit_status);
+    return ssh_error.empty() ? line : line + " (" + ssh_error + ")";
+}
+
+std::string Restic::masked(std::string text) const {
+    const std::string shown = shown_repository(config_.repository);
+    if (shown == config_.repository) return text;
+    for (size_t at = text.find(config_.repository); at != std::string::npos;
+         at = text.find(config_.repository, at + shown.size())) {
+        text.replace(at, config_.repository.size(), shown);
+    }
+    return text;
 }
 
 std::string Restic::failure(const std::string& what, const ResticRun& run) const {
@@ -216,13 +218,20 @@ std::string Restic::failure(const std::string& what, const ResticRun& run) const
     } else {
         text = what + " failed (exit status " + std::to_string(run.exit_status) + "): " + run.message();
     }
-    const std::string shown = shown_repository(config_.repository);
-    if (shown == config_.repository) return text;
-    for (size_t at = text.find(config_.repository); at != std::string::npos;
-         at = text.find(config_.repository, at + shown.size())) {
-        text.replace(at, config_.repository.size(), shown);
+    if (run.locked) {
+        text += "; when no restic of this repository runs any more, kavrel-shadow offsite unlock --all removes it";
     }
-    return text;
+    return masked(text);
+}
+
+std::string Restic::report(const char* function, cr_status_t status, const std::string& what,
+                           const ResticRun& run) const {
+    std::string whole;
+    for (const std::string& l : lines_of(run.err)) whole += (whole.empty() ? "" : " | ") + l;
+    if (!run.ssh_error.empty()) whole += (whole.empty() ? "" : " | ") + run.ssh_error;
+    const std::string shown = failure(what, run);
+    ErrorA(status, "%s: %s [%s]", function, shown.c_str(), masked(whole).c_str());
+    return shown;
 }
 
 cr_status_t Restic::usable(std::string* reason) const {
@@ -263,60 +272,26 @@ cr_status_t Restic::usable(std::string* reason) const {
     return CR_STATUS_OK;
 }
 
-ResticRun Restic::run(const std::vector<std::string>& args, const StopRule& stop) const {
-    ResticRun result;
-    const std::string program = find_on_path("restic");
-    if (program.empty()) {
-        result.error = "the restic program is not installed (not found on PATH)";
-        return result;
-    }
+ResticRun Restic::run_once(const std::vector<std::string>& args, const StopRule& stop) const {
     std::vector<std::string> argv_text = command_line(config_, args);
     std::vector<std::string> env_text;
     for (char** e = environ; *e != nullptr; ++e) {
         if (!overridden_by_us(*e)) env_text.push_back(*e);
     }
     env_text.push_back("RESTIC_REPOSITORY=" + config_.repository);
-    // Built before the fork: the child only calls what is safe there.
-    std::vector<char*> argv, envp;
-    for (std::string& a : argv_text) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    for (std::string& e : env_text) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-
-    int out_pipe[2], err_pipe[2];
-    if (pipe2(out_pipe, O_CLOEXEC) != 0) {
-        result.error = std::string("pipe: ") + strerror(errno);
-        return result;
+    std::function<void(const std::string&)> on_output;
+    if (progress_) {
+        const std::string doing = doing_of(args.front());
+        const auto started = std::chrono::steady_clock::now();
+        on_output = [this, doing, started](const std::string& out) {
+            const auto seconds =
+                std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started);
+            progress_(progress_text(doing, out, seconds.count()));
+        };
     }
-    if (pipe2(err_pipe, O_CLOEXEC) != 0) {
-        result.error = std::string("pipe: ") + strerror(errno);
-        close(out_pipe[0]);
-        close(out_pipe[1]);
-        return result;
-    }
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        result.error = std::string("fork: ") + strerror(errno);
-        for (int fd : {out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) close(fd);
-        return result;
-    }
-    if (pid == 0) {
-        // restic must not outlive a push that was killed.
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent) _exit(127);
-        const int null_fd = open("/dev/null", O_RDONLY);
-        if (null_fd >= 0) dup2(null_fd, 0);
-        dup2(out_pipe[1], 1);
-        dup2(err_pipe[1], 2);
-        execve(program.c_str(), argv.data(), envp.data());
-        _exit(127);
-    }
-    close(out_pipe[1]);
-    close(err_pipe[1]);
-    result.started = true;
+    ResticRun result;
     unsigned long retries = 0;
-    collect(pid, out_pipe[0], err_pipe[0], &result.out, &result.err, [&](const std::string& line) {
+    auto stop_on = [&](const std::string& line) {
         result.stopped = stop ? stop(line) : "";
         if (result.stopped.empty() && config_.retry_limit > 0 &&
             line.find(" returned error, retrying after ") != std::string::npos && ++retries > config_.retry_limit) {
@@ -325,16 +300,11 @@ ResticRun Restic::run(const std::vector<std::string>& args, const StopRule& stop
         }
         if (!result.stopped.empty()) result.stop_line = line;
         return !result.stopped.empty();
-    });
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) {
-        result.exit_status = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.signal = WTERMSIG(status);
-    }
-    return result;
+    };
+    ResticRun run = run_program(argv_text, env_text, false, 0, on_output, stop_on);
+    run.stopped = result.stopped;
+    run.stop_line = result.stop_line;
+    return run;
 }
 
 bool Restic::no_repository(const ResticRun& run) {

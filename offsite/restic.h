@@ -58,9 +58,14 @@ struct ResticRun {
     std::string out;  // standard output
     std::string err;  // standard error
     std::string error;
+    // ssh's last line when restic could not start its SFTP session (ssh run
+    // again on its own to hear it: restic may drop ssh's words), else "".
+    std::string ssh_error;
+    bool locked = false;  // still failed on a lock held by a live restic (or another host's)
     // The line that says what went wrong: the line restic was stopped on,
-    // else restic's last "Fatal:" line, else its last line of standard
-    // error, else the signal or status.
+    // else restic's first line of standard error that is its own (not a
+    // relayed "subprocess" line), with ssh's line after it; else the signal
+    // or status.
     std::string message() const;
     bool ok() const { return started && exit_status == 0; }
 };
@@ -81,11 +86,33 @@ public:
 
     // Runs `restic` with the repository, the password file, the SFTP
     // command, the CA file and `args`, and collects what it writes. The child
-    // ends with this process (a killed push leaves no restic behind). restic
-    // is stopped (SIGINT, so that it removes its lock; SIGKILL when it has
-    // not ended 5 seconds later) on the first line `stop` gives a reason for,
-    // or when its retries exceed [Offsite] RetryLimit.
+    // ends with this process: it is interrupted (SIGINT, on which restic
+    // removes its lock) when this process dies, however it dies. restic is
+    // stopped (SIGINT; SIGKILL when it has not ended 5 seconds later) on the
+    // first line `stop` gives a reason for, or when its retries exceed
+    // [Offsite] RetryLimit.
+    // A run that meets a lock runs `restic unlock`, which removes only the
+    // locks whose holder is gone (a restic of this host that no longer
+    // runs, or a lock not refreshed for 30 minutes), and runs once more; a
+    // lock removed so is told to the note function and logged. A run that
+    // cannot start its SFTP session asks ssh why (ssh_error).
     ResticRun run(const std::vector<std::string>& args, const StopRule& stop = StopRule()) const;
+
+    // `restic unlock` (with --remove-all when `all`: every lock, also those
+    // of running restics). 0, or 4 with `reason` set (logged).
+    cr_status_t unlock(bool all, std::string* reason) const;
+
+    // Where the notes of a run go (a stale lock removed); none by default.
+    void set_note(std::function<void(const std::string&)> note) { note_ = std::move(note); }
+
+    // Where a command says what it is doing, for a progress line, while it
+    // runs ("backing up: 42%, 3 of 9 files, ..."; "" when it is done); none
+    // by default. While restic runs, its --json status lines or the seconds
+    // it took so far are given.
+    void set_progress(std::function<void(const std::string&)> progress) { progress_ = std::move(progress); }
+    void progress(const std::string& what) const {
+        if (progress_) progress_(what);
+    }
 
     // Whether a run failed because no repository is there (restic says so in
     // these words; newer versions also exit with 10), not because the
@@ -98,12 +125,54 @@ public:
     // "WHAT failed (exit status N): MESSAGE", the repository masked as
     // shown_repository does wherever restic repeated it.
     std::string failure(const std::string& what, const ResticRun& run) const;
+    // failure(), after logging it once with all that restic wrote to its
+    // standard error (each line, masked, separated by " | ").
+    std::string report(const char* function, cr_status_t status, const std::string& what,
+                       const ResticRun& run) const;
 
     const OffsiteConfig& config() const { return config_; }
 
 private:
+    ResticRun run_once(const std::vector<std::string>& args, const StopRule& stop = StopRule()) const;
+    std::string masked(std::string text) const;
+
     OffsiteConfig config_;
+    std::function<void(const std::string&)> note_;
+    std::function<void(const std::string&)> progress_;
 };
+
+// Clears the progress line of a command when the command ends.
+class ProgressEnd {
+public:
+    explicit ProgressEnd(const Restic& restic) : restic_(restic) {}
+    ~ProgressEnd() { restic_.progress(""); }
+    ProgressEnd(const ProgressEnd&) = delete;
+    ProgressEnd& operator=(const ProgressEnd&) = delete;
+
+private:
+    const Restic& restic_;
+};
+
+// Runs `argv` (argv[0] found on PATH) with `envp` and standard input from
+// /dev/null, collecting its output, which goes to unlinked temporary files
+// (never a pipe that breaks when this process dies); with `own_session` a
+// child of its own session (no terminal to ask a password on). The child is
+// interrupted (SIGINT) when this process dies. With `timeout_seconds` > 0 it
+// (its process group) is killed after that long. `on_output`, when set, is
+// given standard output so far every few milliseconds while it runs.
+// `stop_on`, when set, is given each complete line of standard error as it
+// comes; when it returns true the child is interrupted (SIGINT, so that
+// restic removes its lock) and killed 5 seconds later if it has not ended.
+ResticRun run_program(const std::vector<std::string>& argv, const std::vector<std::string>& envp,
+                      bool own_session, int timeout_seconds,
+                      const std::function<void(const std::string&)>& on_output = nullptr,
+                      const std::function<bool(const std::string&)>& stop_on = nullptr);
+
+// The ssh command restic runs for an SFTP repository: SftpCommand split at
+// blanks (quotes kept together), else "ssh HOST [-p PORT] [-l USER] -s sftp"
+// from "sftp:[USER@]HOST:PATH" or "sftp://[USER@]HOST[:PORT]/PATH". Empty for
+// any other repository.
+std::vector<std::string> sftp_ssh_command(const OffsiteConfig& config);
 
 // The full path of `program` found on PATH ("" when none).
 std::string find_on_path(const std::string& program);

@@ -113,20 +113,6 @@ std::vector<kshadow::Problem> unfinished_restore_problems(const std::string& sha
     return {kshadow::Problem{m.path, what + " is unfinished; finish it with: " + finish_restore_command(m)}};
 }
 
-bool choose_snapshot(const std::vector<Snapshot>& snapshots, const RestoreRequest& o, Snapshot* chosen,
-                     std::string* why) {
-    const bool latest = o.snapshot.empty() || o.snapshot == "latest";
-    for (auto it = snapshots.rbegin(); it != snapshots.rend(); ++it) {
-        if (o.has_before && it->time >= o.before) continue;
-        if (!latest && it->id.compare(0, o.snapshot.size(), o.snapshot) != 0) continue;
-        *chosen = *it;
-        return true;
-    }
-    *why = latest ? "no snapshot of this pool" : "no snapshot " + o.snapshot + " of this pool";
-    if (o.has_before) *why += " before " + ktool::iso8601_utc(o.before);
-    return false;
-}
-
 bool finish_first(const RestoreMarker& marker, RestoreRequest* request, std::string* why) {
     const bool newest = request->snapshot.empty() || request->snapshot == "latest";
     if (newest ? !request->has_before : marker.snapshot.compare(0, request->snapshot.size(), request->snapshot) == 0) {

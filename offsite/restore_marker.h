@@ -61,12 +61,6 @@ std::string finish_restore_command(const RestoreMarker& marker);
 // read is reported as not readable).
 std::vector<kshadow::Problem> unfinished_restore_problems(const std::string& shadow_root);
 
-// The snapshot `request` names among `snapshots` (oldest first): the one
-// whose id starts with request.snapshot, or the newest ("" or "latest"), each
-// older than request.before when it has one. False with `why` set when none.
-bool choose_snapshot(const std::vector<Snapshot>& snapshots, const RestoreRequest& request, Snapshot* chosen,
-                     std::string* why);
-
 // A restore's request when a marker is there: the unfinished snapshot is
 // finished first. A request for the newest snapshot (no id, "latest", no
 // --before) becomes one for the marker's snapshot; a request that names

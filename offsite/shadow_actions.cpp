@@ -101,6 +101,18 @@ void run_recover(CatalogShadowContext& context, DatabaseReport* r) {
 
 }  // namespace
 
+Work work_of_command(const std::string& command, bool dry_run) {
+    if (command == "status") return Work::status;
+    if (command == "verify") return Work::verify;
+    if (command == "backup") return Work::backup;
+    return dry_run ? Work::plan : Work::recover;
+}
+
+const char* work_verb(Work work) {
+    if (work == Work::backup) return "backing up";
+    return work == Work::recover ? "recovering" : "checking";
+}
+
 void work_on_database(CatalogShadowContext& context, Work work, DatabaseReport* r) {
     // A directory that is gone has no one working in it; recover creates it
     // under its own lock.
@@ -108,6 +120,14 @@ void work_on_database(CatalogShadowContext& context, Work work, DatabaseReport* 
     std::unique_ptr<DirectoryLock::ScopedLock> guard;
     if (wa_isdir(r->target.dir)) {
         guard.reset(new DirectoryLock::ScopedLock(&lock, r->target.dir));
+        if (guard->GetStatus() == CR_STATUS_ACCESS_DENIED) {
+            // A directory this user may not open: its database is not
+            // readable, never missing, and never a reason to recover.
+            r->live.denied = true;
+            r->recovery.reason = kNotReadable;
+            r->problems.push_back(not_readable_problem(r->target.dir));
+            return;
+        }
         if (guard->GetStatus() != CR_STATUS_OK) {
             ErrorA(guard->GetStatus(), "%s: failed to lock %s", "kavrel-shadow", r->target.dir.c_str());
             r->problems.push_back(Problem{r->target.dir, "directory lock not taken (status " +

@@ -24,6 +24,12 @@ enum class Work {
     recover,  // a recovery, then its result checked as verify checks it
 };
 
+// The work of the command `command` ("status", "verify", "backup" or
+// "recover"; a recover with `dry_run` only plans).
+Work work_of_command(const std::string& command, bool dry_run);
+// The verb of a progress line of `work`: "checking", "backing up" or "recovering".
+const char* work_verb(Work work);
+
 // Does `work` on the database of report->target under its directory lock
 // (a directory that is gone is not locked: recover creates it under its own
 // lock). What was found and done goes into `report` (action, problems); a

@@ -141,7 +141,10 @@ cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& 
         dir == po_root ? dct::pool_layout::real_tree::po
                        : dct::pool_layout::tree_of(dir, po_root + "/", context.proxy->app_db_root + "/");
     const bool app = tree == dct::pool_layout::real_tree::application;
-    if (tree == dct::pool_layout::real_tree::none) {
+    // Below the application root, only DSID/CLIENT/POLICY holds a database.
+    dct::pool_layout::catalog_dir_parts parts;
+    if (tree == dct::pool_layout::real_tree::none ||
+        (app && dct::pool_layout::split_catalog_dir(dir, &parts) != dct::pool_layout::catalog_dir_error::none)) {
         ErrorA(CR_STATUS_FAILED, "%s: %s is not a catalog database directory", "find_databases_in", dir.c_str());
         return CR_STATUS_FAILED;
     }

@@ -24,7 +24,8 @@ std::vector<Target> find_all_databases(CatalogShadowContext& context, std::vecto
 // of the directory's tree whose database file exists or whose shadow holds a
 // checksum file that is damaged, may not be read or lists a version (a
 // database file this user may not see counts as there). 0, or 4 (logged "%s: %s is
-// not a catalog database directory") when `dir` lies below neither real root.
+// not a catalog database directory") when `dir` lies below neither real root,
+// or below the application root but is no DSID/CLIENT/POLICY directory.
 cr_status_t find_databases_in(CatalogShadowContext& context, const std::string& dir,
                               std::vector<Target>* targets);
 

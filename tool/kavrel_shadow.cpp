@@ -1,6 +1,6 @@
 // kavrel-shadow: the operator's command for the catalog shadow.
 //
-//   kavrel-shadow [--json | --json-lines] [--registry FILE] COMMAND [DATABASE-DIR | --all]
+//   kavrel-shadow [--json | --json-lines] [--quiet] [--registry FILE] COMMAND [DATABASE-DIR | --all]
 //
 // status and verify report on the live databases, their shadow versions and
 // journals, and whether a recovery would succeed; they and recover --dry-run
@@ -44,7 +44,7 @@ using namespace kshadow;
 
 const char kUsage[] =
     "Check, back up and restore the catalog shadow.\n"
-    "Usage:\tkavrel-shadow [--json | --json-lines] [--registry FILE] COMMAND [DATABASE-DIR | --all]\n"
+    "Usage:\tkavrel-shadow [--json | --json-lines] [--quiet] [--registry FILE] COMMAND [DATABASE-DIR | --all]\n"
     "Commands:\n"
     "\tstatus                 the live databases, their versions and journals (default --all)\n"
     "\tverify                 reads and checks everything; changes nothing (default --all)\n"
@@ -57,11 +57,12 @@ const char kUsage[] =
     "\toffsite init           creates the [Offsite] repository (no other command does)\n"
     "\toffsite push [--if-configured]\n"
     "\t                       exports the shadow and backs it up to the [Offsite] repository\n"
-    "\toffsite snapshots      the pool's snapshots in the repository\n"
+    "\toffsite snapshots [--all-pools]  the pool's (every pool's) snapshots in the repository\n"
     "\toffsite check          checks the repository and the newest snapshot's export\n"
     "\toffsite restore [SNAPSHOT | latest] [--before TIME] [--dry-run]\n"
     "\t                       brings the shadow back and rebuilds every missing database\n"
     "\toffsite forget [--dry-run]  applies the [Offsite] Keep* rule where deletion is allowed\n"
+    "\toffsite unlock [--all] removes the repository's stale locks (--all: every lock)\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
 
@@ -89,12 +90,13 @@ bool refuse(std::string* error, const std::string& why) {
 bool parse_offsite(Options* o, std::string* error) {
     koffsite::OffsiteOptions& off = o->offsite;
     const std::string& c = off.command;
-    if (c != "init" && c != "push" && c != "snapshots" && c != "check" && c != "restore" && c != "forget") {
-        return refuse(error, c.empty() ? "offsite needs a command: init, push, snapshots, check, restore or forget"
+    if (c != "init" && c != "push" && c != "snapshots" && c != "check" && c != "restore" && c != "forget" &&
+        c != "unlock") {
+        return refuse(error, c.empty() ? "offsite needs a command: init, push, snapshots, check, restore, forget or unlock"
                                        : "unknown offsite command " + c);
     }
-    if (o->all || o->missing || !o->export_dir.empty()) {
-        return refuse(error, "offsite " + c + " takes no --all, --missing or --export");
+    if ((o->all && c != "unlock") || (off.all && c != "snapshots") || o->missing || !o->export_dir.empty()) {
+        return refuse(error, "offsite " + c + " takes no --all, --all-pools, --missing or --export");
     }
     if (!off.snapshot.empty() && c != "restore") return refuse(error, "unexpected argument " + off.snapshot);
     if ((o->dry_run && c != "restore" && c != "forget") || (off.has_before && c != "restore")) {
@@ -102,6 +104,7 @@ bool parse_offsite(Options* o, std::string* error) {
     }
     if (off.if_configured && c != "push") return refuse(error, "--if-configured belongs to offsite push");
     off.dry_run = o->dry_run;
+    off.all = off.all || o->all;
     off.json = o->output == Output::json;
     off.json_lines = o->output == Output::json_lines;
     return true;
@@ -120,8 +123,10 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
         } else if (arg == "--registry") {
             if (i + 1 >= argc) return refuse(error, "--registry needs a file");
             o->registry = argv[++i];
-        } else if (arg == "--all") {
-            o->all = true;
+        } else if (arg == "--all" || arg == "--all-pools") {
+            (arg == "--all" ? o->all : o->offsite.all) = true;
+        } else if (arg == "--quiet") {
+            Progress::silence();
         } else if (arg == "--dry-run") {
             o->dry_run = true;
         } else if (arg == "--export") {
@@ -161,8 +166,8 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
 bool check_args(Options* o, std::string* error) {
     const std::string& c = o->command;
     if (c == "offsite") return parse_offsite(o, error);
-    if (o->offsite.has_before || o->offsite.if_configured) {
-        return refuse(error, "--before and --if-configured belong to offsite");
+    if (o->offsite.has_before || o->offsite.if_configured || o->offsite.all) {
+        return refuse(error, "--before, --if-configured and --all-pools belong to offsite");
     }
     if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
         return refuse(error, c.empty() ? "no command given" : "unknown command " + c);
@@ -193,27 +198,6 @@ bool check_args(Options* o, std::string* error) {
         if (getcwd(cwd, sizeof(cwd)) != nullptr) o->dir = std::string(cwd) + "/" + o->dir;
     }
     return true;
-}
-
-// The name of the command in reports.
-std::string command_name(const Options& o) {
-    if (o.command == "recover" && o.dry_run) return "recover --dry-run";
-    if (o.command == "recover" && o.missing) return "recover --missing";
-    return o.command;
-}
-
-// The work a command does on each database.
-Work work_of(const Options& o) {
-    if (o.command == "status") return Work::status;
-    if (o.command == "verify") return Work::verify;
-    if (o.command == "backup") return Work::backup;
-    return o.dry_run ? Work::plan : Work::recover;
-}
-
-const char* progress_verb(const Options& o) {
-    if (o.command == "backup") return "backing up";
-    if (o.command == "recover" && !o.dry_run) return "recovering";
-    return "checking";
 }
 
 // The one line of a command that could not run, or could not read what it
@@ -270,16 +254,17 @@ int run(const Options& o) {
         return kExitUsage;
     }
 
-    const std::string command = command_name(o);
+    const std::string command = o.command + (o.dry_run ? " --dry-run" : o.missing ? " --missing" : "");
     std::vector<DatabaseReport> reports;
     {
-        Progress progress(progress_verb(o), targets.size());
+        const Work work = work_of_command(o.command, o.dry_run);
+        Progress progress(work_verb(work), targets.size());
         for (size_t i = 0; i < targets.size(); ++i) {
             if (o.missing && has_live_file(targets[i])) continue;
             progress.step(i, targets[i].dir);
             DatabaseReport r;
             r.target = targets[i];
-            work_on_database(context, work_of(o), &r);
+            work_on_database(context, work, &r);
             reports.push_back(r);
             if (o.output == Output::json_lines) {
                 printf("%s\n", database_json(r).c_str());

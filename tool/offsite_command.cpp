@@ -10,6 +10,8 @@
 #include "offsite/offsite.h"
 #include "offsite/offsite_forget.h"
 #include "tool/offsite_output.h"
+#include "tool/progress.h"
+#include "tool/shadow_export_command.h"
 #include "tool/shadow_report.h"
 
 namespace koffsite {
@@ -19,6 +21,7 @@ namespace {
 using kshadow::cannot_run;
 using kshadow::kExitOk;
 using kshadow::kExitProblems;
+using kshadow::plural;
 using kshadow::problem_json;
 using ktool::json;
 using ktool::json_text;
@@ -117,11 +120,11 @@ void print_checked(const CheckResult& r, Output& out, json& summary, json& probl
         problems.push_back(problem_json(p));
     }
     uint64_t with_problems = 0;
-    for (const auto& report : r.reports) {
-        out.text(kshadow::database_text("verify --export", report));
-        out.item(json::parse(kshadow::database_json(report)));
-        if (!report.problems.empty()) ++with_problems;
-        for (const auto& p : report.problems) problems.push_back(problem_json(p));
+    for (size_t i = 0; i < r.reports.size(); ++i) {
+        out.text(kshadow::verified_block(r.manifest.databases[i], r.reports[i]));
+        out.item(json::parse(kshadow::database_json(r.reports[i])));
+        if (!r.reports[i].problems.empty()) ++with_problems;
+        for (const auto& p : r.reports[i].problems) problems.push_back(problem_json(p));
     }
     summary["databases"] = r.reports.size();
     summary["with_problems"] = with_problems;
@@ -167,7 +170,7 @@ int run_check(CatalogShadowContext& context, const Restic& restic, const std::st
     }
     summary["problems"] = problems;
     out.text("offsite check: snapshot " + r.newest.short_id + " of " + ktool::iso8601_utc(r.newest.time) + ": " +
-             (problems.empty() ? std::string("all well") : std::to_string(problems.size()) + " problems"));
+             (problems.empty() ? std::string("all well") : plural(problems.size(), "problem")));
     return out.finish(summary, problems.empty() ? kExitOk : kExitProblems);
 }
 
@@ -195,7 +198,18 @@ int run_offsite(CatalogShadowContext& context, const std::string& cr_config, con
         return kExitOk;
     }
     if (opened != CR_STATUS_OK) return cannot_run(reason);
-    const Restic restic(config);
+    Restic restic(config);
+    restic.set_note(complain);
+    kshadow::Progress progress("", 0);
+    restic.set_progress([&progress](const std::string& what) { progress.show(what); });
+    if (options.command == "unlock") {
+        Output out(options, "offsite unlock", "");
+        const std::string repo = shown_repository(config.repository);
+        if (restic.unlock(options.all, &reason) != CR_STATUS_OK) return out.fail("offsite unlock", reason);
+        out.text(std::string("offsite unlock: ") + (options.all ? "every lock" : "the stale locks") +
+                 " removed from " + repo);
+        return out.finish(json{{"repository", repo}, {"all", options.all}}, kExitOk);
+    }
     if (options.command == "push") return run_push(context, restic, root, options);
     if (options.command == "snapshots") return run_snapshots(restic, root, options);
     if (options.command == "check") return run_check(context, restic, root, options);

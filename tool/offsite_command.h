@@ -17,12 +17,13 @@
 namespace koffsite {
 
 struct OffsiteOptions {
-    std::string command;   // push, snapshots, check, restore or forget
+    std::string command;   // init, push, snapshots, check, restore, forget or unlock
     std::string snapshot;  // restore: an id, or "latest" (the default)
     bool has_before = false;
     int64_t before = 0;          // restore: the newest snapshot older than this
     bool dry_run = false;        // restore, forget: print the plan only
     bool if_configured = false;  // push: nothing to do without [Offsite]
+    bool all = false;            // unlock: every lock; snapshots: every pool
     bool json = false;
     bool json_lines = false;
 };

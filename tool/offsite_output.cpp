@@ -15,6 +15,7 @@ namespace koffsite {
 using kshadow::cannot_run;
 using kshadow::kExitOk;
 using kshadow::kExitProblems;
+using kshadow::plural;
 using ktool::json;
 using ktool::json_text;
 
@@ -42,7 +43,7 @@ int Output::finish(json summary, int exit_code) {
     doc["schema"] = 1;
     doc["command"] = command_;
     if (options_.json) {
-        doc[items_name_] = items_;
+        if (!items_name_.empty()) doc[items_name_] = items_;
         doc["summary"] = summary;
         printf("%s\n", doc.dump(2).c_str());
     } else if (options_.json_lines) {
@@ -64,18 +65,20 @@ void complain(const std::string& what) { fprintf(stderr, "kavrel-shadow: %s\n", 
 
 // One snapshot: a line of the table and a JSON item; `action` (forget's
 // verdict) leads both when it is given.
-void print_snapshot(Output& out, const Snapshot& s, const std::string& action) {
+void print_snapshot(Output& out, const Snapshot& s, const std::string& action, bool with_pool = false) {
     char line[512];
     snprintf(line, sizeof(line), "%-*s%-8s  %-20s  %-20s  %9s  %s", action.empty() ? 0 : 14, action.c_str(),
              s.short_id.c_str(), ktool::iso8601_utc(s.time).c_str(), s.host.c_str(),
              s.databases.empty() ? "-" : s.databases.c_str(), s.rows.empty() ? "-" : s.rows.c_str());
-    out.text(line);
+    out.text(with_pool ? line + std::string(s.rows.size() < 4 ? 4 - s.rows.size() : 0, ' ') + "  " + s.pool
+                       : std::string(line));
     json j;
     if (!action.empty()) j["action"] = action;
     j["id"] = s.id;
     j["short_id"] = s.short_id;
     j["time"] = ktool::iso8601_utc(s.time);
     j["host"] = json_text(s.host);
+    j["pool"] = json_text(s.pool);
     j["path"] = json_text(s.path);
     j["databases"] = s.databases.empty() ? json() : json(std::stoull(s.databases));
     j["rows"] = s.rows.empty() ? json() : json(std::stoull(s.rows));
@@ -87,16 +90,20 @@ const char kTableHead[] = "snapshot  time                  host                 
 int run_snapshots(const Restic& restic, const std::string& pool, const OffsiteOptions& options) {
     std::vector<Snapshot> snapshots;
     std::string reason;
-    if (list_snapshots(restic, pool, &snapshots, &reason) != CR_STATUS_OK) return cannot_run(reason);
+    size_t others = 0;
+    if (list_snapshots(restic, options.all ? "" : pool, &snapshots, &reason, &others) != CR_STATUS_OK) {
+        return cannot_run(reason);
+    }
     Output out(options, "offsite snapshots", "snapshots");
-    if (!snapshots.empty()) out.text(kTableHead);
-    for (const Snapshot& s : snapshots) print_snapshot(out, s, "");
+    if (!snapshots.empty()) out.text(std::string(kTableHead) + (options.all ? "  database root" : ""));
+    for (const Snapshot& s : snapshots) print_snapshot(out, s, "", options.all);
     const std::string repository = shown_repository(restic.config().repository);
-    out.text("offsite snapshots: " + std::to_string(snapshots.size()) +
-             (snapshots.size() == 1 ? " snapshot" : " snapshots") + " of pool " + pool + " in " + repository);
+    out.text("offsite snapshots: " + plural(snapshots.size(), "snapshot") +
+             (options.all ? " of every pool" : " of pool " + pool) + " in " + repository +
+             (others > 0 ? " (" + std::to_string(others) + " of other pools: --all-pools lists them)" : ""));
     json summary;
     summary["snapshots"] = snapshots.size();
-    summary["pool"] = json_text(pool);
+    summary["pool"] = options.all ? json() : json_text(pool);
     summary["repository"] = repository;
     return out.finish(summary, kExitOk);
 }
@@ -173,7 +180,8 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
     Output out(options, command, "databases");
     const Snapshot& snap = r.snapshot;
     out.text((options.dry_run ? "would restore snapshot " : "restoring snapshot ") + snap.short_id + " of " +
-             ktool::iso8601_utc(snap.time) + " (host " + snap.host + ")");
+             ktool::iso8601_utc(snap.time) + " (host " + snap.host +
+             (snap.pool != pool ? ", database root " + snap.pool : "") + ")");
     if (status != CR_STATUS_OK && r.stop == Stop::not_started) return cannot_run(r.reason);
     if (status != CR_STATUS_OK) {
         for (const auto& d : r.damaged) out.text(kshadow::database_text("verify --export", d));
@@ -183,11 +191,10 @@ int run_restore(CatalogShadowContext& context, const Restic& restic, const std::
         out.text(restored_text(d));
         out.item(restored_json(d));
     }
-    out.text(command + ": snapshot " + snap.short_id + ", " + std::to_string(r.manifest.databases.size()) +
-             " databases: " + std::to_string(r.restored) + " shadows " +
-             (options.dry_run ? "to restore, " : "restored, ") + std::to_string(r.rebuilt) + " databases " +
-             (options.dry_run ? "to rebuild, " : "rebuilt, ") + std::to_string(r.kept) + " kept, " +
-             std::to_string(r.problems) + " problems");
+    out.text(command + ": snapshot " + snap.short_id + ", " + plural(r.manifest.databases.size(), "database") + ": " +
+             plural(r.restored, "shadow") + (options.dry_run ? " to restore, " : " restored, ") +
+             plural(r.rebuilt, "database") + (options.dry_run ? " to rebuild, " : " rebuilt, ") +
+             std::to_string(r.kept) + " kept, " + plural(r.problems, "problem"));
     json summary;
     summary["snapshot"] = snap.id;
     summary["time"] = ktool::iso8601_utc(snap.time);

@@ -1,6 +1,7 @@
-// A progress line on standard error for work on many databases: shown only
-// when standard error is a terminal and the work has taken over a second, so
-// that logs, pipes and quick runs never see it. Cleared when done.
+// A progress line on standard error for work on many databases or a long
+// off-site command: shown only when standard error is a terminal and the work
+// has taken over a second, so that logs, pipes and quick runs never see it,
+// and never after --quiet. Cleared when done.
 #ifndef TOOL_PROGRESS_H_
 #define TOOL_PROGRESS_H_
 
@@ -22,6 +23,10 @@ public:
 
     // About to work on item `index` (0-based), named `what`.
     void step(size_t index, const std::string& what);
+    // Shows `text` as the line ("" clears it).
+    void show(const std::string& text);
+    // No progress line at all from now on (--quiet).
+    static void silence();
 
 private:
     std::string verb_;

@@ -18,10 +18,6 @@ using ktool::json_line;
 const char kExportCommand[] = "export";
 const char kVerifyCommand[] = "verify --export";
 
-std::string plural(uint64_t n, const char* word) {
-    return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
-}
-
 struct Totals {
     uint64_t files = 0, linked = 0, bytes = 0, rows = 0;
 };
@@ -100,16 +96,6 @@ std::string loose_problems_text(const std::vector<Problem>& problems) {
     return problems.empty() ? out : out + "\n";
 }
 
-// The database block of the check of an export: what `verify` prints, the
-// manifest's line in place of the live file's.
-std::string verified_block(const ExportedDatabase& db, const DatabaseReport& r) {
-    std::string block = database_text(kVerifyCommand, r);
-    const size_t live = block.find('\n') + 1;
-    const size_t after = block.find('\n', live) + 1;
-    return block.substr(0, live) + labelled_line("manifest", files_text(totals_of(db), false) + ", " + rows_text(db)) +
-           block.substr(after);
-}
-
 json export_json(const ExportReport& manifest) {
     json o = json::object();
     o["dir"] = ktool::json_text(manifest.dir);
@@ -122,6 +108,16 @@ json export_json(const ExportReport& manifest) {
 }
 
 }  // namespace
+
+// The database block of the check of an export: what `verify` prints, the
+// manifest's line in place of the live file's.
+std::string verified_block(const ExportedDatabase& db, const DatabaseReport& r) {
+    std::string block = database_text(kVerifyCommand, r);
+    const size_t live = block.find('\n') + 1;
+    const size_t after = block.find('\n', live) + 1;
+    return block.substr(0, live) + labelled_line("manifest", files_text(totals_of(db), false) + ", " + rows_text(db)) +
+           block.substr(after);
+}
 
 int run_export(CatalogShadowContext& context, const std::string& dir, Output output, std::string* why) {
     ExportReport report;

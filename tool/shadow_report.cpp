@@ -35,10 +35,6 @@ using ktool::json_text;
 const int kLabelWidth = 14;
 
 
-std::string plural(uint64_t n, const char* word) {
-    return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
-}
-
 std::string age_text(int64_t seconds) {
     if (seconds < 0) return "-";
     if (seconds < 120) return std::to_string(seconds) + "s";
@@ -172,6 +168,10 @@ json problem_json(const Problem& p) {
     problem["problem"] = text(p.what);
     problem["not_readable"] = p.not_readable;
     return problem;
+}
+
+std::string plural(uint64_t n, const char* word) {
+    return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
 }
 
 std::string labelled_line(const std::string& label, const std::string& text) {

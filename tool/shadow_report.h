@@ -87,6 +87,9 @@ struct Summary {
 // to the caller.
 Summary summarize(const std::vector<DatabaseReport>& reports, const std::vector<std::string>& unreadable);
 
+// "N WORDs", or "1 WORD".
+std::string plural(uint64_t n, const char* word);
+
 // "  LABEL" padded to the label column, then `text` and a newline.
 std::string labelled_line(const std::string& label, const std::string& text);
 

@@ -39,7 +39,9 @@ protected:
     std::unique_ptr<CatalogShadowContext> context(bool started = true) {
         std::unique_ptr<CatalogShadowContext> c(
             new CatalogShadowContext(new ConfigFileShadowProxy(pool_.config(), pool_.root()), new CatalogDirectoryLock()));
-        if (started) EXPECT_EQ(CR_STATUS_OK, c->init());
+        if (started) {
+            EXPECT_EQ(CR_STATUS_OK, c->init());
+        }
         return c;
     }
 
@@ -119,7 +121,7 @@ TEST_F(OffsiteEngineTest, PushCheckAndRestoreReturnWhatTheyDid) {
     EXPECT_EQ(CR_STATUS_FAILED, koffsite::restore(*context(false), restic, pool_.root(), request, &none));
     EXPECT_FALSE(none.chosen);
     EXPECT_EQ(koffsite::Stop::failed, none.stop);
-    EXPECT_EQ("no snapshot ffffffff of this pool", none.reason);
+    EXPECT_EQ("no snapshot ffffffff in the repository", none.reason);
 }
 
 TEST_F(OffsiteEngineTest, SettingsAndTheSnapshotTag) {
