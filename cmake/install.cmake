@@ -56,11 +56,12 @@ endif()
 # database's export, the status codes, the log, the times of a command line
 # and the environment a service runs with; the pool's configuration, the
 # listing and the search of the catalogs; and the off-site and export engine
-# (offsite/, every header). These are also all the commands include. The other
-# headers are the libraries' own; they may change without notice, so they
-# are not installed. tests/consumer pins this list and compiles every
-# installed header on its own.
+# (offsite/, every header but the *_internal.h ones). These are also all the
+# commands include. The other headers are the libraries' own; they may change
+# without notice, so they are not installed. tests/consumer pins this list and
+# compiles every installed header on its own.
 file(GLOB _offsite_headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/offsite/*.h)
+list(FILTER _offsite_headers EXCLUDE REGEX "_internal\\.h$")
 set(KAVREL_PUBLIC_HEADERS
   dct/status.h
   dct/log.h
