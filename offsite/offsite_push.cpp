@@ -4,9 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "dct/environment.h"
 #include "dct/log.h"
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
+#include "offsite/run_record.h"
 #include "offsite/shadow_export.h"
 #include "offsite/shadow_inspect.h"
 
@@ -44,21 +46,24 @@ json backup_summary(const std::string& out) {
     return json();
 }
 
-// How many snapshots `restic forget --json` removed (its first line is the
-// JSON list of groups; prune's report may follow).
-uint64_t forgotten(const std::string& out) {
+// How many snapshots `restic forget --json` removed and kept (its first line
+// is the JSON list of groups; prune's report may follow).
+void forget_counts(const std::string& out, uint64_t* removed, int64_t* kept) {
+    *removed = 0;
+    *kept = -1;
     const size_t start = out.find('[');
-    if (start == std::string::npos) return 0;
+    if (start == std::string::npos) return;
     size_t end = out.find('\n', start);
     if (end == std::string::npos) end = out.size();
     const json groups = json::parse(out.substr(start, end - start), nullptr, false);
-    uint64_t removed = 0;
-    if (!groups.is_array()) return 0;
+    if (!groups.is_array()) return;
+    *kept = 0;
     for (const auto& g : groups) {
         auto r = g.find("remove");
-        if (r != g.end() && r->is_array()) removed += r->size();
+        if (r != g.end() && r->is_array()) *removed += r->size();
+        auto k = g.find("keep");
+        if (k != g.end() && k->is_array()) *kept += static_cast<int64_t>(k->size());
     }
-    return removed;
 }
 
 // Stops a command: `stop` and `reason` set, CR_STATUS_FAILED returned.
@@ -101,9 +106,9 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
     return stopped(r, Restic::could_not_open(backup) ? Stop::not_started : Stop::failed, failure);
 }
 
-}  // namespace
-
-cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
+// push without its record; what it learnt of the repository goes to `repo`.
+cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                        PushResult* r, RepositoryRecord* repo) {
     *r = PushResult();
     r->repository = shown_repository(restic.config().repository);
     const std::string shadow_root = shadow_root_of(context);
@@ -126,7 +131,11 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     for (const auto& d : r->exported.databases) r->rows += d.rows_known ? d.rows : 0;
     json summary;
     const cr_status_t backed_up = back_up(restic, pool, scratch_dir.path(), r, &summary);
+    repo->known = true;
+    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
+    repo->reachable = backed_up == CR_STATUS_OK || r->stop == Stop::failed;
     if (backed_up != CR_STATUS_OK) return backed_up;
+    repo->newest_snapshot = r->exported.started;
     r->snapshot = summary.value("snapshot_id", "");
     r->bytes_added = number_of(summary, "data_added");
     r->files_new = number_of(summary, "files_new");
@@ -136,7 +145,7 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     const ResticRun forget = restic.run({"forget", "--json", "--tag", pool_tag(pool), "--group-by", "", "--keep-last",
                                          std::to_string(restic.config().keep_last), "--prune"});
     if (forget.ok()) {
-        r->forgotten = forgotten(forget.out);
+        forget_counts(forget.out, &r->forgotten, &repo->snapshots);
     } else {
         r->forget_failure = restic.failure("restic forget", forget);
         ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite push", r->forget_failure.c_str());
@@ -145,7 +154,9 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     return CR_STATUS_OK;
 }
 
-cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
+// check without its record; what it learnt of the repository goes to `repo`.
+cr_status_t check_repository(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                             CheckResult* r, RepositoryRecord* repo) {
     *r = CheckResult();
     r->repository = shown_repository(restic.config().repository);
     const std::string shadow_root = shadow_root_of(context);
@@ -153,7 +164,13 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     std::string why;
     if (lock.take(shadow_root, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
     std::vector<Snapshot> snapshots;
-    if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    const cr_status_t listed = list_snapshots(restic, pool, &snapshots, &why);
+    repo->known = true;
+    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
+    repo->reachable = listed == CR_STATUS_OK;
+    if (listed != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    repo->snapshots = static_cast<int64_t>(snapshots.size());
+    if (!snapshots.empty()) repo->newest_snapshot = snapshots.back().time;
 
     const ResticRun checked = restic.run({"check"});
     r->repository_ok = checked.ok();
@@ -180,6 +197,32 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     }
     r->scratch_removed = scratch_dir.remove();
     return CR_STATUS_OK;
+}
+
+}  // namespace
+
+cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
+    const RunClock clock;
+    RepositoryRecord repo;
+    const cr_status_t status = push_shadow(context, restic, pool, r, &repo);
+    // Success as the command's exit status tells it: a snapshot of every
+    // database, old snapshots forgotten, the scratch copy gone.
+    const bool clean = r->exported.problems.empty() && r->forget_failure.empty() && r->scratch_removed;
+    record_run(context, RecordedRun::push, clock, status != CR_STATUS_OK ? status : clean ? 0 : CR_STATUS_FAILED,
+               &repo);
+    return status;
+}
+
+cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
+    const RunClock clock;
+    RepositoryRecord repo;
+    const cr_status_t status = check_repository(context, restic, pool, r, &repo);
+    bool clean = r->repository_ok && r->has_snapshot && r->verified && r->unreadable.empty() &&
+                 r->manifest.problems.empty() && r->scratch_removed;
+    for (const auto& report : r->reports) clean = clean && report.problems.empty();
+    record_run(context, RecordedRun::check, clock, status != CR_STATUS_OK ? status : clean ? 0 : CR_STATUS_CORRUPT,
+               &repo);
+    return status;
 }
 
 }  // namespace koffsite

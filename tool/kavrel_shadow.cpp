@@ -30,6 +30,7 @@
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"
 #include "dct/time_text.h"
+#include "offsite/metrics.h"
 #include "offsite/shadow_actions.h"
 #include "offsite/shadow_inventory.h"
 #include "tool/offsite_command.h"
@@ -60,6 +61,7 @@ const char kUsage[] =
     "\toffsite check          checks the repository and the newest snapshot's export\n"
     "\toffsite restore [SNAPSHOT | latest] [--before TIME] [--dry-run]\n"
     "\t                       brings the shadow back and rebuilds every missing database\n"
+    "\tmetrics [--output FILE] [--per-database]  the pool's state for Prometheus\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
 
@@ -69,6 +71,8 @@ struct Options {
     std::string command;
     std::string dir;
     std::string export_dir;  // verify --export
+    std::string metrics_file;  // metrics --output
+    bool per_database = false;
     bool all = false;
     bool dry_run = false;
     bool missing = false;
@@ -124,16 +128,16 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
                 return false;
             }
             o->registry = argv[++i];
-        } else if (arg == "--all") {
-            o->all = true;
+        } else if (arg == "--all" || arg == "--per-database") {
+            (arg == "--all" ? o->all : o->per_database) = true;
         } else if (arg == "--dry-run") {
             o->dry_run = true;
-        } else if (arg == "--export") {
+        } else if (arg == "--export" || arg == "--output") {
             if (i + 1 >= argc) {
-                *error = "--export needs a directory";
+                *error = arg + (arg == "--export" ? " needs a directory" : " needs a file");
                 return false;
             }
-            o->export_dir = argv[++i];
+            (arg == "--export" ? o->export_dir : o->metrics_file) = argv[++i];
         } else if (arg == "--missing") {
             o->missing = true;
         } else if (arg == "--if-configured") {
@@ -169,12 +173,17 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
 // The rules between the arguments; false (with `error` set) when one is broken.
 bool check_args(Options* o, std::string* error) {
     const std::string& c = o->command;
+    if ((!o->metrics_file.empty() || o->per_database) && c != "metrics") {
+        *error = "--output and --per-database belong to metrics";
+        return false;
+    }
     if (c == "offsite") return parse_offsite(o, error);
     if (o->offsite.has_before || o->offsite.if_configured) {
         *error = "--before and --if-configured belong to offsite";
         return false;
     }
-    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
+    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export" &&
+        c != "metrics") {
         *error = c.empty() ? "no command given" : "unknown command " + c;
         return false;
     }
@@ -196,8 +205,8 @@ bool check_args(Options* o, std::string* error) {
             return false;
         }
     }
-    if (c == "init" && (!o->dir.empty() || o->all)) {
-        *error = "init takes no database directory";
+    if ((c == "init" || c == "metrics") && (!o->dir.empty() || o->all)) {
+        *error = c + " takes no database directory";
         return false;
     }
     if (!o->export_dir.empty() && (c != "verify" || !o->dir.empty() || o->all)) {
@@ -280,6 +289,13 @@ int run(const Options& o) {
     CatalogShadowContext context(new ConfigFileShadowProxy(cr_config, root), new CatalogDirectoryLock());
     if (o.command == "init") return run_init(context, o.output != Output::text);
     if (o.command == "offsite") return koffsite::run_offsite(context, cr_config, root, o.offsite);
+    if (o.command == "metrics") {
+        std::string text;  // "" when written to the file
+        const cr_status_t st = koffsite::write_metrics(context, cr_config, o.per_database, o.metrics_file, &text, &why);
+        fputs(text.c_str(), stdout);
+        if (!why.empty()) return cannot_run(why);
+        return st == CR_STATUS_OK ? kExitOk : st == CR_STATUS_ACCESS_DENIED ? kExitNotReadable : kExitCannotRun;
+    }
     const int started = start_shadow(context);
     if (started != kExitOk) return started;
 
@@ -298,6 +314,7 @@ int run(const Options& o) {
     }
 
     const std::string command = command_name(o);
+    const koffsite::RunClock clock;
     std::vector<DatabaseReport> reports;
     {
         Progress progress(progress_verb(o), targets.size());
@@ -320,13 +337,10 @@ int run(const Options& o) {
 
     Summary summary = summarize(reports, unreadable);
     const bool nothing = !o.all && !o.missing && reports.empty();
-    if (summary.problems > summary.not_readable || nothing) {
-        summary.exit_code = kExitProblems;
-    } else if (summary.not_readable > 0) {
-        summary.exit_code = kExitNotReadable;
-    } else {
-        summary.exit_code = kExitOk;
-    }
+    const bool failed = summary.problems > summary.not_readable || nothing;
+    summary.exit_code = failed ? kExitProblems : summary.not_readable > 0 ? kExitNotReadable : kExitOk;
+    const cr_status_t done = summary.exit_code == kExitOk ? CR_STATUS_OK : CR_STATUS_FAILED;
+    if (o.command == "backup" && o.all) koffsite::record_run(context, koffsite::RecordedRun::backup, clock, done);
     if (nothing) fprintf(stderr, "kavrel-shadow: no catalog database in %s\n", o.dir.c_str());
     switch (o.output) {
     case Output::text: fputs(summary_text(command, summary).c_str(), stdout); break;
