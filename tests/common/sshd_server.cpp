@@ -66,6 +66,27 @@ int run_to_end(const std::vector<std::string>& args, const std::string& log) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::string user_name() {
+    const struct passwd* pw = getpwuid(geteuid());
+    return pw != nullptr ? pw->pw_name : "";
+}
+
+// "TYPE BASE64" of a public key file (its comment dropped).
+std::string key_without_comment(const std::string& pub) {
+    const size_t first = pub.find(' ');
+    if (first == std::string::npos) return "";
+    const size_t second = pub.find_first_of(" \n", first + 1);
+    return pub.substr(0, second);
+}
+
+std::string describe_status(int status) {
+    if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
+    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return "status " + std::to_string(status);
+}
+
+}  // namespace
+
 // A port of 127.0.0.1 that nobody listens on right now (the kernel's pick
 // for port 0); 0 when none could be had.
 int free_port() {
@@ -98,27 +119,6 @@ bool accepts_connections(int port) {
     close(fd);
     return ok;
 }
-
-std::string user_name() {
-    const struct passwd* pw = getpwuid(geteuid());
-    return pw != nullptr ? pw->pw_name : "";
-}
-
-// "TYPE BASE64" of a public key file (its comment dropped).
-std::string key_without_comment(const std::string& pub) {
-    const size_t first = pub.find(' ');
-    if (first == std::string::npos) return "";
-    const size_t second = pub.find_first_of(" \n", first + 1);
-    return pub.substr(0, second);
-}
-
-std::string describe_status(int status) {
-    if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "status " + std::to_string(status);
-}
-
-}  // namespace
 
 SshdServer::SshdServer() {
     if (!start()) stop();

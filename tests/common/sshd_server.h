@@ -28,6 +28,12 @@
 
 namespace kt {
 
+// A port of 127.0.0.1 that nobody listens on right now (the kernel's pick
+// for port 0); 0 when none could be had.
+int free_port();
+// Whether something listening on 127.0.0.1 `port` takes a connection.
+bool accepts_connections(int port);
+
 class SshdServer {
 public:
     // The ssh client gives up on a server that does not answer after this
