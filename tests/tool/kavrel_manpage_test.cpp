@@ -61,7 +61,8 @@ TEST(KavrelShadowManPage, NamesEveryCommandOptionAndExitStatus) {
                              "\\-\\-all", "VELKREGISTRY", "DCT_LOG", "kavrel\\-shadow.timer",
                              "SUMMARY    {\"databases\", \"with_problems\", \"problems\", \"recoverable\"",
                              ".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n", ".B 4\n", ".B init\n",
-                             "not readable (permission denied)", ".SH CONFIGURATION", "CatalogBackupVersionCount"}) {
+                             "not readable (permission denied)", ".SH CONFIGURATION", "CatalogBackupVersionCount",
+                             ".SH METRICS", "\\-\\-per\\-database", ".catalog_shadow_runs", "KAVREL_METRICS_DIR"}) {
         EXPECT_NE(std::string::npos, text.find(word)) << word;
     }
 }
