@@ -5,11 +5,13 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
 #include "dct/environment.h"
 #include "dct/file_io.h"
+#include "dct/fs.h"
 #include "dct/log.h"
 #include "offsite/offsite.h"
 #include "offsite/restic.h"
@@ -86,8 +88,10 @@ void count_database(const CatalogShadowContext& context, const kshadow::Database
     d.recoverable = r.recovery.possible;
     // A plan that could not be judged for lack of permission is no finding.
     if (!r.recovery.possible && r.recovery.reason != kshadow::kNotReadable) ++m->unrecoverable;
-    if (!r.versions.empty() && r.newest_age_seconds >= 0) {
-        d.newest_version = m->collected - r.newest_age_seconds;
+    struct stat st;
+    // The inspection keeps the age only; the time itself is the file's.
+    if (!r.versions.empty() && r.versions.front().exists && wa_stat(r.versions.front().path.c_str(), &st) == 0) {
+        d.newest_version = static_cast<int64_t>(st.st_mtime);
         m->oldest_newest_version =
             m->have_versions ? std::min(m->oldest_newest_version, d.newest_version) : d.newest_version;
         m->have_versions = true;

@@ -136,6 +136,25 @@ TEST(MetricsProblemKinds, EachTextOfTheInspectionHasItsKind) {
     EXPECT_EQ(13u, koffsite::problem_kinds().size());
 }
 
+// Label values as the format takes them: quotes, backslashes and line breaks
+// escaped; a name that is not UTF-8 written with %XX for its other bytes.
+TEST(MetricsLabels, AreEscapedAndAlwaysUtf8) {
+    koffsite::PoolMetrics m;
+    m.shadow_up = true;
+    m.per_database = true;
+    koffsite::DatabaseMetrics d;
+    d.dsid = "1";
+    d.client = "a\"b\\c\nd";
+    d.policy = "caf\xe9 100%";
+    d.type = "appdb";
+    m.databases_list.push_back(d);
+    const std::string text = koffsite::render_metrics(m);
+    EXPECT_NE(std::string::npos,
+              text.find("\nkavrel_database_problems{dsid=\"1\",client=\"a\\\"b\\\\c\\nd\",policy=\"caf%E9 100%25\","
+                        "type=\"appdb\"} 0\n"))
+        << text;
+}
+
 TEST_F(MetricsEngineTest, PushAndCheckRecordTheRepository) {
     dct::set_clock_function(nullptr);  // restic's snapshot times are real ones
     const std::string pass = pool_.dir().file("offsite.pass");
