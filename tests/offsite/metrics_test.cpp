@@ -155,6 +155,32 @@ TEST(MetricsLabels, AreEscapedAndAlwaysUtf8) {
         << text;
 }
 
+// Every series the table can write is in the manual page.
+TEST(MetricsManual, NamesEverySeries) {
+    koffsite::PoolMetrics m;
+    m.shadow_up = m.runs_readable = m.have_versions = m.offsite_configured = m.per_database = true;
+    for (int i = 0; i < koffsite::kRecordedRuns; ++i) m.runs.runs[i].known = true;
+    m.runs.repository = koffsite::RepositoryRecord{true, 1, true, 2, 3};
+    m.problems["other"] = 1;
+    koffsite::DatabaseMetrics d;
+    d.newest_version = 1;
+    m.databases_list.push_back(d);
+    const std::string text = koffsite::render_metrics(m);
+    // The source tree: $KAVREL_SOURCE_DIR, else the tree this file was compiled from.
+    const char* src = getenv("KAVREL_SOURCE_DIR");
+    const std::string self = __FILE__;
+    const std::string root = src != nullptr && *src != '\0' ? src : self.substr(0, self.rfind("/tests/offsite/"));
+    const std::string page = kt::read_file(root + "/tool/kavrel-shadow.8");
+    ASSERT_FALSE(page.empty());
+    size_t series = 0;
+    for (size_t at = text.find("# TYPE "); at != std::string::npos; at = text.find("# TYPE ", at + 1)) {
+        const std::string name = text.substr(at + 7, text.find(' ', at + 7) - at - 7);
+        EXPECT_NE(std::string::npos, page.find(name)) << name;
+        ++series;
+    }
+    EXPECT_EQ(29u, series);
+}
+
 TEST_F(MetricsEngineTest, PushAndCheckRecordTheRepository) {
     dct::set_clock_function(nullptr);  // restic's snapshot times are real ones
     const std::string pass = pool_.dir().file("offsite.pass");
