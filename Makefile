@@ -18,9 +18,13 @@ CTEST_JOBS ?= 2
 # rclone: the off-site copy's tests run restic against a private sshd over
 # SFTP and a private REST server, rclone serve restic, with openssl's keys;
 # groff-base and systemd: the manual pages are checked with groff and the
-# systemd units with systemd-analyze, and those tests are skipped without them).
+# systemd units with systemd-analyze, and those tests are skipped without them;
+# prometheus and prometheus-node-exporter: promtool checks kavrel-shadow's
+# metrics and alerting rules, and the tests scrape the metrics from a node
+# exporter they start themselves, never the packages' services).
 DEB_PACKAGES := cmake g++ make pkg-config libsqlite3-dev sqlite3 zlib1g-dev libboost-dev nlohmann-json3-dev \
-                libgtest-dev libgmock-dev libbenchmark-dev python3 restic openssh-server rclone openssl groff-base systemd
+                libgtest-dev libgmock-dev libbenchmark-dev python3 restic openssh-server rclone openssl groff-base systemd \
+                prometheus prometheus-node-exporter
 # make fuzz: clang, its libFuzzer and sanitizer runtimes (not a dependency of
 # clang itself), and llvm-symbolizer, without which a sanitizer report names no
 # function or line. The unversioned names follow the release's default clang.

@@ -34,6 +34,8 @@ endif()
 if(TARGET kavrel-shadow)
   install(TARGETS kavrel-shadow RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel-shadow.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+  # The alerting rules for its metrics, for Prometheus's rule_files.
+  install(FILES ${PROJECT_SOURCE_DIR}/tool/kavrel.rules.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/kavrel)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
     set(_shadow_bin "${CMAKE_INSTALL_BINDIR}/kavrel-shadow")
   else()

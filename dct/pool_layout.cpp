@@ -19,6 +19,7 @@ const char kAppdbType[] = "appdb";
 
 const char kShadowRootName[] = "catalogshadow";
 const char kIdentityFile[] = ".catalog_shadow_identity";
+const char kRunRecordFile[] = ".catalog_shadow_runs";
 
 namespace {
 
@@ -99,11 +100,20 @@ catalog_dir_error split_catalog_dir(const std::string& path, catalog_dir_parts* 
 
 std::string default_shadow_root(const std::string& storage) { return storage + "/" + kShadowRootName; }
 
-std::string identity_file(const std::string& shadow_root) {
-    std::string file = shadow_root;
+namespace {
+
+// ROOT "/" NAME, without a second "/" when ROOT ends in one.
+std::string file_in_root(const std::string& root, const char* name) {
+    std::string file = root;
     if (file.empty() || file[file.size() - 1] != '/') file += "/";
-    return file + kIdentityFile;
+    return file + name;
 }
+
+}  // namespace
+
+std::string identity_file(const std::string& shadow_root) { return file_in_root(shadow_root, kIdentityFile); }
+
+std::string run_record_file(const std::string& shadow_root) { return file_in_root(shadow_root, kRunRecordFile); }
 
 real_tree tree_of(const std::string& real, const std::string& po_root, const std::string& app_root) {
     if (starts_with(real, po_root)) return real_tree::po;

@@ -4,12 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "dct/environment.h"
 #include "dct/log.h"
 #include "offsite/json_text.h"
 #include "offsite/offsite.h"
 #include "offsite/offsite_forget.h"
 #include "offsite/repository_id.h"
 #include "offsite/restore_marker.h"
+#include "offsite/run_record.h"
 #include "offsite/shadow_export.h"
 #include "offsite/shadow_inspect.h"
 
@@ -74,9 +76,9 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
     return stopped(r, Restic::could_not_open(backup) ? Stop::not_started : Stop::failed, failure);
 }
 
-}  // namespace
-
-cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
+// push without its record; what it learnt of the repository goes to `repo`.
+cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                        PushResult* r, RepositoryRecord* repo) {
     *r = PushResult();
     const ProgressEnd progress_end(restic);
     r->repository = shown_repository(restic.config().repository);
@@ -114,7 +116,11 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     for (const auto& d : r->exported.databases) r->rows += d.rows_known ? d.rows : 0;
     json summary;
     const cr_status_t backed_up = back_up(restic, pool, scratch_dir.path(), r, &summary);
+    repo->known = true;
+    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
+    repo->reachable = backed_up == CR_STATUS_OK || r->stop == Stop::failed;
     if (backed_up != CR_STATUS_OK) return backed_up;
+    repo->newest_snapshot = r->exported.started;
     r->snapshot = summary.value("snapshot_id", "");
     r->bytes_added = number_of(summary, "data_added");
     r->files_new = number_of(summary, "files_new");
@@ -127,13 +133,17 @@ cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std:
     if (!r->append_only && forget(restic, pool, false, &thinned) != CR_STATUS_OK) {
         r->deletion_refused = thinned.refused;
         if (!thinned.refused) r->forget_failure = thinned.reason;
+    } else if (!r->append_only) {
+        repo->snapshots = static_cast<int64_t>(thinned.kept.size());
     }
     r->forgotten = thinned.removed.size();
     r->scratch_removed = scratch_dir.remove();
     return CR_STATUS_OK;
 }
 
-cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
+// check without its record; what it learnt of the repository goes to `repo`.
+cr_status_t check_shadow_copy(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                              CheckResult* r, RepositoryRecord* repo) {
     *r = CheckResult();
     const ProgressEnd progress_end(restic);
     r->repository = shown_repository(restic.config().repository);
@@ -147,7 +157,13 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
         return stopped(r, Stop::not_started, why);
     }
     std::vector<Snapshot> snapshots;
-    if (list_snapshots(restic, pool, &snapshots, &why) != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    const cr_status_t listed = list_snapshots(restic, pool, &snapshots, &why);
+    repo->known = true;
+    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
+    repo->reachable = listed == CR_STATUS_OK;
+    if (listed != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
+    repo->snapshots = static_cast<int64_t>(snapshots.size());
+    if (!snapshots.empty()) repo->newest_snapshot = snapshots.back().time;
 
     const ResticRun checked = restic.run({"check"});
     r->repository_ok = checked.ok();
@@ -175,6 +191,32 @@ cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std
     }
     r->scratch_removed = scratch_dir.remove();
     return CR_STATUS_OK;
+}
+
+}  // namespace
+
+cr_status_t push(CatalogShadowContext& context, const Restic& restic, const std::string& pool, PushResult* r) {
+    const RunClock clock;
+    RepositoryRecord repo;
+    const cr_status_t status = push_shadow(context, restic, pool, r, &repo);
+    // Success as the command's exit status tells it: a snapshot of every
+    // database, old snapshots forgotten, the scratch copy gone.
+    const bool clean = r->exported.problems.empty() && r->forget_failure.empty() && r->scratch_removed;
+    record_run(context, RecordedRun::push, clock, status != CR_STATUS_OK ? status : clean ? 0 : CR_STATUS_FAILED,
+               &repo);
+    return status;
+}
+
+cr_status_t check(CatalogShadowContext& context, const Restic& restic, const std::string& pool, CheckResult* r) {
+    const RunClock clock;
+    RepositoryRecord repo;
+    const cr_status_t status = check_shadow_copy(context, restic, pool, r, &repo);
+    bool clean = r->repository_ok && r->has_snapshot && r->verified && r->unreadable.empty() &&
+                 r->manifest.problems.empty() && r->scratch_removed;
+    for (const auto& report : r->reports) clean = clean && report.problems.empty();
+    record_run(context, RecordedRun::check, clock, status != CR_STATUS_OK ? status : clean ? 0 : CR_STATUS_CORRUPT,
+               &repo);
+    return status;
 }
 
 }  // namespace koffsite

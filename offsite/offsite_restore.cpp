@@ -34,6 +34,7 @@
 #include "offsite/repository_id.h"
 #include "offsite/restore_internal.h"
 #include "offsite/restore_marker.h"
+#include "offsite/run_record.h"
 #include "offsite/shadow_coverage.h"
 #include "offsite/shadow_export.h"
 #include "offsite/shadow_inspect.h"
@@ -247,10 +248,9 @@ std::string check_fetched(const std::string& export_dir, bool dry_run, RestoreRe
            "; nothing was restored";
 }
 
-}  // namespace
-
-cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
-                    const RestoreRequest& request, RestoreResult* r) {
+// restore without its record.
+cr_status_t restore_pool(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                         const RestoreRequest& request, RestoreResult* r) {
     *r = RestoreResult();
     const ProgressEnd progress_end(restic);
     std::string why;
@@ -320,6 +320,20 @@ cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const s
     // A database that failed is left marked: the next restore tries it again.
     if (!request.dry_run && !failed && marking.finish(&why) != CR_STATUS_OK) ++r->problems;
     return CR_STATUS_OK;
+}
+
+}  // namespace
+
+cr_status_t restore(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
+                    const RestoreRequest& request, RestoreResult* r) {
+    const RunClock clock;
+    const cr_status_t status = restore_pool(context, restic, pool, request, r);
+    // A dry run changes nothing and is no run of a restore.
+    if (!request.dry_run) {
+        record_run(context, RecordedRun::restore, clock,
+                   status != CR_STATUS_OK ? status : r->problems == 0 ? 0 : CR_STATUS_FAILED);
+    }
+    return status;
 }
 
 }  // namespace koffsite

@@ -21,6 +21,8 @@
 #                    baselines (scripts/bench_syscalls.sh; needs strace)
 #   BENCH_OFFSITE=0  leave out the off-site copy (scripts/bench_offsite.sh, which
 #                    has its own settings; it needs restic)
+#   BENCH_METRICS=0  leave out kavrel-shadow metrics beside status
+#                    (scripts/bench_metrics.sh, with its own settings)
 #
 # Each comparison runs one warm-up of each side and then the rounds, the two
 # sides alternating (bench/bench_runner.cpp). The table goes to standard output
@@ -418,6 +420,13 @@ done
 if [ "${BENCH_OFFSITE:-1}" != 0 ]; then
   BUILD_DIR="$BUILD_DIR" BENCH_DATA="$DATA" BENCH_QUICK="${QUICK:-0}" \
     BENCH_RESULTS="$(cd "$(dirname "$RESULTS")" && pwd)/$(basename "$RESULTS")" bash scripts/bench_offsite.sh
+fi
+
+# ---- metrics beside status ----
+
+if [ "${BENCH_METRICS:-1}" != 0 ]; then
+  BUILD_DIR="$BUILD_DIR" BENCH_DATA="$DATA" BENCH_QUICK="${QUICK:-0}" \
+    BENCH_RESULTS="$(cd "$(dirname "$RESULTS")" && pwd)/$(basename "$RESULTS")" bash scripts/bench_metrics.sh
 fi
 
 fi  # FIND_ONLY

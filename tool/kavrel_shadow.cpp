@@ -1,21 +1,8 @@
-// kavrel-shadow: the operator's command for the catalog shadow.
-//
-//   kavrel-shadow [--json | --json-lines] [--quiet] [--registry FILE] COMMAND [DATABASE-DIR | --all]
-//
-// status and verify report on the live databases, their shadow versions and
-// journals, and whether a recovery would succeed; they and recover --dry-run
-// change nothing on disk and need only read access. backup takes a version
-// now; recover rebuilds a database from its shadow and checks the result.
-// Every database is worked on under its directory lock, as the services do.
-//
-// init creates the shadow root and its identity file for the configured pool.
-// export copies every database's versions and journals, each as of one moment
-// under its lock, into a directory with a manifest; verify --export checks
-// such a copy on its own (offsite/shadow_export.h).
-//
-// Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run, 4 some
-// file or directory could not be read (permission denied) and nothing else
-// was wrong.
+// kavrel-shadow: the operator's command for the catalog shadow. Its commands
+// and exit statuses are those of kUsage below and kavrel-shadow(8); the work
+// itself is the offsite library's, done on each database under its directory
+// lock, as the services do. status, verify, recover --dry-run and metrics
+// change nothing on disk and need only read access.
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,6 +17,7 @@
 #include "catalog_shadow/DirectoryLock.h"
 #include "dct/log.h"
 #include "dct/time_text.h"
+#include "offsite/metrics.h"
 #include "offsite/shadow_actions.h"
 #include "offsite/shadow_inventory.h"
 #include "tool/offsite_command.h"
@@ -63,6 +51,7 @@ const char kUsage[] =
     "\t                       brings the shadow back and rebuilds every missing database\n"
     "\toffsite forget [--dry-run]  applies the [Offsite] Keep* rule where deletion is allowed\n"
     "\toffsite unlock [--all] removes the repository's stale locks (--all: every lock)\n"
+    "\tmetrics [--output FILE] [--per-database]  the pool's state for Prometheus\n"
     "Exit status: 0 all well, 1 problems found, 2 usage, 3 could not run,\n"
     "\t4 some file or directory could not be read (permission denied).\n";
 
@@ -72,6 +61,8 @@ struct Options {
     std::string command;
     std::string dir;
     std::string export_dir;  // verify --export
+    std::string metrics_file;  // metrics --output
+    bool per_database = false;
     bool all = false;
     bool dry_run = false;
     bool missing = false;
@@ -123,15 +114,15 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
         } else if (arg == "--registry") {
             if (i + 1 >= argc) return refuse(error, "--registry needs a file");
             o->registry = argv[++i];
-        } else if (arg == "--all" || arg == "--all-pools") {
-            (arg == "--all" ? o->all : o->offsite.all) = true;
+        } else if (arg == "--all" || arg == "--all-pools" || arg == "--per-database") {
+            (arg == "--all" ? o->all : arg == "--all-pools" ? o->offsite.all : o->per_database) = true;
         } else if (arg == "--quiet") {
             Progress::silence();
         } else if (arg == "--dry-run") {
             o->dry_run = true;
-        } else if (arg == "--export") {
-            if (i + 1 >= argc) return refuse(error, "--export needs a directory");
-            o->export_dir = argv[++i];
+        } else if (arg == "--export" || arg == "--output") {
+            if (i + 1 >= argc) return refuse(error, arg + (arg == "--export" ? " needs a directory" : " needs a file"));
+            (arg == "--export" ? o->export_dir : o->metrics_file) = argv[++i];
         } else if (arg == "--missing") {
             o->missing = true;
         } else if (arg == "--if-configured") {
@@ -165,11 +156,15 @@ bool parse_args(int argc, char** argv, Options* o, std::string* error) {
 // The rules between the arguments; false (with `error` set) when one is broken.
 bool check_args(Options* o, std::string* error) {
     const std::string& c = o->command;
+    if ((!o->metrics_file.empty() || o->per_database) && c != "metrics") {
+        return refuse(error, "--output and --per-database belong to metrics");
+    }
     if (c == "offsite") return parse_offsite(o, error);
     if (o->offsite.has_before || o->offsite.if_configured || o->offsite.all) {
         return refuse(error, "--before, --if-configured and --all-pools belong to offsite");
     }
-    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export") {
+    if (c != "status" && c != "verify" && c != "backup" && c != "recover" && c != "init" && c != "export" &&
+        c != "metrics") {
         return refuse(error, c.empty() ? "no command given" : "unknown command " + c);
     }
     if (!o->dir.empty() && (o->all || o->missing)) {
@@ -182,7 +177,9 @@ bool check_args(Options* o, std::string* error) {
         if (o->all) return refuse(error, "recover takes a database directory or --missing, not --all");
         if (o->dir.empty() && !o->missing) return refuse(error, "recover needs a database directory or --missing");
     }
-    if (c == "init" && (!o->dir.empty() || o->all)) return refuse(error, "init takes no database directory");
+    if ((c == "init" || c == "metrics") && (!o->dir.empty() || o->all)) {
+        return refuse(error, c + " takes no database directory");
+    }
     if (!o->export_dir.empty() && (c != "verify" || !o->dir.empty() || o->all)) {
         return refuse(error, "--export DIR belongs to verify, without a database directory");
     }
@@ -237,6 +234,13 @@ int run(const Options& o) {
     CatalogShadowContext context(new ConfigFileShadowProxy(cr_config, root), new CatalogDirectoryLock());
     if (o.command == "init") return run_init(context, o.output != Output::text);
     if (o.command == "offsite") return koffsite::run_offsite(context, cr_config, root, o.offsite);
+    if (o.command == "metrics") {
+        std::string text;  // "" when written to the file
+        const cr_status_t st = koffsite::write_metrics(context, cr_config, o.per_database, o.metrics_file, &text, &why);
+        fputs(text.c_str(), stdout);
+        if (!why.empty()) return cannot_run(why);
+        return st == CR_STATUS_OK ? kExitOk : st == CR_STATUS_ACCESS_DENIED ? kExitNotReadable : kExitCannotRun;
+    }
     const int started = start_shadow(context);
     if (started != kExitOk) return started;
 
@@ -255,6 +259,7 @@ int run(const Options& o) {
     }
 
     const std::string command = o.command + (o.dry_run ? " --dry-run" : o.missing ? " --missing" : "");
+    const koffsite::RunClock clock;
     std::vector<DatabaseReport> reports;
     {
         const Work work = work_of_command(o.command, o.dry_run);
@@ -280,13 +285,10 @@ int run(const Options& o) {
     if (o.command == "status" || o.command == "verify") summary.pool_problems = pool_problems(context);
     summary.problems += summary.pool_problems.size();
     const bool nothing = !o.all && !o.missing && reports.empty();
-    if (summary.problems > summary.not_readable || nothing) {
-        summary.exit_code = kExitProblems;
-    } else if (summary.not_readable > 0) {
-        summary.exit_code = kExitNotReadable;
-    } else {
-        summary.exit_code = kExitOk;
-    }
+    const bool failed = summary.problems > summary.not_readable || nothing;
+    summary.exit_code = failed ? kExitProblems : summary.not_readable > 0 ? kExitNotReadable : kExitOk;
+    const cr_status_t done = summary.exit_code == kExitOk ? CR_STATUS_OK : CR_STATUS_FAILED;
+    if (o.command == "backup" && o.all) koffsite::record_run(context, koffsite::RecordedRun::backup, clock, done);
     if (nothing) fprintf(stderr, "kavrel-shadow: no catalog database in %s\n", o.dir.c_str());
     switch (o.output) {
     case Output::text: fputs(summary_text(command, summary).c_str(), stdout); break;

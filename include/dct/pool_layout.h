@@ -6,6 +6,7 @@
 //   DBROOT/databases/po/DSID/{po.db,ul.db}                    PO and UL databases
 //   DBROOT/databases/application/DSID/CLIENT/POLICY/app.db    one catalog per data store, client, policy
 //   SHADOW/.catalog_shadow_identity                           marks SHADOW as the pool's shadow root
+//   SHADOW/.catalog_shadow_runs                               the last runs of backup and off-site commands
 //   SHADOW/<the path below the real root>                     the shadow of one database directory
 //
 // SHADOW defaults to STORAGE/catalogshadow. A catalog application's database
@@ -41,6 +42,7 @@ extern const char kAppdbType[];  // "appdb": a catalog's app.db
 // The shadow root.
 extern const char kShadowRootName[];  // "catalogshadow": the default root's name below the storage path
 extern const char kIdentityFile[];    // ".catalog_shadow_identity": marks a root as this pool's
+extern const char kRunRecordFile[];   // ".catalog_shadow_runs": the last runs (offsite/run_record.h)
 
 // The database file of a type word: kPoDbFile, kUlDbFile or kAppDbFile; ""
 // for any other word (compared exactly).
@@ -101,6 +103,8 @@ std::string default_shadow_root(const std::string& storage);
 
 // ROOT "/" ".catalog_shadow_identity", without a second "/" when ROOT ends in one.
 std::string identity_file(const std::string& shadow_root);
+// The same for ".catalog_shadow_runs".
+std::string run_record_file(const std::string& shadow_root);
 
 // Real <-> shadow. A real directory lies in the PO/UL tree when it begins
 // with the PO/UL root, else in the application tree when it begins with the

@@ -250,6 +250,8 @@ TEST(PoolLayoutShadowRoot, IdentityFileHasOneSlashBeforeIt) {
     EXPECT_EQ("/.catalog_shadow_identity", pl::identity_file(""));
     EXPECT_EQ("/.catalog_shadow_identity", pl::identity_file("/"));
     EXPECT_EQ("/a b/.catalog_shadow_identity", pl::identity_file("/a b"));
+    EXPECT_EQ("/sh/.catalog_shadow_runs", pl::run_record_file("/sh"));
+    EXPECT_EQ("/sh/.catalog_shadow_runs", pl::run_record_file("/sh/"));
 }
 
 TEST(PoolLayoutShadowMapping, RealTreeByPrefix) {

@@ -61,7 +61,8 @@ TEST(KavrelShadowManPage, NamesEveryCommandOptionAndExitStatus) {
                              "\\-\\-all", "VELKREGISTRY", "DCT_LOG", "kavrel\\-shadow.timer",
                              "SUMMARY    {\"databases\", \"with_problems\", \"problems\", \"recoverable\"",
                              ".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n", ".B 4\n", ".B init\n",
-                             "not readable (permission denied)", ".SH CONFIGURATION", "CatalogBackupVersionCount"}) {
+                             "not readable (permission denied)", ".SH CONFIGURATION", "CatalogBackupVersionCount",
+                             ".SH METRICS", "\\-\\-per\\-database", ".catalog_shadow_runs", "KAVREL_METRICS_DIR"}) {
         EXPECT_NE(std::string::npos, text.find(word)) << word;
     }
 }
@@ -79,6 +80,10 @@ TEST(KavrelShadowUnits, BackupThenVerifyThenOffsitePushNightly) {
     ASSERT_NE(std::string::npos, push);
     EXPECT_LT(backup, verify);
     EXPECT_LT(verify, push);
+    // The metrics after every run, failed or not, into one directory an operator sets once.
+    EXPECT_NE(std::string::npos, service.find("\nEnvironment=KAVREL_METRICS_DIR=/var/lib/prometheus/node-exporter\n"));
+    EXPECT_NE(std::string::npos,
+              service.find("\nExecStopPost=-@KAVREL_SHADOW_PATH@ metrics --output ${KAVREL_METRICS_DIR}/kavrel.prom\n"));
     EXPECT_NE(std::string::npos, service.find("Type=oneshot\n"));
     EXPECT_NE(std::string::npos, service.find("StandardOutput=journal\n"));
     const std::string timer = kt::read_file(source_dir() + "/tool/kavrel-shadow.timer");
