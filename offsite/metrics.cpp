@@ -17,6 +17,8 @@
 #include "dct/log.h"
 #include "offsite/offsite.h"
 #include "offsite/restic.h"
+#include "offsite/repository_id.h"
+#include "offsite/restore_marker.h"
 #include "offsite/shadow_actions.h"
 #include "offsite/shadow_inventory.h"
 
@@ -43,6 +45,8 @@ const KindRule kKindRules[] = {
     {"row_checksum", "row checksum mismatch"},
     {"rows_unreadable", "catalog rows could not be read"},
     {"lock_not_taken", "directory lock not taken"},
+    {"rows_not_recoverable", "recovery would lose"},
+    {"rows_brought_back", "recovery would bring back"},
 };
 const char* const kNotReadableKind = "not_readable";
 const char* const kOtherKind = "other";
@@ -100,6 +104,8 @@ void count_database(const CatalogShadowContext& context, const kshadow::Database
     }
     d.journal_lines = r.journal_lines_since_newest;
     m->max_journal_lines = std::max<uint64_t>(m->max_journal_lines, d.journal_lines);
+    if (r.recovery.coverage.known) d.rows_not_recoverable = r.recovery.coverage.lost_rows;
+    m->rows_not_recoverable += d.rows_not_recoverable;
     if (m->per_database) m->databases_list.push_back(d);
 }
 
@@ -163,6 +169,11 @@ cr_status_t collect_metrics(CatalogShadowContext& context, const std::string& cr
     m->identity_denied = started == CR_STATUS_ACCESS_DENIED;
     m->shadow_up = started == CR_STATUS_OK && context.enabled;
     cr_status_t status = m->identity_denied ? CR_STATUS_ACCESS_DENIED : CR_STATUS_NONE;
+    // The marker lies beside the shadow root: it tells even when the root is lost.
+    const std::string shadow_root = shadow_root_of(context);
+    RestoreMarker marker;
+    m->restore_unfinished = !shadow_root.empty() && read_restore_marker(shadow_root, &marker) != CR_STATUS_MISSING;
+    if (remembered_repository_id(shadow_root, &m->repository_id) != CR_STATUS_OK) m->repository_id.clear();
     if (m->shadow_up) {
         const cr_status_t runs = read_run_records(shadow_root_of(context), &m->runs);
         m->runs_readable = runs == CR_STATUS_OK;

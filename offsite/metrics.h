@@ -32,6 +32,7 @@ struct DatabaseMetrics {
     bool unreadable = false;
     int64_t newest_version = 0;  // modification time of its newest version (0: none)
     uint64_t journal_lines = 0;  // since the newest version
+    uint64_t rows_not_recoverable = 0;  // live rows its shadow could not give back
 };
 
 // What the metrics say.
@@ -49,6 +50,9 @@ struct PoolMetrics {
     bool have_versions = false;
     int64_t oldest_newest_version = 0;  // the oldest of the databases' newest versions
     uint64_t max_journal_lines = 0;     // the most journal lines since a version
+    uint64_t rows_not_recoverable = 0;  // live rows the shadow could not give back, all databases
+    bool restore_unfinished = false;    // a restore's marker is there (offsite/restore_marker.h)
+    std::string repository_id;          // the repository id the pool remembers ("": none)
     bool runs_readable = false;         // the record of runs could be read
     RunRecords runs;
     bool offsite_configured = false;    // [Offsite] Repository is set

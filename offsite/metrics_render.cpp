@@ -131,6 +131,11 @@ const Series kSeries[] = {
     {"kavrel_shadow_journal_lines_since_version_max", "gauge",
      "The most journal lines written since a database's newest version.",
      [](const PoolMetrics& m, Samples& s) { if (m.shadow_up) s.add(m.max_journal_lines); }},
+    {"kavrel_shadow_rows_not_recoverable", "gauge",
+     "Live rows that a recovery from the shadow now would not give back, in all databases.",
+     [](const PoolMetrics& m, Samples& s) { if (m.shadow_up) s.add(m.rows_not_recoverable); }},
+    {"kavrel_restore_unfinished", "gauge", "1 while an off-site restore has been started and not finished.",
+     [](const PoolMetrics& m, Samples& s) { s.add(m.restore_unfinished ? 1 : 0); }},
     {"kavrel_run_records_readable", "gauge", "1 when the record of the last runs could be read.",
      [](const PoolMetrics& m, Samples& s) { if (m.shadow_up) s.add(m.runs_readable ? 1 : 0); }},
     {"kavrel_last_run_timestamp_seconds", "gauge", "Start of the command's last run.",
@@ -159,6 +164,9 @@ const Series kSeries[] = {
      }},
     {"kavrel_offsite_configured", "gauge", "1 when the configuration names an off-site repository.",
      [](const PoolMetrics& m, Samples& s) { s.add(m.offsite_configured ? 1 : 0); }},
+    {"kavrel_offsite_repository_info", "gauge",
+     "1, labelled with the id of the off-site repository the pool remembers (absent when it remembers none).",
+     [](const PoolMetrics& m, Samples& s) { if (!m.repository_id.empty()) s.add(one_label("id", m.repository_id), 1); }},
     {"kavrel_offsite_repository_up", "gauge", "1 when the newest push or check could open the repository.",
      [](const PoolMetrics& m, Samples& s) { if (repository_known(m)) s.add(m.runs.repository.reachable ? 1 : 0); }},
     {"kavrel_offsite_repository_checked_timestamp_seconds", "gauge",
@@ -196,6 +204,11 @@ const Series kSeries[] = {
     {"kavrel_database_journal_lines_since_version", "gauge", "Journal lines since the database's newest version.",
      [](const PoolMetrics& m, Samples& s) {
          per_database(m, [&](const DatabaseMetrics& d, const std::string& l) { s.add(l, d.journal_lines); });
+     }},
+    {"kavrel_database_rows_not_recoverable", "gauge",
+     "Live rows of the database that a recovery from its shadow now would not give back.",
+     [](const PoolMetrics& m, Samples& s) {
+         per_database(m, [&](const DatabaseMetrics& d, const std::string& l) { s.add(l, d.rows_not_recoverable); });
      }},
 };
 // clang-format on

@@ -133,7 +133,7 @@ TEST(MetricsProblemKinds, EachTextOfTheInspectionHasItsKind) {
     EXPECT_EQ("lock_not_taken", koffsite::problem_kind("directory lock not taken (status 11)", false));
     EXPECT_EQ("not_readable", koffsite::problem_kind("not readable (permission denied)", true));
     EXPECT_EQ("other", koffsite::problem_kind("backup failed: disk full", false));
-    EXPECT_EQ(13u, koffsite::problem_kinds().size());
+    EXPECT_EQ(15u, koffsite::problem_kinds().size());
 }
 
 // Label values as the format takes them: quotes, backslashes and line breaks

@@ -158,6 +158,9 @@ protected:
                 EXPECT_EQ(1, seen.exit_status) << seen.err;
                 EXPECT_NE(std::string::npos, seen.out.find(marker_ + ": a restore of snapshot ")) << seen.out;
             }
+            // The metrics say so too, whether or not the shadow root is back.
+            const kt::RunResult metrics = run({"metrics"});
+            EXPECT_NE(std::string::npos, metrics.out.find("\nkavrel_restore_unfinished 1\n")) << metrics.out;
             kt::RunResult r = offsite({"push"});
             EXPECT_EQ(3, r.exit_status);
             EXPECT_EQ(identity ? 0u : std::string::npos,
@@ -168,6 +171,7 @@ protected:
             r = offsite({"restore", "latest"});
             EXPECT_EQ(0, r.exit_status) << r.out << r.err;
             EXPECT_NE(0, access(marker_.c_str(), F_OK));
+            EXPECT_NE(std::string::npos, run({"metrics"}).out.find("\nkavrel_restore_unfinished 0\n"));
             EXPECT_EQ(rows1, names(p1_ + "/app.db"));
             EXPECT_EQ(rows2, names(p2_ + "/app.db"));
             EXPECT_EQ(0, run({"verify"}).exit_status);
@@ -227,6 +231,15 @@ TEST_F(DisasterTest, StatusAndVerifyReportRowsARecoveryWouldLose) {
         EXPECT_EQ(1, r.exit_status) << command;
         EXPECT_NE(std::string::npos, r.out.find(lose + back)) << r.out;
     }
+    const kt::RunResult metrics = run_read_only({"metrics", "--per-database"});
+    EXPECT_NE(std::string::npos, metrics.out.find("\nkavrel_shadow_rows_not_recoverable 1\n")) << metrics.out;
+    EXPECT_NE(std::string::npos, metrics.out.find("kavrel_problems{kind=\"rows_not_recoverable\"} 1\n")) << metrics.out;
+    EXPECT_NE(std::string::npos, metrics.out.find("kavrel_problems{kind=\"rows_brought_back\"} 1\n")) << metrics.out;
+    EXPECT_NE(std::string::npos, metrics.out.find("\nkavrel_database_rows_not_recoverable{")) << metrics.out;
+    // No repository made yet: none remembered.
+    EXPECT_EQ(std::string::npos, metrics.out.find("kavrel_offsite_repository_info{")) << metrics.out;
+    ASSERT_EQ(0, offsite({"init"}).exit_status);
+    EXPECT_NE(std::string::npos, run_read_only({"metrics"}).out.find("\nkavrel_offsite_repository_info{id=\""));
     nftw(pool_.dir().path().c_str(), kst::make_read_only, 16, FTW_PHYS);
     kt::RunOptions as_nobody;
     as_nobody.in_child = kst::drop_privileges;
