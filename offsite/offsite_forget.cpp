@@ -75,7 +75,8 @@ std::string retention_text(const OffsiteConfig& config) {
     return text;
 }
 
-cr_status_t forget(const Restic& restic, const std::string& pool, bool dry_run, ForgetResult* r) {
+cr_status_t forget(const Restic& restic, const std::string& pool, bool dry_run, ForgetResult* r,
+                   const char* function) {
     *r = ForgetResult();
     r->repository = shown_repository(restic.config().repository);
     r->rule = retention_text(restic.config());
@@ -91,13 +92,13 @@ cr_status_t forget(const Restic& restic, const std::string& pool, bool dry_run, 
     }
     r->refused = !run.stop_line.empty() && !refusal(run.stop_line).empty();
     r->stop = Restic::could_not_open(run) ? Stop::not_started : Stop::failed;
-    r->reason = restic.failure("restic forget", run);
     // A refusal is what an append-only repository is for; whether it is a
     // failure is the caller's to say.
     if (r->refused) {
-        WarningA(CR_STATUS_ACCESS_DENIED, "%s: %s", "kavrel-shadow offsite forget", r->reason.c_str());
+        r->reason = restic.failure("restic forget", run);
+        WarningA(CR_STATUS_ACCESS_DENIED, "%s: %s", function, r->reason.c_str());
     } else {
-        ErrorA(CR_STATUS_FAILED, "%s: %s", "kavrel-shadow offsite forget", r->reason.c_str());
+        r->reason = restic.report(function, CR_STATUS_FAILED, "restic forget", run);
     }
     return CR_STATUS_FAILED;
 }

@@ -43,9 +43,11 @@ struct ForgetResult {
 // Applies the rule of `restic`'s configuration to the snapshots of `pool`
 // and prunes the data no snapshot needs any more (`restic forget --prune`);
 // with `dry_run` it only finds what it would remove. 0 when done; otherwise
-// 4 (logged) with result->stop and result->reason, and result->refused when
-// the repository refused the deletion.
-cr_status_t forget(const Restic& restic, const std::string& pool, bool dry_run, ForgetResult* result);
+// 4 (logged under `function`, the command that asked, with all restic said)
+// with result->stop and result->reason, and result->refused when the
+// repository refused the deletion.
+cr_status_t forget(const Restic& restic, const std::string& pool, bool dry_run, ForgetResult* result,
+                   const char* function = "kavrel-shadow offsite forget");
 
 }  // namespace koffsite
 

@@ -96,8 +96,14 @@ cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, con
     }
     std::string id;
     bool remembered = false;
-    if (check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK ||
-        (!remembered && remember_repository_id(shadow_root, id, &why) != CR_STATUS_OK)) {
+    if (check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK) {
+        // Not there, not to be opened, or not the pool's: no push can use it.
+        repo->known = true;
+        repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
+        repo->reachable = false;
+        return stopped(r, Stop::not_started, why);
+    }
+    if (!remembered && remember_repository_id(shadow_root, id, &why) != CR_STATUS_OK) {
         return stopped(r, Stop::not_started, why);
     }
     const std::string scratch = scratch_path(shadow_root, "push");
@@ -130,7 +136,7 @@ cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, con
     // An append-only repository is thinned out by its own host.
     r->append_only = restic.config().append_only;
     ForgetResult thinned;
-    if (!r->append_only && forget(restic, pool, false, &thinned) != CR_STATUS_OK) {
+    if (!r->append_only && forget(restic, pool, false, &thinned, "kavrel-shadow offsite push") != CR_STATUS_OK) {
         r->deletion_refused = thinned.refused;
         if (!thinned.refused) r->forget_failure = thinned.reason;
     } else if (!r->append_only) {

@@ -178,7 +178,7 @@ TEST(MetricsManual, NamesEverySeries) {
         EXPECT_NE(std::string::npos, page.find(name)) << name;
         ++series;
     }
-    EXPECT_EQ(29u, series);
+    EXPECT_EQ(32u, series);
 }
 
 TEST_F(MetricsEngineTest, PushAndCheckRecordTheRepository) {
@@ -193,6 +193,8 @@ TEST_F(MetricsEngineTest, PushAndCheckRecordTheRepository) {
     std::string reason;
     ASSERT_EQ(CR_STATUS_OK, koffsite::open_offsite(pool_.config(), &config, &reason)) << reason;
     const koffsite::Restic restic(config);
+    koffsite::InitRepositoryResult made;
+    ASSERT_EQ(CR_STATUS_OK, koffsite::init_repository(*context_, restic, &made)) << made.reason;
     koffsite::PushResult pushed;
     ASSERT_EQ(CR_STATUS_OK, koffsite::push(*context_, restic, pool_.root(), &pushed)) << pushed.reason;
     koffsite::RunRecords r = records();

@@ -81,6 +81,8 @@ protected:
         configure(offsite);
         const OtherPool second(pool_.dir().file("second"), offsite);
         second.build("c7", "p7", 2);
+        // This pool is pointed at `repository` (made here when it is not there).
+        ASSERT_EQ(0, offsite_run({"init"}, kt::RunOptions()).exit_status);
         ASSERT_EQ(0, offsite_run({"push"}, kt::RunOptions()).exit_status);
         kt::RunResult r = offsite_run({"push"}, second.options());
         ASSERT_EQ(0, r.exit_status) << r.out << r.err;
