@@ -76,6 +76,13 @@ cr_status_t back_up(const Restic& restic, const std::string& pool, const std::st
     return stopped(r, Restic::could_not_open(backup) ? Stop::not_started : Stop::failed, failure);
 }
 
+// What a push or check learnt of the repository now: whether restic could use it.
+void learnt(RepositoryRecord* repo, bool reachable) {
+    repo->known = true;
+    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
+    repo->reachable = reachable;
+}
+
 // push without its record; what it learnt of the repository goes to `repo`.
 cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, const std::string& pool,
                         PushResult* r, RepositoryRecord* repo) {
@@ -98,9 +105,7 @@ cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, con
     bool remembered = false;
     if (check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK) {
         // Not there, not to be opened, or not the pool's: no push can use it.
-        repo->known = true;
-        repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
-        repo->reachable = false;
+        learnt(repo, false);
         return stopped(r, Stop::not_started, why);
     }
     if (!remembered && remember_repository_id(shadow_root, id, &why) != CR_STATUS_OK) {
@@ -122,9 +127,7 @@ cr_status_t push_shadow(CatalogShadowContext& context, const Restic& restic, con
     for (const auto& d : r->exported.databases) r->rows += d.rows_known ? d.rows : 0;
     json summary;
     const cr_status_t backed_up = back_up(restic, pool, scratch_dir.path(), r, &summary);
-    repo->known = true;
-    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
-    repo->reachable = backed_up == CR_STATUS_OK || r->stop == Stop::failed;
+    learnt(repo, backed_up == CR_STATUS_OK || r->stop == Stop::failed);
     if (backed_up != CR_STATUS_OK) return backed_up;
     repo->newest_snapshot = r->exported.started;
     r->snapshot = summary.value("snapshot_id", "");
@@ -160,13 +163,12 @@ cr_status_t check_shadow_copy(CatalogShadowContext& context, const Restic& resti
     std::string id;
     bool remembered = false;
     if (check_repository(restic, shadow_root, &id, &remembered, &why) != CR_STATUS_OK) {
+        learnt(repo, false);
         return stopped(r, Stop::not_started, why);
     }
     std::vector<Snapshot> snapshots;
     const cr_status_t listed = list_snapshots(restic, pool, &snapshots, &why);
-    repo->known = true;
-    repo->time = static_cast<int64_t>(dct::current_environment().now_ms() / 1000);
-    repo->reachable = listed == CR_STATUS_OK;
+    learnt(repo, listed == CR_STATUS_OK);
     if (listed != CR_STATUS_OK) return stopped(r, Stop::not_started, why);
     repo->snapshots = static_cast<int64_t>(snapshots.size());
     if (!snapshots.empty()) repo->newest_snapshot = snapshots.back().time;

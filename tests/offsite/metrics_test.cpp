@@ -2,6 +2,7 @@
 // record (times from the environment's clock), a damaged record and a root
 // without its identity file, the kinds of problem, and a push and check
 // against a real restic repository as the metrics then show them.
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -220,6 +221,15 @@ TEST_F(MetricsEngineTest, PushAndCheckRecordTheRepository) {
                                            std::to_string(checked.newest.time) + "\n"))
         << text;
     EXPECT_NE(std::string::npos, text.find("\nkavrel_last_success_timestamp_seconds{command=\"check\"} ")) << text;
+
+    // The repository moved away (a disk not mounted): the check that finds it
+    // gone records it down.
+    const std::string repo = pool_.dir().file("repo");
+    ASSERT_EQ(0, rename(repo.c_str(), (repo + ".away").c_str()));
+    EXPECT_NE(CR_STATUS_OK, koffsite::check(*context_, restic, pool_.root(), &checked));
+    r = records();
+    EXPECT_FALSE(r.of(RecordedRun::check).success);
+    EXPECT_FALSE(r.repository.reachable);
 }
 
 }  // namespace
